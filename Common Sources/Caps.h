@@ -1,0 +1,30 @@
+// Every bound on what comes from outside (the network, a file, the environment) has its name here.
+// Code checks the bound before it allocates.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vardell {
+
+// Property lists: the largest document that is parsed, and its deepest nesting.
+inline constexpr std::size_t kMaxPropertyListBytes = 8u << 20;
+inline constexpr int kMaxPropertyListDepth = 64;
+
+// The wire: the largest request frame that a Server takes (whole frame), and the most of a reply
+// that an Agent keeps (body and length field); what comes beyond is read and dropped.
+inline constexpr std::uint32_t kMaxRequestFrameBytes = 16u << 10;
+inline constexpr std::size_t kMaxReplyBytes = 1u << 20;
+
+// Strings in the raw-buffer form of the codec, and user names and identifiers that a Server stores.
+inline constexpr std::int32_t kMaxBufferStringBytes = 1024;
+inline constexpr std::size_t kMaxNameBytes = 1024;
+
+// The Server: connections it keeps at once, connections from one address, and the largest body of
+// a request on its control socket.
+inline constexpr std::size_t kMaxAgentConnections = 12000;
+inline constexpr std::size_t kMaxControlConnections = 64;
+inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;
+inline constexpr std::size_t kMaxControlHeaderBytes = 8u << 10;
+
+}  // namespace vardell

@@ -1,0 +1,57 @@
+# Settings and functions that every folder's CMakeLists.txt uses.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_AUTOMOC ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
+endif()
+
+add_compile_options(-Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wimplicit-fallthrough -Werror)
+add_compile_definitions(QT_NO_CAST_TO_ASCII QT_NO_FOREACH QT_NO_KEYWORDS)
+if(VARDELL_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# vardell_library(NAME SOURCES file... [PUBLIC lib...] [PRIVATE lib...])
+function(vardell_library name)
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  add_library(${name} STATIC ${arg_SOURCES})
+  target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}")
+  target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+endfunction()
+
+# vardell_test(NAME SOURCES file... LIBS lib... [DESKTOP] [LOCK resource...] [DEPENDS target...])
+# One GoogleTest program, one CTest test. DESKTOP runs it under tools/desktop: its own X server,
+# window manager, session and system bus, and Avahi on loopback. DEPENDS are programs that it starts.
+function(vardell_test name)
+  cmake_parse_arguments(arg "DESKTOP" "TIMEOUT" "SOURCES;LIBS;LOCK;DEPENDS" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main)
+  target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
+  target_compile_definitions(${name} PRIVATE
+    VARDELL_SOURCE_DIR="${PROJECT_SOURCE_DIR}" VARDELL_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  if(arg_DEPENDS)
+    add_dependencies(${name} ${arg_DEPENDS})
+  endif()
+  if(arg_DESKTOP)
+    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/tools/desktop"
+      --dir "${CMAKE_BINARY_DIR}/desktop/${name}" -- $<TARGET_FILE:${name}>)
+    list(APPEND arg_LOCK avahi)
+  else()
+    add_test(NAME ${name} COMMAND ${name})
+  endif()
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
+  if(arg_LOCK)
+    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK "${arg_LOCK}")
+  endif()
+endfunction()

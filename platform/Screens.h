@@ -1,0 +1,28 @@
+// Taking all screens and all input for a full-screen message.
+// Implemented by platform/linux/ (X11) and by a fake. Main thread only.
+#pragma once
+
+#include <QRect>
+#include <QWindow>
+#include <functional>
+
+namespace vardell {
+
+// Modes and options of SetSystemUIMode, as the messages use them.
+enum class SystemUIMode { Normal = 0, ContentHidden = 2 };
+inline constexpr int kUIOptionDisableProcessSwitch = 8;
+
+class Screens {
+ public:
+  virtual ~Screens() = default;
+  // The primary screen in global coordinates (logical pixels).
+  virtual QRect MainDisplayBounds() = 0;
+  // Covers every screen but the primary one with black, also those that are plugged in later.
+  virtual void CaptureSecondaryDisplays() = 0;
+  virtual void ReleaseDisplays() = 0;
+  // ContentHidden takes keyboard and pointer for `window` (tried again from a timer while another
+  // program holds them); Normal gives them back. A click on any screen reaches `window`.
+  virtual void SetSystemUIMode(SystemUIMode mode, int options, QWindow* window) = 0;
+};
+
+}  // namespace vardell
