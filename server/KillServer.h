@@ -1,0 +1,49 @@
+// The listener on 127.0.0.1 that ends processes for the agents of this machine (request kind 7).
+// Connections are served on the io_context; the killing itself, which may wait for login1, runs on
+// a thread of its own, one request after the other. No reply is ever sent.
+//
+// A connection whose user cannot be told, another kind of request or a malformed frame closes the
+// connection; a text that is not a pid is refused and logged. Each request becomes one line.
+#pragma once
+
+#include <QString>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "server/PeerIdentity.h"
+#include "server/SafeKill.h"
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace vardell::server {
+
+inline constexpr std::uint16_t kKillListenerPort = 49308;
+
+class KillServer {
+ public:
+  struct Options {
+    std::uint16_t port = kKillListenerPort;  // tests: 0 for any
+    std::function<KillResult(pid_t pid, uid_t requester)>
+        kill;  // on the other thread; empty: KillOnRequest
+    std::function<std::optional<std::uint32_t>(int socket)> userBehind = UserBehind;
+    std::function<void(const QString& line)> log;  // on the io_context's thread
+  };
+
+  // Listens at once. Throws std::runtime_error with a line for people when the port is taken.
+  KillServer(boost::asio::io_context& network, Options options);
+  // Closes every connection; waits for a kill under way.
+  ~KillServer();
+
+  std::uint16_t Port() const;
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;  // shared with the handlers that are still in the io_context's queue
+};
+
+}  // namespace vardell::server
