@@ -1,0 +1,41 @@
+// Screens that takes nothing and records what was asked for, in order.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/Screens.h"
+
+namespace vardell {
+
+class FakeScreens : public Screens {
+ public:
+  QRect MainDisplayBounds() override { return bounds; }
+
+  void CaptureSecondaryDisplays() override {
+    captured = true;
+    calls.push_back("capture");
+  }
+
+  void ReleaseDisplays() override {
+    captured = false;
+    calls.push_back("release");
+  }
+
+  void SetSystemUIMode(SystemUIMode newMode, int newOptions, QWindow* newWindow) override {
+    mode = newMode;
+    options = newOptions;
+    window = newMode == SystemUIMode::Normal ? nullptr : newWindow;
+    calls.push_back("mode " + std::to_string(static_cast<int>(newMode)) + " " +
+                    std::to_string(newOptions));
+  }
+
+  QRect bounds{0, 0, 800, 600};
+  bool captured = false;
+  SystemUIMode mode = SystemUIMode::Normal;
+  int options = 0;
+  QWindow* window = nullptr;       // the one that holds the input
+  std::vector<std::string> calls;  // "capture", "release", "mode 2 8", "mode 0 0"
+};
+
+}  // namespace vardell
