@@ -1,0 +1,207 @@
+#include "core/EnforcementTick.h"
+
+#include <unistd.h>
+
+#include <QDateTime>
+#include <algorithm>
+#include <cstddef>
+#include <thread>
+
+#include "Common Sources/TimeZones.h"
+#include "limits/Curfew.h"
+#include "limits/DiskQuota.h"
+#include "link/MessageEncoding.h"
+#include "link/RequestExchange.h"
+
+namespace vardell {
+namespace {
+
+constexpr std::int32_t kFirstRetryPause = 5;
+constexpr std::int32_t kLongestRetryPause = 60;
+constexpr std::int16_t kReportTimeout = 3;
+
+bool IsSession(const WatchedApp& entry) {
+  return entry.identifier == QLatin1String(kLoginWindowIdentifier);
+}
+
+bool IsGlobalSettings(const WatchedApp& entry) {
+  return entry.identifier == QLatin1String(kGlobalSettingsIdentifier);
+}
+
+std::int32_t CreditLineKey(const WatchedApp& entry) {
+  return IsSession(entry) ? -1 : entry.pid;
+}
+
+bool IsInTable(const Agent& agent, const WatchedAppPtr& entry) {
+  return std::find(agent.watchedApps.begin(), agent.watchedApps.end(), entry) !=
+         agent.watchedApps.end();
+}
+
+void ForgetEntry(Agent& agent, const WatchedApp& entry) {
+  Tell(agent.ui.removeAppCreditLine, CreditLineKey(entry));
+  agent.alerts.DropAlertsOf(entry);
+}
+
+// True when the Server no longer watches the identifier.
+bool ReportAndRefresh(Agent& agent, WatchedApp& entry) {
+  const QByteArray payload =
+      AppendLimitsRecordToData(agent.currentUserName, entry.identifier, entry.limits);
+  (void)SendRequest(agent.link, RequestKind::CreditReport, payload, kReportTimeout, false, nullptr);
+  return RefreshWatchedApp(MakeWatchContext(agent), entry, !entry.lastMinuteUsed);
+}
+
+void SpendLastMinute(Agent& agent, WatchedApp& entry) {
+  entry.held = false;
+  entry.limits.credit = 1;
+  EndWatchedApp(agent, entry);
+}
+
+void EndAfterAlert(Agent& agent, const WatchedAppPtr& entry) {
+  if (!entry->held || !IsInTable(agent, entry)) return;
+  SpendLastMinute(agent, *entry);
+  --entry->limits.credit;
+  (void)ReportAndRefresh(agent, *entry);
+  std::erase(agent.watchedApps, entry);
+  ForgetEntry(agent, *entry);
+}
+
+void KillAfterCurfewAlert(Agent& agent, const WatchedAppPtr& entry) {
+  if (!entry->curfewKillPending) return;
+  entry->curfewKillPending = false;
+  KillProcess(agent.link, agent.loginPid);
+}
+
+void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
+  KillAfterCurfewAlert(agent, entry);
+  CurfewActions actions;
+  actions.localNow = [] {
+    return QDateTime::currentDateTimeUtc().toTimeZone(CopyCurrentTimeZone());
+  };
+  actions.showAlert = [&agent](const WatchedAppPtr& about, bool isEarly, std::int32_t minutes,
+                               std::function<void()> dismissed) {
+    QueueCurfewAlert(agent, about, isEarly, minutes, std::move(dismissed));
+  };
+  actions.killProcess = [&agent](std::int32_t pid) { KillProcess(agent.link, pid); };
+  actions.loginPid = [&agent] { return agent.loginPid; };
+  CheckCurfew(entry, actions);
+}
+
+// True when the entry is to be removed.
+bool CheckMinute(Agent& agent, const WatchedAppPtr& entry) {
+  if (IsGlobalSettings(*entry)) CheckDiskQuota(*entry, {agent.ui.setDiskLine});
+  CheckCurfewOf(agent, entry);
+
+  bool remove = false;
+  std::int32_t& credit = entry->limits.credit;
+  if (credit == 0) {
+    EndWatchedApp(agent, *entry);
+    remove = true;
+  }
+  if (credit == 1) {
+    QueueCreditAlert(agent, entry, CreditAlertKind::Low, {});
+    entry->lastMinuteUsed = true;
+  }
+  if (credit == 5) QueueCreditAlert(agent, entry, CreditAlertKind::DiscoIn5, {});
+  if (credit == kSpentCredit) {
+    entry->lastMinuteUsed = true;
+    if (!entry->held) {
+      entry->held = true;
+      QueueCreditAlert(agent, entry, CreditAlertKind::Disco,
+                       [&agent, entry] { EndAfterAlert(agent, entry); });
+      return false;
+    }
+    SpendLastMinute(agent, *entry);
+    remove = true;
+  }
+  --credit;
+  if (!IsGlobalSettings(*entry) && ReportAndRefresh(agent, *entry)) remove = true;
+  return remove;
+}
+
+void CountSecond(Agent& agent, std::size_t index) {
+  const WatchedAppPtr entry = agent.watchedApps[index];
+  if (!IsWatchedProcessAlive(agent, *entry)) {
+    RemoveEntriesWithPid(agent, entry->pid);
+    return;
+  }
+  if (entry->ticks % 60 == 0 && CheckMinute(agent, entry)) {
+    std::erase(agent.watchedApps, entry);
+    ForgetEntry(agent, *entry);
+    return;
+  }
+  ++entry->ticks;
+}
+
+void LookForLostServer(Agent& agent) {
+  if (!agent.link.replyMissed && !agent.link.offerAgain) {
+    agent.serverRetryPause = 0;
+    return;
+  }
+  if (!agent.link.offerAgain) {
+    if (agent.serverRetryPause == 0) {
+      agent.serverRetryPause = agent.serverRetryCountdown = kFirstRetryPause;
+    }
+    if (--agent.serverRetryCountdown > 0) return;
+    agent.serverRetryPause = std::min(2 * agent.serverRetryPause, kLongestRetryPause);
+    agent.serverRetryCountdown = agent.serverRetryPause;
+    // A pair that is still there would answer "connected" without asking the network.
+    DropServerConnection(agent.link);
+    if (ConnectToServer(agent.link) != 0) return;
+  }
+  agent.link.offerAgain = false;
+  OfferRunningApplications(agent);
+}
+
+}  // namespace
+
+bool IsWatchedProcessAlive(Agent& agent, const WatchedApp& entry) {
+  if (entry.identifier.compare(QLatin1String(kLoginWindowIdentifier), Qt::CaseInsensitive) == 0) {
+    return true;
+  }
+  return entry.pid == 0 || agent.platform.processes.IsAlive(entry.pid);
+}
+
+void EndWatchedApp(Agent& agent, const WatchedApp& entry) {
+  if (IsSession(entry) && agent.platform.frontApplication.IsDisplayCaptured()) {
+    const std::int32_t front = agent.platform.frontApplication.FrontPid();
+    if (front != getpid()) {
+      KillProcess(agent.link, front);
+      std::this_thread::sleep_for(5 * agent.secondLength);
+    }
+  }
+  KillProcess(agent.link, entry.pid);
+}
+
+void RemoveEntriesWithPid(Agent& agent, std::int32_t pid) {
+  const WatchedAppTable before = agent.watchedApps;
+  RemoveWatchedAppsWithPid(pid, agent.watchedApps);
+  for (const WatchedAppPtr& entry : before) {
+    if (!IsInTable(agent, entry)) ForgetEntry(agent, *entry);
+  }
+}
+
+void RefreshStatusCredits(Agent& agent) {
+  for (const WatchedAppPtr& entry : agent.watchedApps) {
+    if (IsGlobalSettings(*entry) || entry->limits.credit == kSpentCredit) continue;
+    const std::uint32_t secondsLeft = 60u - entry->ticks;
+    Tell(agent.ui.setAppCreditLine, CreditLineKey(*entry), entry->displayName,
+         entry->limits.credit + secondsLeft / 100.0);
+  }
+}
+
+void OfferRunningApplications(Agent& agent) {
+  std::erase_if(agent.watchedApps, [](const WatchedAppPtr& e) { return IsGlobalSettings(*e); });
+  FillWatchedApps(MakeWatchContext(agent), agent.watchedApps);
+}
+
+void EnforcementTick(Agent& agent) {
+  if (agent.statusRefreshCountdown > 0) {
+    RefreshStatusCredits(agent);
+    --agent.statusRefreshCountdown;
+  }
+  for (std::size_t i = 0; i < agent.watchedApps.size(); ++i) CountSecond(agent, i);
+  Tell(agent.ui.countDownOverlay);
+  LookForLostServer(agent);
+}
+
+}  // namespace vardell

@@ -1,0 +1,39 @@
+#include <QApplication>
+
+#include "Common Sources/Localization.h"
+#include "Common Sources/TestHooks.h"
+#include "core/Agent.h"
+#include "core/Environment.h"
+#include "core/StartUp.h"
+#include "platform/linux/AvahiDiscovery.h"
+#include "platform/linux/LinuxPreferences.h"
+#include "platform/linux/LinuxProcesses.h"
+#include "platform/linux/LinuxSession.h"
+#include "platform/linux/LinuxSystem.h"
+#include "platform/linux/WindowOwners.h"
+#include "platform/linux/XcbFrontApplication.h"
+#include "platform/linux/XcbHotKeys.h"
+#include "platform/linux/XcbScreens.h"
+
+int main(int argc, char** argv) {
+  using namespace vardell;
+  CleanEnvironment();
+  QApplication application(argc, argv);
+  application.setApplicationName(QStringLiteral("vardell-agent"));
+  application.setQuitOnLastWindowClosed(false);
+  InstallTranslations(application);
+
+  LinuxSystem system;
+  LinuxPreferences preferences;
+  LinuxSession session;
+  LinuxProcesses processes(session, WindowOwners);
+  AvahiDiscovery discovery;
+  XcbHotKeys hotKeys;
+  XcbFrontApplication frontApplication;
+  XcbScreens screens;
+  Agent agent(
+      {processes, session, system, preferences, discovery, hotKeys, frontApplication, screens},
+      MonotonicNow, SecondLength());
+  InstallUserInterface(agent);
+  return RunAgent(agent, {[&] { return QApplication::exec(); }, [&] { QApplication::quit(); }});
+}
