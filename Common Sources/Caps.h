@@ -20,11 +20,19 @@ inline constexpr std::size_t kMaxReplyBytes = 1u << 20;
 inline constexpr std::int32_t kMaxBufferStringBytes = 1024;
 inline constexpr std::size_t kMaxNameBytes = 1024;
 
+// Services and domains that one search keeps; an announcing network cannot fill the memory.
+inline constexpr std::size_t kMaxFoundServices = 1024;
+
 // The Server: connections it keeps at once, connections from one address, and the largest body of
 // a request on its control socket.
 inline constexpr std::size_t kMaxAgentConnections = 12000;
 inline constexpr std::size_t kMaxControlConnections = 64;
+inline constexpr std::size_t kMaxControlConnectionsOfUser = 16;
 inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;
 inline constexpr std::size_t kMaxControlHeaderBytes = 8u << 10;
+
+// The Server's kill listener.
+inline constexpr std::size_t kMaxKillConnections = 512;
+inline constexpr std::size_t kMaxKillConnectionsOfUser = 32;
 
 }  // namespace vardell
