@@ -11,6 +11,11 @@ namespace vardell {
 inline constexpr std::size_t kMaxPropertyListBytes = 8u << 20;
 inline constexpr int kMaxPropertyListDepth = 64;
 
+// Pictures: the largest file or command output that is decoded, and the memory it may take decoded.
+inline constexpr std::size_t kMaxPictureBytes = 8u << 20;
+inline constexpr std::size_t kMaxPictureCommandBytes = 1u << 20;
+inline constexpr int kMaxPictureMegabytes = 64;
+
 // The wire: the largest request frame that a Server takes (whole frame), and the most of a reply
 // that an Agent keeps (body and length field); what comes beyond is read and dropped.
 inline constexpr std::uint32_t kMaxRequestFrameBytes = 16u << 10;
@@ -26,13 +31,23 @@ inline constexpr std::size_t kMaxFoundServices = 1024;
 // The Server: connections it keeps at once, connections from one address, and the largest body of
 // a request on its control socket.
 inline constexpr std::size_t kMaxAgentConnections = 12000;
+inline constexpr std::size_t kMaxConnectionsPerAddress = 1024;
 inline constexpr std::size_t kMaxControlConnections = 64;
 inline constexpr std::size_t kMaxControlConnectionsOfUser = 16;
 inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;
 inline constexpr std::size_t kMaxControlHeaderBytes = 8u << 10;
+// The most of an answer that vardellctl takes.
+inline constexpr std::size_t kMaxControlReplyBytes = 16u << 20;
 
 // The Server's kill listener.
 inline constexpr std::size_t kMaxKillConnections = 512;
 inline constexpr std::size_t kMaxKillConnectionsOfUser = 32;
+
+// The Server: what waits for one client that does not read, hosts of one user and identifier,
+// changes that wait for a failing disk, and rows of one answer from the ledger.
+inline constexpr std::size_t kMaxUnsentReplyBytes = 1u << 20;
+inline constexpr std::size_t kMaxLanesPerIdentifier = 64;
+inline constexpr std::size_t kMaxUnwrittenChanges = 100000;
+inline constexpr int kMaxLedgerRows = 1000;
 
 }  // namespace vardell

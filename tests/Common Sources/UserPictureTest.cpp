@@ -1,0 +1,127 @@
+#include "Common Sources/UserPicture.h"
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <QBuffer>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+namespace vardell {
+namespace {
+
+QByteArray Png(const QColor& colour) {
+  QImage image(2, 2, QImage::Format_RGB32);
+  image.fill(colour);
+  QByteArray bytes;
+  QBuffer buffer(&bytes);
+  image.save(&buffer, "PNG");
+  return bytes;
+}
+
+// A directory service on the search path that answers from files, and notes what it was asked.
+class UserPicture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const passwd* entry = ::getpwuid(::getuid());
+    ASSERT_NE(entry, nullptr);
+    user = QString::fromUtf8(entry->pw_name);
+    home = QString::fromUtf8(entry->pw_dir);
+    qputenv("VARDELL_TEST_ROOT", folder.path().toUtf8());
+    path = qgetenv("PATH");
+    qputenv("PATH", folder.path().toUtf8() + ":" + path);
+    Put(QStringLiteral("dscl"),
+        "#!/bin/sh\n"
+        "cd " +
+            folder.path().toUtf8() +
+            "\n"
+            "echo \"$*\" >> asked\n"
+            "cat \"answer-$4\" 2>/dev/null\n");
+    QFile::setPermissions(folder.filePath(QStringLiteral("dscl")),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+  }
+  void TearDown() override {
+    qputenv("PATH", path);
+    qunsetenv("VARDELL_TEST_ROOT");
+  }
+
+  void Put(const QString& name, const QByteArray& bytes) {
+    const QString file = folder.filePath(name);
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()));
+    QFile out(file);
+    ASSERT_TRUE(out.open(QIODevice::WriteOnly));
+    out.write(bytes);
+  }
+  void AnswerPhoto(const QColor& colour) {
+    Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n " + Png(colour).toHex() + "\n");
+  }
+  void AnswerPicture(const QByteArray& text) { Put(QStringLiteral("answer-Picture"), text); }
+  QByteArray Asked() const {
+    QFile file(folder.filePath(QStringLiteral("asked")));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+  }
+  void ExpectColour(const QString& name, const QColor& colour) {
+    const QImage image = CopyUserPicture(name);
+    ASSERT_FALSE(image.isNull());
+    EXPECT_EQ(image.pixelColor(0, 0), colour);
+  }
+
+  QTemporaryDir folder;
+  QString user;
+  QString home;
+  QByteArray path;
+};
+
+TEST_F(UserPicture, EachSourceGivesWayToTheOneBefore) {
+  EXPECT_TRUE(CopyUserPicture(user).isNull());
+  Put(home.mid(1) + QStringLiteral("/.face"), Png(Qt::red));
+  ExpectColour(user, Qt::red);
+  Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
+  ExpectColour(user, Qt::green);
+  Put(QStringLiteral("pic ture.png"), Png(Qt::blue));
+  AnswerPicture("Picture:  \r\n " + folder.path().toUtf8() + "/pic ture.png\n");
+  ExpectColour(user, Qt::blue);
+  AnswerPhoto(Qt::yellow);
+  ExpectColour(user, Qt::yellow);
+}
+
+TEST_F(UserPicture, AsksTheDirectoryInItsWords) {
+  AnswerPicture("Picture: \n");
+  EXPECT_TRUE(CopyUserPicture(QStringLiteral("tim-2")).isNull());
+  EXPECT_EQ(Asked(), ". -read /Users/tim-2 JPEGPhoto\n. -read /Users/tim-2 Picture\n");
+}
+
+TEST_F(UserPicture, ANameThatIsNotPortableNeverReachesTheShell) {
+  const QString marker = folder.filePath(QStringLiteral("ran"));
+  for (const char* name : {"x; touch RAN", "$(touch RAN)", "`touch RAN`", "x\ntouch RAN\n", "-x",
+                           "J\xC3\xB3zef", "../x", "", "|touch RAN"}) {
+    CopyUserPicture(QString::fromUtf8(name).replace(QStringLiteral("RAN"), marker));
+    EXPECT_EQ(Asked(), "") << name;
+    EXPECT_FALSE(QFile::exists(marker)) << name;
+  }
+}
+
+TEST_F(UserPicture, ANameThatIsNotPortableStillHasItsIcon) {
+  const QString name = QString::fromUtf8("J\xC3\xB3zef");
+  Put(QStringLiteral("var/lib/AccountsService/icons/") + name, Png(Qt::green));
+  Put(QStringLiteral("var/lib/AccountsService/secret"), Png(Qt::red));
+  ExpectColour(name, Qt::green);
+  EXPECT_TRUE(CopyUserPicture(QStringLiteral("../secret")).isNull());
+}
+
+TEST_F(UserPicture, WhatIsNoImageIsPassedOver) {
+  Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
+  Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n 68656c6c6f\n");
+  for (const char* answer : {"", "\n", "Picture: \n", "Picture: /dev/zero\n", "Picture: /\n",
+                             "Picture: relative\n", "No such key: Picture"}) {
+    AnswerPicture(answer);
+    ExpectColour(user, Qt::green);
+  }
+  AnswerPicture("Picture: " + QByteArray(4000, 'a') + "\n");
+  ExpectColour(user, Qt::green);
+}
+
+}  // namespace
+}  // namespace vardell
