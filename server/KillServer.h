@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 
+#include "link/VardellLoader.h"
 #include "server/PeerIdentity.h"
 #include "server/SafeKill.h"
 
@@ -22,12 +23,10 @@ class io_context;
 
 namespace vardell::server {
 
-inline constexpr std::uint16_t kKillListenerPort = 49308;
-
 class KillServer {
  public:
   struct Options {
-    std::uint16_t port = kKillListenerPort;  // tests: 0 for any
+    std::uint16_t port = kKillPort;  // tests: 0 for any
     std::function<KillResult(pid_t pid, uid_t requester)>
         kill;  // on the other thread; empty: KillOnRequest
     std::function<std::optional<std::uint32_t>(int socket)> userBehind = UserBehind;

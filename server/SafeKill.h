@@ -33,7 +33,7 @@ struct ProcessFacts {
   bool isKernelThread = false;
 };
 
-// From /proc. None when there is no such process.
+// From /proc. None when there is no such process, or it has ended and was not waited for yet.
 std::optional<ProcessFacts> ReadProcessFacts(pid_t pid);
 
 // Whether `pid` is the leader of a login session of `user`. May block; one thread at a time.

@@ -1,0 +1,78 @@
+#include "server/ControlJson.h"
+
+#include <QJsonDocument>
+#include <QJsonValue>
+
+#include "limits/LimitsDictionary.h"
+
+namespace vardell::server {
+namespace {
+
+QByteArray Bytes(const QJsonObject& object) {
+  return QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+}
+
+QJsonValue NullWhereEmpty(const QString& text) {
+  return text.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(text);
+}
+
+}  // namespace
+
+QString ToRfc3339(const QDateTime& time) {
+  return time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODateWithMs);
+}
+
+QJsonObject ToJson(const LimitsEntry& entry) {
+  QVariantMap limits = MakeLimitsDictionary(entry.limits);
+  limits.remove(QStringLiteral("Credit"));
+  return {{QStringLiteral("user"), entry.user},
+          {QStringLiteral("identifier"), entry.identifier},
+          {QStringLiteral("limits"), QJsonObject::fromVariantMap(limits)},
+          {QStringLiteral("credit"), qint64{entry.credit}},
+          {QStringLiteral("revision"), static_cast<qint64>(entry.revision)}};
+}
+
+QJsonObject ToJson(const LedgerRow& row) {
+  return {{QStringLiteral("id"), qint64{row.id}},
+          {QStringLiteral("time"), ToRfc3339(row.time)},
+          {QStringLiteral("user"), row.user},
+          {QStringLiteral("identifier"), row.identifier},
+          {QStringLiteral("host"), row.host},
+          {QStringLiteral("source"), row.source},
+          {QStringLiteral("minutes"), qint64{row.minutes}},
+          {QStringLiteral("credit"), qint64{row.credit}},
+          {QStringLiteral("claimed"),
+           row.claimed ? QJsonValue(*row.claimed) : QJsonValue(QJsonValue::Null)},
+          {QStringLiteral("actor"), row.actor},
+          {QStringLiteral("reason"), row.reason}};
+}
+
+QJsonObject ToJson(const ServerStatus& status, const QString& store) {
+  return {{QStringLiteral("version"), status.version},
+          {QStringLiteral("store"), store},
+          {QStringLiteral("address"), status.address},
+          {QStringLiteral("published"), NullWhereEmpty(status.published.value_or(QString()))},
+          {QStringLiteral("agents"), status.agents},
+          {QStringLiteral("started"), ToRfc3339(status.started)}};
+}
+
+ControlAnswer MakeAnswer(int status, const QJsonObject& object) {
+  ControlAnswer answer;
+  answer.status = status;
+  answer.contentType = QByteArrayLiteral("application/json");
+  answer.body = Bytes(object);
+  return answer;
+}
+
+ControlAnswer MakeAnswer(const Problem& problem) {
+  ControlAnswer answer =
+      MakeAnswer(problem.status, {{QStringLiteral("status"), problem.status},
+                                  {QStringLiteral("code"), QLatin1String(problem.code)},
+                                  {QStringLiteral("title"), problem.title},
+                                  {QStringLiteral("field"), NullWhereEmpty(problem.field)},
+                                  {QStringLiteral("hint"), NullWhereEmpty(problem.hint)}});
+  answer.contentType = QByteArrayLiteral("application/problem+json");
+  return answer;
+}
+
+}  // namespace vardell::server
