@@ -6,7 +6,7 @@
 #include <QObject>
 #include <deque>
 #include <functional>
-#include <memory>
+#include <vector>
 
 #include "limits/WatchedApps.h"
 
@@ -16,36 +16,51 @@ struct QueuedAlert {
   WatchedAppPtr entry;         // null: about no application
   bool replaceable = true;     // a later alert of the entry takes its place while it was not shown
   bool outlivesEntry = false;  // stays when the entry goes (DropAlertsOf)
-  std::function<void()> show;       // modal; returns when dismissed
-  std::function<void()> dismissed;  // called after show() returned, or when dropped unseen; may be empty
+  std::function<void()> show;  // modal; returns when dismissed
+  // Called once, after show() returned or, unseen, after the alert was dropped; where the alert was
+  // replaced, when the one in its place has gone. May be empty.
+  std::function<void()> dismissed;
 };
 
+// `show` and `dismissed` are called from the event loop, never from inside a call of the queue.
 class AlertQueue : public QObject {
  public:
   explicit AlertQueue(QObject* parent = nullptr);
 
   void Enqueue(QueuedAlert alert);
 
-  // Ahead of everything queued, and over an alert that stands now.
+  // Ahead of everything queued, and over an alert that stands now. Locks do not cover each other.
   void EnqueueLock(std::function<void()> show);
 
   // The entry has left the table: its unseen alerts are dropped, except those that outlive it.
   void DropAlertsOf(const WatchedApp& entry);
 
-  // Nothing is shown while the session is switched away; what waits is shown when it is back.
+  // Nothing is shown while the session is switched away; what waits is shown when it is back. What
+  // stands when it is switched away goes on standing.
   void SetSessionActive(bool active);
 
   bool IsIdle() const;  // nothing waits and nothing is up
 
  private:
+  struct Waiting {
+    WatchedAppPtr entry;
+    bool replaceable = true;
+    bool outlivesEntry = false;
+    std::function<void()> show;
+    std::vector<std::function<void()>> dismissed;  // of what it replaced, then its own
+  };
+
   void Schedule();
   void ShowNext();
+  void ShowLock();
+  void ShowAlert();
+  Waiting* FindReplaceable(const WatchedAppPtr& entry);
 
-  std::deque<QueuedAlert> waiting_;
+  std::deque<Waiting> waiting_;
   std::deque<std::function<void()>> locks_;
   bool scheduled_ = false;
   bool sessionActive_ = true;
-  int shown_ = 0;      // modal loops of ours on the stack
+  bool alertUp_ = false;
   bool lockUp_ = false;
 };
 

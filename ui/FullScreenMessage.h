@@ -1,5 +1,5 @@
-// The full-screen message, which is also the lock screen. Main thread only; returns when the message
-// has been dismissed by a click (or has hidden itself), and runs the event loop meanwhile.
+// The full-screen message, which is also the lock screen. Main thread only; returns when the
+// message has been dismissed by a click (or has hidden itself), and runs the event loop meanwhile.
 #pragma once
 
 #include <QString>

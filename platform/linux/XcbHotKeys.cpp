@@ -5,8 +5,9 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
+
+#include "Common Sources/Diagnostics.h"
 
 namespace vardell {
 
@@ -102,8 +103,8 @@ bool XcbHotKeys::Grab(Key& key) {
   for (const xcb_keycode_t code : CodesOfKey(desktop_->Connection(), key.keyCode)) {
     key.grabbed.push_back(code);
     if (GrabVariants(key, code)) continue;
-    std::fprintf(stderr, "VARDELL ERROR: Hot key '%c' is held by another program.\n",
-                 static_cast<char>(key.id.id >> 24));
+    PrintErrorLine(QStringLiteral("VARDELL ERROR: Hot key '%1' is held by another program.")
+                       .arg(QChar(static_cast<char16_t>(key.id.id >> 24))));
     Ungrab(key);
     return false;
   }

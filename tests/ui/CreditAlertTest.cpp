@@ -1,0 +1,71 @@
+#include "ui/CreditAlert.h"
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QLocale>
+
+#include "tests/support/QtEnvironment.h"
+
+namespace vardell {
+namespace {
+
+const auto* const kEnvironment =
+    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
+
+WatchedApp Entry(const char* identifier, const char* displayName) {
+  WatchedApp entry;
+  entry.identifier = QLatin1String(identifier);
+  entry.displayName = QString::fromUtf8(displayName);
+  return entry;
+}
+
+TEST(CreditAlertTextTest, NamesTheApplicationOrTheSession) {
+  const WatchedApp game = Entry("org.example.game", "Game <b>%2</b>");
+  EXPECT_EQ(CreditAlertText(game, CreditAlertKind::Low),
+            QStringLiteral("Game <b>%2</b>: 1 minute left. Please save your work now. In one "
+                           "minute Game <b>%2</b> will be closed."));
+  const WatchedApp session = Entry("com.apple.loginwindow", "computer");
+  EXPECT_EQ(CreditAlertText(session, CreditAlertKind::Disco),
+            QStringLiteral("computer: your time is used up. When you click this message away, "
+                           "your session will be closed."));
+  EXPECT_EQ(ShownName(Entry("COM.APPLE.LOGINWINDOW", "x")), QStringLiteral("x"));
+}
+
+TEST(CreditAlertTextTest, AnUnknownKindReadsAsLowAndShowsNothing) {
+  const auto unknown = static_cast<CreditAlertKind>(9);
+  const auto game = std::make_shared<WatchedApp>(Entry("org.example.game", "Game"));
+  EXPECT_EQ(CreditAlertText(*game, unknown), CreditAlertText(*game, CreditAlertKind::Low));
+  ShowCreditAlert(game, unknown, {});  // hangs where it shows
+  ShowCreditAlert(nullptr, CreditAlertKind::Low, {});
+}
+
+TEST(CurfewAlertTextTest, TellsTheBoundaryInTheLocalesShortTime) {
+  struct Row {
+    const char* what;
+    const char* locale;
+    bool isEarly;
+    std::int32_t minutes;
+    const char* part;
+  };
+  constexpr Row kRows[] = {
+      {"an evening in English", "en_US", false, 1200, "The time for it ended at 8:00 PM."},
+      {"an evening in German", "de_DE", false, 1200, "The time for it ended at 20:00."},
+      {"a morning", "de_DE", true, 485, "You can start at 08:05."},
+      {"the end of the day is midnight", "de_DE", false, 1440, "ended at 00:00."},
+      {"beyond the day it starts anew", "de_DE", false, 1441, "ended at 00:01."},
+      {"before the day it ends the last", "de_DE", true, -1, "start at 23:59."},
+  };
+  const WatchedApp game = Entry("org.example.game", "Game");
+  for (const Row& row : kRows) {
+    QLocale::setDefault(QLocale(QLatin1String(row.locale)));
+    QString text = CurfewAlertText(row.isEarly, game, row.minutes);
+    text.replace(QChar(0x202f), QLatin1Char(' '));
+    EXPECT_TRUE(text.startsWith(QStringLiteral("Game: it is too "))) << row.what;
+    EXPECT_TRUE(text.contains(QLatin1String(row.part))) << row.what << ": " << text.toStdString();
+  }
+  QLocale::setDefault(QLocale::system());
+}
+
+}  // namespace
+}  // namespace vardell
