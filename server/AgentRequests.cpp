@@ -1,0 +1,67 @@
+#include "server/AgentRequests.h"
+
+#include "Common Sources/Caps.h"
+#include "Common Sources/PropertyList.h"
+#include "link/MessageEncoding.h"
+#include "server/Household.h"
+
+namespace vardell::server {
+namespace {
+
+RequestOutcome Malformed(const QString& why) {
+  return {{}, why};
+}
+
+RequestOutcome Malformed(const RequestFrame& frame, PayloadError error) {
+  return Malformed(QStringLiteral("malformed request of kind %1: %2")
+                       .arg(frame.kind)
+                       .arg(QLatin1String(PayloadErrorText(error))));
+}
+
+// An agent keeps no more of a reply than kMaxReplyBytes, and would take the rest for no answer.
+RequestOutcome Answer(const QVariantMap& dictionary) {
+  std::optional<QByteArray> body = WritePropertyListXml(dictionary);
+  if (!body || static_cast<std::size_t>(body->size()) > kMaxReplyBytes - kReplyHeaderBytes) {
+    body = WritePropertyListXml(QVariantMap());
+  }
+  return {BuildReply(*body), std::nullopt};
+}
+
+}  // namespace
+
+RequestOutcome HandleAgentRequest(Household& household, const AgentConnection& connection,
+                                  const RequestFrame& frame) {
+  QString user;
+  QString identifier;
+  LimitsRecord record;
+  PayloadError error = PayloadError::None;
+  switch (static_cast<RequestKind>(frame.kind)) {
+    case RequestKind::FetchLimits:
+      error = ParseNamesPayload(frame.payload, &user, &identifier);
+      if (error != PayloadError::None) return Malformed(frame, error);
+      return Answer(household.FetchLimits(connection, user, identifier));
+    case RequestKind::ApplicationStart:
+      error = ParseNamesPayload(frame.payload, &user, &identifier);
+      if (error != PayloadError::None) return Malformed(frame, error);
+      household.ApplicationStarted(connection, user, identifier);
+      return {};
+    case RequestKind::SingleQuery:
+      error = ParseSinglePayload(frame.payload, &user);
+      if (error != PayloadError::None) return Malformed(frame, error);
+      return Answer(household.LimitsOfUser(connection, user));
+    case RequestKind::DictionaryQuery:
+      error = ParseNamesPayload(frame.payload, &user, &identifier);
+      if (error != PayloadError::None) return Malformed(frame, error);
+      return Answer(household.UsageByDay(connection, user, identifier));
+    case RequestKind::CreditReport:
+      error = ParseReportPayload(frame.payload, &user, &identifier, &record);
+      if (error != PayloadError::None) return Malformed(frame, error);
+      household.CreditReport(connection, user, identifier, record.credit);
+      return {};
+    case RequestKind::KillProcess:
+      return Malformed(QStringLiteral("a kill request, which only the kill listener takes"));
+  }
+  return Malformed(QStringLiteral("unknown request kind %1").arg(frame.kind));
+}
+
+}  // namespace vardell::server

@@ -1,0 +1,205 @@
+// The half of the Household that answers agents.
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "Common Sources/Caps.h"
+#include "limits/LimitsDictionary.h"
+#include "server/HouseholdImpl.h"
+#include "server/LimitsKeys.h"
+
+namespace vardell::server {
+namespace {
+
+// A report that books nothing is a row all the same, but not more often than this for each lane:
+// whoever sends many must not fill the disk.
+constexpr EnforcementTime kTimeBetweenIdleRows = std::chrono::seconds(30);
+
+std::optional<QString> NameFromAccountDatabase(std::uint32_t uid) {
+  QByteArray buffer(64 << 10, 0);
+  passwd entry{};
+  passwd* found = nullptr;
+  const int error =
+      getpwuid_r(uid, &entry, buffer.data(), static_cast<std::size_t>(buffer.size()), &found);
+  if (error != 0 || !found) return std::nullopt;
+  return QString::fromUtf8(found->pw_name);
+}
+
+QVariantMap DictionaryOf(const QString& identifier, const Account& account, std::int32_t credit) {
+  LimitsRecord record = account.limits;
+  record.credit = credit;
+  const QVariantMap all = MakeLimitsDictionary(record);
+  if (!IsGlobalSettings(identifier)) return all;
+  const QString quotaKeys[] = {QStringLiteral("DQ Enabled"), QStringLiteral("DQ Value")};
+  QVariantMap quota;
+  for (const QString& key : quotaKeys) quota.insert(key, all.value(key));
+  return quota;
+}
+
+QVariantMap UnknownDictionary(const QString& identifier) {
+  Account nothing;
+  nothing.limits = DefaultLimits();
+  return DictionaryOf(identifier, nothing, 0);
+}
+
+QString DayKey(const QDate& day) {
+  return QStringLiteral("%1-%2-%3").arg(day.day()).arg(day.month()).arg(day.year());
+}
+
+}  // namespace
+
+bool Household::Impl::MaySpeakFor(const AgentConnection& connection, const QString& user) {
+  if (!connection.peerUid) return true;
+  const std::uint32_t uid = *connection.peerUid;
+  const auto known = userNames.find(uid);
+  if (known != userNames.end()) return known->second == user;
+  const std::optional<QString> name =
+      hooks.userOfUid ? hooks.userOfUid(uid) : NameFromAccountDatabase(uid);
+  if (!name) return false;
+  userNames.emplace(uid, *name);
+  return *name == user;
+}
+
+Account* Household::Impl::Counted(const AgentConnection& connection, const QString& user,
+                                  const QString& identifier) {
+  if (IsGlobalSettings(identifier)) return nullptr;
+  Account* account = Find(user, identifier);
+  return account && MaySpeakFor(connection, user) ? account : nullptr;
+}
+
+Lane& Household::Impl::LaneOf(Account& account, const Name& name, const QString& host,
+                              StoreChange* change) {
+  const auto found = account.lanes.find(host);
+  if (found != account.lanes.end()) return found->second;
+  if (account.lanes.size() >= kMaxLanesPerIdentifier) {
+    const auto oldest = std::min_element(
+        account.lanes.begin(), account.lanes.end(), [](const auto& one, const auto& other) {
+          return one.second.state.paidUntil < other.second.state.paidUntil;
+        });
+    change->forgottenLane = LaneRow{name.first, name.second, oldest->first, {}};
+    account.lanes.erase(oldest);
+  }
+  return account.lanes[host];
+}
+
+void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
+                               StoreChange change) {
+  const AccountState before = account.state;
+  const std::optional<EnforcementTime> paidBefore = lane.state.paidUntil;
+  account.state = booking.account;
+  lane.state = booking.lane;
+  row.used = booking.charge + (booking.grace ? 1 : 0);
+  row.minutes = account.state.credit - before.credit;
+  row.credit = account.state.credit;
+  row.time = clocks.now();
+  if (row.used != 0) account.usage[row.time.date()] += row.used;
+
+  const bool creditChanged =
+      account.state.credit != before.credit || account.state.spent != before.spent;
+  if (creditChanged) {
+    change.credit = {row.user, row.identifier, account.state.credit, account.state.spent};
+  }
+  if (lane.state.paidUntil && lane.state.paidUntil != paidBefore) {
+    change.lane = {row.user, row.identifier, row.host, *lane.state.paidUntil};
+  }
+  const bool isIdle = row.used == 0 && row.minutes == 0;
+  const EnforcementTime now = Now();
+  const bool isRow =
+      !isIdle ||
+      (row.claimed && (!lane.lastIdleRow || now - *lane.lastIdleRow >= kTimeBetweenIdleRows));
+  if (isIdle && isRow) lane.lastIdleRow = now;
+  if (isRow) change.ledger = std::move(row);
+  if (change.credit || change.lane || change.ledger || change.forgottenLane) {
+    Write(std::move(change));
+  }
+}
+
+QVariantMap Household::FetchLimits(const AgentConnection& connection, const QString& user,
+                                   const QString& identifier) {
+  Account* account = impl_->Counted(connection, user, identifier);
+  if (!account) {
+    const Account* settings =
+        IsGlobalSettings(identifier) ? impl_->Find(user, identifier) : nullptr;
+    const bool known = settings && impl_->MaySpeakFor(connection, user);
+    return known ? DictionaryOf(identifier, *settings, 0) : UnknownDictionary(identifier);
+  }
+  const auto known = account->lanes.find(connection.host);
+  Lane passing;
+  Lane& lane = known == account->lanes.end() ? passing : known->second;
+  const FetchBooking booking = AfterFetch(impl_->Now(), lane.state, account->state);
+  if (booking.charge == 0 || impl_->HasRoomToBook()) {
+    LedgerRow row;
+    row.user = user;
+    row.identifier = identifier;
+    row.host = connection.host;
+    row.source = QStringLiteral("fetch");
+    row.actor = QStringLiteral("agent of ") + user;
+    row.reason = QStringLiteral("a report was lost");
+    impl_->TakeOver(booking, *account, lane, std::move(row), {});
+  }
+  impl_->handed[connection.id][{user, identifier}] = booking.answer;
+  return DictionaryOf(identifier, *account, booking.answer);
+}
+
+void Household::ApplicationStarted(const AgentConnection& connection, const QString& user,
+                                   const QString& identifier) {
+  Account* account = impl_->Counted(connection, user, identifier);
+  if (!account || !impl_->HasRoomToBook()) return;
+  StoreChange change;
+  Lane& lane = impl_->LaneOf(*account, {user, identifier}, connection.host, &change);
+  const std::optional<EnforcementTime> before = lane.state.paidUntil;
+  lane.state = AfterStart(impl_->Now(), lane.state);
+  if (lane.state.paidUntil == before) return;
+  change.lane = {user, identifier, connection.host, *lane.state.paidUntil};
+  impl_->Write(std::move(change));
+}
+
+void Household::CreditReport(const AgentConnection& connection, const QString& user,
+                             const QString& identifier, std::int32_t claimed) {
+  Account* account = impl_->Counted(connection, user, identifier);
+  if (!account || !impl_->HasRoomToBook()) return;
+  StoreChange change;
+  Lane& lane = impl_->LaneOf(*account, {user, identifier}, connection.host, &change);
+  std::optional<std::int32_t> handed;
+  const auto ofConnection = impl_->handed.find(connection.id);
+  if (ofConnection != impl_->handed.end()) {
+    const auto last = ofConnection->second.find({user, identifier});
+    if (last != ofConnection->second.end()) handed = last->second;
+  }
+  const Booking booking = AfterReport(impl_->Now(), lane.state, account->state, handed, claimed);
+  LedgerRow row;
+  row.user = user;
+  row.identifier = identifier;
+  row.host = connection.host;
+  row.source = booking.grace ? QStringLiteral("grace") : QStringLiteral("report");
+  row.claimed = claimed;
+  row.actor = QStringLiteral("agent of ") + user;
+  impl_->TakeOver(booking, *account, lane, std::move(row), std::move(change));
+}
+
+void Household::ConnectionClosed(std::uint64_t connectionId) {
+  impl_->handed.erase(connectionId);
+}
+
+QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QString& user) const {
+  QVariantMap answer;
+  const auto accounts = impl_->users.find(user);
+  if (accounts == impl_->users.end() || !impl_->MaySpeakFor(connection, user)) return answer;
+  for (const auto& [identifier, account] : accounts->second) {
+    answer.insert(identifier,
+                  DictionaryOf(identifier, account, CreditToSend(account.state.credit)));
+  }
+  return answer;
+}
+
+QVariantMap Household::UsageByDay(const AgentConnection& connection, const QString& user,
+                                  const QString& identifier) const {
+  QVariantMap answer;
+  const Account* account = impl_->Counted(connection, user, identifier);
+  if (!account) return answer;
+  for (const auto& [day, minutes] : account->usage) answer.insert(DayKey(day), qlonglong{minutes});
+  return answer;
+}
+
+}  // namespace vardell::server

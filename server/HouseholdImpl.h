@@ -1,0 +1,74 @@
+// What the two halves of the Household, for agents and for administrators, share.
+#pragma once
+
+#include <QDate>
+#include <QString>
+#include <deque>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "server/CreditRules.h"
+#include "server/Household.h"
+#include "server/Store.h"
+
+namespace vardell::server {
+
+struct Lane {
+  LaneState state;
+  std::optional<EnforcementTime> lastIdleRow;  // of a report that booked nothing
+};
+
+struct Account {
+  LimitsRecord limits;
+  std::uint64_t revision = 0;
+  AccountState state;
+  std::map<QString, Lane> lanes;        // by host
+  std::map<QDate, std::int64_t> usage;  // minutes
+};
+
+struct Household::Impl {
+  using Name = std::pair<QString, QString>;  // user, identifier
+
+  Impl(std::unique_ptr<Store> itsStore, Clocks itsClocks, HouseholdHooks itsHooks);
+
+  void Load();
+  Account* Find(const QString& user, const QString& identifier);
+  EnforcementTime Now() const;
+
+  // --- Agents.
+
+  bool MaySpeakFor(const AgentConnection& connection, const QString& user);
+  // The account whose credit the request concerns; none for the global settings.
+  Account* Counted(const AgentConnection& connection, const QString& user,
+                   const QString& identifier);
+  Lane& LaneOf(Account& account, const Name& name, const QString& host, StoreChange* change);
+  // Takes over what a rule decided, and puts the difference into the change.
+  void TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
+                StoreChange change);
+
+  // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
+
+  bool HasRoomToBook();
+  void Write(StoreChange change);
+  bool WriteWaiting();
+  bool WriteNow(StoreChange change, QString* error);
+  void Log(const QString& line) const;
+
+  std::unique_ptr<Store> store;
+  Clocks clocks;
+  HouseholdHooks hooks;
+  std::map<QString, std::map<QString, Account>> users;
+  // What each connection was last given; 12345 as it was sent.
+  std::map<std::uint64_t, std::map<Name, std::int32_t>> handed;
+  std::map<std::uint32_t, QString> userNames;
+  std::vector<StoreChange> waiting;
+  bool diskFails = false;
+  bool fullSaid = false;
+  std::chrono::milliseconds lastTry{0};
+};
+
+LimitsEntry EntryOf(const QString& user, const QString& identifier, const Account& account);
+
+}  // namespace vardell::server

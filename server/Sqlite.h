@@ -1,0 +1,81 @@
+// SQLite with ownership: a database and its statements. Everything that fails throws SqliteError.
+// One thread at a time.
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace vardell::server {
+
+class SqliteError : public std::runtime_error {
+ public:
+  SqliteError(int resultCode, const std::string& message)
+      : std::runtime_error(message), code(resultCode) {}
+
+  const int code;  // SQLite's primary result code
+};
+
+class SqliteDatabase {
+ public:
+  explicit SqliteDatabase(const QString& path);
+  ~SqliteDatabase();
+  SqliteDatabase(const SqliteDatabase&) = delete;
+  SqliteDatabase& operator=(const SqliteDatabase&) = delete;
+
+  void Execute(const char* sql);
+  sqlite3* Handle() const { return handle_; }
+
+ private:
+  sqlite3* handle_ = nullptr;
+};
+
+// Parameters are bound in order with `<<`; Step tells whether there is a row.
+class SqliteStatement {
+ public:
+  SqliteStatement(SqliteDatabase& database, const char* sql);
+
+  SqliteStatement& operator<<(std::int64_t value);
+  SqliteStatement& operator<<(double value);
+  SqliteStatement& operator<<(const QString& value);
+  SqliteStatement& operator<<(const QByteArray& value);
+  SqliteStatement& operator<<(std::nullptr_t null);
+
+  bool Step();
+  void Run();  // to its end
+
+  std::int64_t Integer(int column) const;
+  double Real(int column) const;
+  QString Text(int column) const;
+  QByteArray Blob(int column) const;
+  bool IsNull(int column) const;
+
+ private:
+  void Check(int code) const;
+
+  SqliteDatabase& database_;
+  std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> statement_;
+  int nextParameter_ = 1;
+};
+
+// Rolls back unless it was committed.
+class SqliteTransaction {
+ public:
+  explicit SqliteTransaction(SqliteDatabase& database);
+  ~SqliteTransaction();
+  SqliteTransaction(const SqliteTransaction&) = delete;
+  SqliteTransaction& operator=(const SqliteTransaction&) = delete;
+
+  void Commit();
+
+ private:
+  SqliteDatabase& database_;
+  bool open_ = true;
+};
+
+}  // namespace vardell::server

@@ -1,0 +1,292 @@
+#include "server/Store.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "server/Sqlite.h"
+#include "server/StoreSchema.h"
+
+namespace vardell::server {
+namespace {
+
+std::runtime_error ForPeople(const QString& line) {
+  return std::runtime_error(line.toStdString());
+}
+
+QString WhatToDo(const SqliteError& error, const QString& path) {
+  const QString reason = QString::fromUtf8(error.what());
+  switch (error.code) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return QStringLiteral(
+                 "the store %1 is in use by another program (another vardell-server?); stop that "
+                 "one, or give another --store FILE")
+          .arg(path);
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+      return QStringLiteral(
+                 "the store %1 is damaged (%2); put a backup in its place, or move it away to "
+                 "begin "
+                 "with an empty one")
+          .arg(path, reason);
+    case SQLITE_FULL:
+      return QStringLiteral("the disk of the store %1 is full; make room there").arg(path);
+    default:
+      return QStringLiteral(
+                 "the store %1 cannot be used (%2); make its folder writable for this user, or "
+                 "give "
+                 "another --store FILE")
+          .arg(path, reason);
+  }
+}
+
+// The database's companions take over the mode of a file that is there already.
+void MakePrivateFile(const QString& path) {
+  const int file = open(QFile::encodeName(path).constData(),
+                        O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (file < 0) {
+    throw ForPeople(QStringLiteral("the store %1 cannot be opened (%2); make its folder and let "
+                                   "this user write there, or give another --store FILE")
+                        .arg(path, QString::fromLocal8Bit(strerror(errno))));
+  }
+  close(file);
+}
+
+QString TimeText(const QDateTime& time) {
+  return time.toOffsetFromUtc(time.offsetFromUtc()).toString(Qt::ISODateWithMs);
+}
+
+std::int64_t Flag(bool flag) {
+  return flag ? 1 : 0;
+}
+
+void Write(SqliteDatabase& database, const LimitsEntry& entry) {
+  const LimitsRecord& limits = entry.limits;
+  SqliteStatement row(database,
+                      "INSERT OR REPLACE INTO limits VALUES "
+                      "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  row << entry.user << entry.identifier << limits.nextTopUpTime << Flag(limits.reportCredit)
+      << Flag(limits.enabled) << std::int64_t{limits.topUpCoefficient}
+      << std::int64_t{limits.topUpValue} << std::int64_t{limits.weekEndCoefficient}
+      << std::int64_t{limits.weekEndValue} << std::int64_t{limits.weekDayStart}
+      << std::int64_t{limits.weekDayStop} << std::int64_t{limits.weekEndStart}
+      << std::int64_t{limits.weekEndStop} << Flag(limits.weekDayCurfewEnabled)
+      << Flag(limits.weekEndCurfewEnabled) << Flag(limits.diskQuotaEnabled)
+      << std::int64_t{limits.diskQuotaValue} << static_cast<std::int64_t>(entry.revision);
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const CreditRow& credit) {
+  SqliteStatement row(database, "INSERT OR REPLACE INTO credit VALUES (?, ?, ?, ?)");
+  row << credit.user << credit.identifier << credit.minutes << Flag(credit.spent);
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const LaneRow& lane, const QString& bootId) {
+  SqliteStatement row(database, "INSERT OR REPLACE INTO lanes VALUES (?, ?, ?, ?, ?)");
+  row << lane.user << lane.identifier << lane.host << bootId
+      << std::int64_t{lane.paidUntil.count()};
+  row.Run();
+}
+
+void Forget(SqliteDatabase& database, const LaneRow& lane) {
+  SqliteStatement row(database, "DELETE FROM lanes WHERE user = ? AND identifier = ? AND host = ?");
+  row << lane.user << lane.identifier << lane.host;
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const LedgerRow& entry) {
+  SqliteStatement row(database,
+                      "INSERT INTO ledger (time, day, user, identifier, host, source, minutes, "
+                      "credit, used, claimed, actor, reason) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  row << TimeText(entry.time) << entry.time.date().toString(Qt::ISODate) << entry.user
+      << entry.identifier << entry.host << entry.source << entry.minutes << entry.credit
+      << entry.used;
+  if (entry.claimed) {
+    row << std::int64_t{*entry.claimed};
+  } else {
+    row << nullptr;
+  }
+  row << entry.actor << entry.reason;
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const AdjustmentRow& adjustment) {
+  SqliteStatement row(database, "INSERT INTO adjustments VALUES (?, ?)");
+  row << adjustment.id << adjustment.digest;
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const AuditRow& audit) {
+  SqliteStatement row(database,
+                      "INSERT INTO audit (time, actor, what, user, identifier, before, after) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?)");
+  row << TimeText(audit.time) << audit.actor << audit.what << audit.user << audit.identifier
+      << audit.before << audit.after;
+  row.Run();
+}
+
+void Write(SqliteDatabase& database, const StoreChange& change, const QString& bootId) {
+  if (change.limits) Write(database, *change.limits);
+  if (change.credit) Write(database, *change.credit);
+  if (change.forgottenLane) Forget(database, *change.forgottenLane);
+  if (change.lane) Write(database, *change.lane, bootId);
+  if (change.ledger) Write(database, *change.ledger);
+  if (change.adjustment) Write(database, *change.adjustment);
+  if (change.audit) Write(database, *change.audit);
+}
+
+LimitsEntry ReadLimits(const SqliteStatement& row) {
+  const auto integer = [&row](int column) {
+    return static_cast<std::int32_t>(row.Integer(column));
+  };
+  const auto flag = [&row](int column) {
+    return static_cast<std::uint8_t>(row.Integer(column) != 0);
+  };
+  LimitsEntry entry;
+  entry.user = row.Text(0);
+  entry.identifier = row.Text(1);
+  entry.limits.nextTopUpTime = row.Real(2);
+  entry.limits.reportCredit = flag(3);
+  entry.limits.enabled = flag(4);
+  entry.limits.topUpCoefficient = static_cast<std::int8_t>(integer(5));
+  entry.limits.topUpValue = integer(6);
+  entry.limits.weekEndCoefficient = static_cast<std::int8_t>(integer(7));
+  entry.limits.weekEndValue = integer(8);
+  entry.limits.weekDayStart = integer(9);
+  entry.limits.weekDayStop = integer(10);
+  entry.limits.weekEndStart = integer(11);
+  entry.limits.weekEndStop = integer(12);
+  entry.limits.weekDayCurfewEnabled = flag(13);
+  entry.limits.weekEndCurfewEnabled = flag(14);
+  entry.limits.diskQuotaEnabled = flag(15);
+  entry.limits.diskQuotaValue = integer(16);
+  entry.revision = static_cast<std::uint64_t>(row.Integer(17));
+  return entry;
+}
+
+void RefuseUnbalanced(SqliteDatabase& database, const QString& path) {
+  SqliteStatement row(database,
+                      "SELECT user, identifier, sum(minutes) FROM ("
+                      "  SELECT user, identifier, minutes FROM ledger UNION ALL"
+                      "  SELECT user, identifier, -minutes FROM credit) "
+                      "GROUP BY user, identifier HAVING sum(minutes) <> 0 LIMIT 1");
+  if (!row.Step()) return;
+  throw ForPeople(QStringLiteral("the store %1 is damaged (the credit of %2, %3, is not the sum of "
+                                 "its ledger); put a backup in its place")
+                      .arg(path, row.Text(0), row.Text(1)));
+}
+
+StoreContents ReadContents(SqliteDatabase& database, const QString& bootId) {
+  StoreContents contents;
+  for (SqliteStatement row(database, "SELECT * FROM limits"); row.Step();) {
+    contents.limits.push_back(ReadLimits(row));
+  }
+  for (SqliteStatement row(database, "SELECT user, identifier, minutes, spent FROM credit");
+       row.Step();) {
+    contents.credit.push_back({row.Text(0), row.Text(1), row.Integer(2), row.Integer(3) != 0});
+  }
+  SqliteStatement lane(database,
+                       "SELECT user, identifier, host, paid_until_ms FROM lanes WHERE boot_id = ?");
+  for (lane << bootId; lane.Step();) {
+    contents.lanes.push_back(
+        {lane.Text(0), lane.Text(1), lane.Text(2), std::chrono::milliseconds(lane.Integer(3))});
+  }
+  for (SqliteStatement row(database,
+                           "SELECT user, identifier, day, sum(used) FROM ledger "
+                           "GROUP BY user, identifier, day HAVING sum(used) <> 0");
+       row.Step();) {
+    contents.usage.push_back(
+        {row.Text(0), row.Text(1), QDate::fromString(row.Text(2), Qt::ISODate), row.Integer(3)});
+  }
+  return contents;
+}
+
+LedgerRow ReadLedgerRow(const SqliteStatement& row) {
+  LedgerRow entry;
+  entry.id = row.Integer(0);
+  entry.time = QDateTime::fromString(row.Text(1), Qt::ISODateWithMs);
+  entry.user = row.Text(2);
+  entry.identifier = row.Text(3);
+  entry.host = row.Text(4);
+  entry.source = row.Text(5);
+  entry.minutes = row.Integer(6);
+  entry.credit = row.Integer(7);
+  entry.used = row.Integer(8);
+  if (!row.IsNull(9)) entry.claimed = static_cast<std::int32_t>(row.Integer(9));
+  entry.actor = row.Text(10);
+  entry.reason = row.Text(11);
+  return entry;
+}
+
+}  // namespace
+
+Store::Store(std::unique_ptr<SqliteDatabase> database, QString path)
+    : database_(std::move(database)), path_(std::move(path)) {}
+
+Store::~Store() = default;
+
+std::unique_ptr<Store> Store::Open(const QString& path) {
+  MakePrivateFile(path);
+  try {
+    auto database = std::make_unique<SqliteDatabase>(path);
+    PrepareStore(*database, path);
+    return std::unique_ptr<Store>(new Store(std::move(database), path));
+  } catch (const SqliteError& error) {
+    throw ForPeople(WhatToDo(error, path));
+  }
+}
+
+StoreContents Store::Load(const QString& bootId) {
+  try {
+    RefuseUnbalanced(*database_, path_);
+    return ReadContents(*database_, bootId);
+  } catch (const SqliteError& error) {
+    throw ForPeople(WhatToDo(error, path_));
+  }
+}
+
+bool Store::Apply(const std::vector<StoreChange>& changes, const QString& bootId, QString* error) {
+  try {
+    SqliteTransaction transaction(*database_);
+    for (const StoreChange& change : changes) Write(*database_, change, bootId);
+    transaction.Commit();
+    return true;
+  } catch (const SqliteError& problem) {
+    *error = WhatToDo(problem, path_);
+    return false;
+  }
+}
+
+std::optional<QByteArray> Store::AdjustmentDigest(const QString& id) {
+  SqliteStatement row(*database_, "SELECT digest FROM adjustments WHERE id = ?");
+  row << id;
+  if (!row.Step()) return std::nullopt;
+  return row.Blob(0);
+}
+
+std::vector<LedgerRow> Store::Ledger(std::int64_t after, const QString& user,
+                                     const QString& identifier, int limit) {
+  SqliteStatement row(*database_,
+                      "SELECT id, time, user, identifier, host, source, minutes, credit, used, "
+                      "claimed, actor, reason FROM ledger WHERE id > ?1 "
+                      "AND (?2 = '' OR user = ?2) AND (?3 = '' OR identifier = ?3) "
+                      "ORDER BY id LIMIT ?4");
+  row << after << user << identifier << std::int64_t{limit};
+  std::vector<LedgerRow> rows;
+  while (row.Step()) rows.push_back(ReadLedgerRow(row));
+  return rows;
+}
+
+QString Store::Description() const {
+  return QStringLiteral("SQLite, ") + path_;
+}
+
+}  // namespace vardell::server

@@ -1,0 +1,111 @@
+// The Server's memory on disk: one SQLite file. A change is one transaction, on the disk when Apply
+// returns; no other program can use the file meanwhile. Not thread-safe; every call waits for the
+// disk.
+//
+// Tables: migrations, limits, credit, lanes, ledger, adjustments, audit. The ledger and the audit
+// only ever grow: the database itself refuses to change or delete their rows.
+#pragma once
+
+#include <QByteArray>
+#include <QDate>
+#include <QString>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "server/Household.h"
+
+namespace vardell::server {
+
+class SqliteDatabase;
+
+inline constexpr int kStoreSchemaVersion = 1;
+inline constexpr char kDefaultStorePath[] = "/var/lib/vardell/vardell.sqlite";
+
+struct CreditRow {
+  QString user;
+  QString identifier;
+  std::int64_t minutes = 0;
+  bool spent = false;
+};
+
+struct LaneRow {
+  QString user;
+  QString identifier;
+  QString host;
+  std::chrono::milliseconds paidUntil{0};  // enforcement time of the boot
+};
+
+struct UsageRow {
+  QString user;
+  QString identifier;
+  QDate day;
+  std::int64_t minutes = 0;
+};
+
+struct AdjustmentRow {
+  QString id;
+  QByteArray digest;  // of what it asked for
+};
+
+struct AuditRow {
+  QDateTime time;
+  QString actor;
+  QString what;
+  QString user;
+  QString identifier;
+  QString before;  // JSON; empty where there was nothing
+  QString after;
+};
+
+// Everything that one event changes; what is absent stays.
+struct StoreChange {
+  std::optional<LimitsEntry> limits;  // without its credit
+  std::optional<CreditRow> credit;
+  std::optional<LaneRow> lane;
+  std::optional<LaneRow> forgottenLane;
+  std::optional<LedgerRow> ledger;
+  std::optional<AdjustmentRow> adjustment;
+  std::optional<AuditRow> audit;
+};
+
+struct StoreContents {
+  std::vector<LimitsEntry> limits;  // with their credit
+  std::vector<CreditRow> credit;
+  std::vector<LaneRow> lanes;  // of this boot
+  std::vector<UsageRow> usage;
+};
+
+class Store {
+ public:
+  // Opens or makes the file, readable by its owner alone, and brings it to this schema. Throws
+  // std::runtime_error with one line for people that says what to do: no folder, no permission,
+  // damaged, in use, not ours, or of a newer version.
+  static std::unique_ptr<Store> Open(const QString& path);
+  ~Store();
+
+  // Throws std::runtime_error likewise, also where a credit is not the sum of its ledger.
+  StoreContents Load(const QString& bootId);
+
+  // All of the changes or none. False, with a line for people, when the disk refused.
+  [[nodiscard]] bool Apply(const std::vector<StoreChange>& changes, const QString& bootId,
+                           QString* error);
+
+  // Absent where there is none with this id; throws std::runtime_error when the disk fails.
+  std::optional<QByteArray> AdjustmentDigest(const QString& id);
+  // Throws likewise.
+  std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user, const QString& identifier,
+                                int limit);
+
+  QString Description() const;
+
+ private:
+  Store(std::unique_ptr<SqliteDatabase> database, QString path);
+
+  std::unique_ptr<SqliteDatabase> database_;
+  QString path_;
+};
+
+}  // namespace vardell::server

@@ -1,0 +1,167 @@
+#include "server/StoreSchema.h"
+
+#include <QDateTime>
+#include <stdexcept>
+
+#include "server/Sqlite.h"
+#include "server/Store.h"
+
+namespace vardell::server {
+namespace {
+
+constexpr std::int64_t kApplicationId = 0x56617264;  // "Vard"
+
+constexpr char kVersion1[] = R"sql(
+CREATE TABLE limits (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  next_auto_update REAL NOT NULL,
+  report_credit INTEGER NOT NULL,
+  enabled INTEGER NOT NULL,
+  auto_update_coeff INTEGER NOT NULL,
+  auto_update_value INTEGER NOT NULL,
+  we_coeff INTEGER NOT NULL,
+  we_value INTEGER NOT NULL,
+  wd_start INTEGER NOT NULL,
+  wd_stop INTEGER NOT NULL,
+  we_start INTEGER NOT NULL,
+  we_stop INTEGER NOT NULL,
+  wd_curfew_enabled INTEGER NOT NULL,
+  we_curfew_enabled INTEGER NOT NULL,
+  dq_enabled INTEGER NOT NULL,
+  dq_value INTEGER NOT NULL,
+  revision INTEGER NOT NULL CHECK (revision > 0),
+  PRIMARY KEY (user, identifier)
+) WITHOUT ROWID;
+
+CREATE TABLE credit (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  minutes INTEGER NOT NULL CHECK (minutes >= 0 AND minutes <> 12345),
+  spent INTEGER NOT NULL,
+  PRIMARY KEY (user, identifier)
+) WITHOUT ROWID;
+
+CREATE TABLE lanes (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  host TEXT NOT NULL,
+  boot_id TEXT NOT NULL,
+  paid_until_ms INTEGER NOT NULL,
+  PRIMARY KEY (user, identifier, host)
+) WITHOUT ROWID;
+
+CREATE TABLE ledger (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  time TEXT NOT NULL,
+  day TEXT NOT NULL,
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  host TEXT NOT NULL,
+  source TEXT NOT NULL,
+  minutes INTEGER NOT NULL,
+  credit INTEGER NOT NULL CHECK (credit >= 0),
+  used INTEGER NOT NULL,
+  claimed INTEGER,
+  actor TEXT NOT NULL,
+  reason TEXT NOT NULL
+);
+CREATE INDEX ledger_by_identifier ON ledger (user, identifier, id);
+CREATE TRIGGER ledger_is_not_changed BEFORE UPDATE ON ledger
+  BEGIN SELECT RAISE(ABORT, 'the ledger is append-only'); END;
+CREATE TRIGGER ledger_is_not_deleted BEFORE DELETE ON ledger
+  BEGIN SELECT RAISE(ABORT, 'the ledger is append-only'); END;
+
+CREATE TABLE adjustments (
+  id TEXT PRIMARY KEY,
+  digest BLOB NOT NULL
+) WITHOUT ROWID;
+
+CREATE TABLE audit (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  time TEXT NOT NULL,
+  actor TEXT NOT NULL,
+  what TEXT NOT NULL,
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  before TEXT NOT NULL,
+  after TEXT NOT NULL
+);
+CREATE TRIGGER audit_is_not_changed BEFORE UPDATE ON audit
+  BEGIN SELECT RAISE(ABORT, 'the audit is append-only'); END;
+CREATE TRIGGER audit_is_not_deleted BEFORE DELETE ON audit
+  BEGIN SELECT RAISE(ABORT, 'the audit is append-only'); END;
+)sql";
+
+constexpr const char* kMigrations[] = {kVersion1};
+static_assert(std::size(kMigrations) == kStoreSchemaVersion);
+
+std::int64_t QueryInteger(SqliteDatabase& database, const char* sql) {
+  SqliteStatement statement(database, sql);
+  return statement.Step() ? statement.Integer(0) : 0;
+}
+
+void SetModes(SqliteDatabase& database) {
+  database.Execute("PRAGMA locking_mode = EXCLUSIVE");
+  database.Execute("PRAGMA journal_mode = WAL");
+  database.Execute("PRAGMA synchronous = FULL");
+  database.Execute("PRAGMA trusted_schema = OFF");
+}
+
+void RefuseDamaged(SqliteDatabase& database) {
+  SqliteStatement check(database, "PRAGMA quick_check(1)");
+  const QString answer = check.Step() ? check.Text(0) : QString();
+  if (answer != QLatin1String("ok")) {
+    constexpr int corrupt = 11;  // SQLITE_CORRUPT
+    throw SqliteError(corrupt, answer.simplified().toStdString());
+  }
+}
+
+void RefuseForeign(SqliteDatabase& database, const QString& path) {
+  const bool ours = QueryInteger(database, "PRAGMA application_id") == kApplicationId;
+  const bool empty = QueryInteger(database, "SELECT count(*) FROM sqlite_schema") == 0;
+  if (ours || empty) return;
+  throw std::runtime_error(
+      QStringLiteral("%1 is a database of another program; give another --store FILE")
+          .arg(path)
+          .toStdString());
+}
+
+std::int64_t CurrentVersion(SqliteDatabase& database) {
+  database.Execute(
+      "CREATE TABLE IF NOT EXISTS migrations (version INTEGER PRIMARY KEY, applied TEXT NOT NULL)");
+  return QueryInteger(database, "SELECT max(version) FROM migrations");
+}
+
+void Migrate(SqliteDatabase& database, std::int64_t from) {
+  for (std::int64_t version = from + 1; version <= kStoreSchemaVersion; ++version) {
+    database.Execute(kMigrations[version - 1]);
+    SqliteStatement done(database, "INSERT INTO migrations (version, applied) VALUES (?, ?)");
+    done << version << QDateTime::currentDateTimeUtc().toString(Qt::ISODate);
+    done.Run();
+  }
+}
+
+}  // namespace
+
+void PrepareStore(SqliteDatabase& database, const QString& path) {
+  RefuseForeign(database, path);
+  SetModes(database);
+  SqliteTransaction transaction(database);
+  RefuseDamaged(database);
+  const std::int64_t version = CurrentVersion(database);
+  if (version > kStoreSchemaVersion) {
+    throw std::runtime_error(
+        QStringLiteral("the store %1 was made by a newer version (schema %2, this one knows %3); "
+                       "install that version, or give another --store FILE")
+            .arg(path)
+            .arg(version)
+            .arg(kStoreSchemaVersion)
+            .toStdString());
+  }
+  Migrate(database, version);
+  if (version == 0) database.Execute("PRAGMA application_id = 0x56617264");
+  transaction.Commit();
+}
+
+}  // namespace vardell::server

@@ -1,0 +1,14 @@
+// The store's tables, version by version.
+#pragma once
+
+#include <QString>
+
+namespace vardell::server {
+
+class SqliteDatabase;
+
+// Makes or migrates the tables and sets the file's modes of operation. Throws SqliteError, or
+// std::runtime_error with a line for people where the file is not a store or a newer one.
+void PrepareStore(SqliteDatabase& database, const QString& path);
+
+}  // namespace vardell::server
