@@ -1,6 +1,11 @@
 // Finding the Server by DNS service discovery, opening the stream pair to it, and the second pair to
-// the kill listener of this machine. Main thread only. ConnectToServer blocks for at most 3 s of
-// browsing, 5 s of resolving and 5 s of opening; it waits in poll(2) and runs no Qt event loop.
+// the kill listener of this machine. Main thread only. ConnectToServer blocks for at most 3.2 s of
+// browsing, 5 s of resolving and 5 s of opening; it waits in poll(2) and runs no Qt event loop. A
+// connection that is refused fails at once.
+//
+// Which Server: the one that the preference "Server" names; otherwise a service that this machine
+// itself publishes (waited for 0.2 s after the first find); otherwise the first that is found; and
+// where none is, the one that was found last.
 #pragma once
 
 #include <QString>
@@ -26,7 +31,9 @@ struct ServerLink {
   explicit ServerLink(ServiceDiscovery& serviceDiscovery) : discovery(serviceDiscovery) {}
 
   ServiceDiscovery& discovery;
-  // The preference "Server" ("host:port"), asked at each connect; absent or empty: discovery.
+  // The preference "Server" ("host:port", an IPv6 address in brackets), asked at each connect.
+  // Absent or empty: discovery. A name instead of an address blocks for as long as the system's
+  // resolver does.
   std::function<std::optional<QString>()> pinnedServer;
   std::chrono::milliseconds second{1000};  // tests shorten the network's deadlines with it
   std::uint16_t killPort = kKillPort;      // tests only
@@ -36,6 +43,7 @@ struct ServerLink {
   std::optional<NetService> rememberedService;
   std::unique_ptr<NetServiceBrowser> domainBrowser;                           // during one connect
   std::map<QString, std::unique_ptr<NetServiceBrowser>> serviceBrowsers;      // by domain, likewise
+  bool foundInThisBrowse = false;
   std::uint32_t reservedWord = 0;  // byte-swapped in place at each frame; stays zero
 
   // Set when a fetch got no reply; the next new connection then sets offerAgain, which whoever

@@ -1,0 +1,287 @@
+#include "link/Requests.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Common Sources/PropertyList.h"
+#include "link/MessageEncoding.h"
+#include "link/RequestExchange.h"
+#include "tests/link/LinkFixture.h"
+
+namespace vardell {
+namespace {
+
+using namespace test;
+
+const QString kUser = QStringLiteral("bob");
+const QString kApp = QStringLiteral("org.example.app");
+const QByteArray kNames = Hex("03000000") + "bob" + Hex("0f000000") + "org.example.app";
+
+QByteArray Xml(const QVariant& value) {
+  return WritePropertyListXml(value).value();
+}
+
+const QVariantMap kLimits = {{QStringLiteral("Credit"), 7}, {QStringLiteral("Enabled"), true}};
+const QVariantMap kLimitsRead = {{QStringLiteral("Credit"), qlonglong(7)},
+                                 {QStringLiteral("Enabled"), true}};
+
+class RequestsTest : public LinkTest {
+ protected:
+  QVariant Fetch() {
+    QVariant limits;
+    observed = Observe([&] { limits = CopyLimitsDictionary(link, kUser, kApp); });
+    return limits;
+  }
+  Observed observed;
+};
+
+TEST_F(RequestsTest, ALaunchAndAMinuteOnTheWire) {
+  ScriptedPeer peer({AnswerWith(Xml(kLimits))});
+  discovery.ServeAt(peer.Port());
+  LimitsRecord record;
+  record.credit = 6;
+  record.enabled = 1;
+  (void)Observe([&] {
+    EXPECT_EQ(SendAppStarted(link, kUser, kApp), 0);
+    EXPECT_EQ(CopyLimitsDictionary(link, kUser, kApp), QVariant(kLimitsRead));
+    EXPECT_EQ(SendRequest(link, RequestKind::CreditReport,
+                          AppendLimitsRecordToData(kUser, kApp, record), 3, false, nullptr),
+              0);
+    EXPECT_EQ(CopyLimitsDictionary(link, kUser, kApp), QVariant(kLimitsRead));
+  });
+  const QByteArray packed = Hex(
+      "00000000 00000000 06000000 00 00 00 00000000 00000000 00000000 00000000 01 00 00 00000000"
+      "00 00000000");
+  const std::vector<QByteArray> expected = {
+      Hex("000000230300000000") + kNames,
+      Hex("000000230100000000") + kNames,
+      Hex("0000004e0600000000") + kNames + packed,
+      Hex("000000230100000000") + kNames,
+  };
+  EXPECT_EQ(peer.Frames(), expected);
+  EXPECT_EQ(peer.ConnectionCount(), 1u);
+}
+
+TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
+  struct Row {
+    const char* behaviour;
+    QByteArray body;
+    QVariant limits;
+    bool missed;
+  };
+  const Row rows[] = {
+      {"a dictionary", Xml(kLimits), kLimitsRead, false},
+      {"an empty dictionary is an answer", Xml(QVariantMap()), QVariantMap(), false},
+      {"a string is handed on and answers nothing", Xml(QStringLiteral("no")), QStringLiteral("no"),
+       true},
+      {"no property list", "garbage", QVariant(), true},
+      {"half a property list", Xml(kLimits).chopped(9), QVariant(), true},
+      {"a length of 0", "", QVariantMap(), true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.behaviour);
+    DropServerConnection(link);
+    link.replyMissed = link.offerAgain = false;
+    ScriptedPeer peer({AnswerWith(row.body)});
+    discovery.ServeAt(peer.Port());
+    const QVariant limits = Fetch();
+    EXPECT_EQ(limits, row.limits);
+    EXPECT_EQ(limits.isValid(), row.limits.isValid());
+    EXPECT_EQ(link.replyMissed, row.missed);
+    EXPECT_EQ(observed.err, "");
+    EXPECT_EQ(peer.Frames().size(), 1u);
+  }
+}
+
+TEST_F(RequestsTest, ASilentServerCostsOneTimeOutAndIsAskedOnNoFurther) {
+  ScriptedPeer peer({StaySilent, AnswerWith(Xml(kLimits))});
+  discovery.ServeAt(peer.Port());
+  EXPECT_EQ(Fetch(), QVariant(QVariantMap()));
+  EXPECT_GE(observed.took, 2 * link.second);
+  EXPECT_EQ(observed.err, "");
+  EXPECT_EQ(peer.Frames().size(), 1u);
+  EXPECT_TRUE(link.replyMissed);
+  EXPECT_FALSE(link.offerAgain);
+
+  // The next connection offers everything again.
+  EXPECT_EQ(Fetch(), QVariant(kLimitsRead));
+  EXPECT_FALSE(link.replyMissed);
+  EXPECT_TRUE(link.offerAgain);
+}
+
+TEST_F(RequestsTest, AFetchThatFailsIsTriedOnceMore) {
+  ScriptedPeer peer({[](PeerConnection&) {}, AnswerWith(Xml(kLimits))});
+  discovery.ServeAt(peer.Port());
+  Connect();
+  WaitForPeer();
+  EXPECT_EQ(Fetch(), QVariant(kLimitsRead));
+  EXPECT_EQ(observed.err, std::string(kLostText) + kReconnectText);
+  EXPECT_FALSE(link.replyMissed);
+  EXPECT_FALSE(link.offerAgain);
+}
+
+TEST_F(RequestsTest, WithoutAServerBothAttemptsSaySo) {
+  EXPECT_EQ(Fetch(), QVariant(QVariantMap()));
+  EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
+  EXPECT_TRUE(link.replyMissed);
+  std::int32_t started = 0;
+  (void)Observe([&] { started = SendAppStarted(link, kUser, kApp); });
+  EXPECT_EQ(started, -1);
+}
+
+TEST_F(RequestsTest, AnUnsendableNameIsLeftOut) {
+  ScriptedPeer peer({AnswerWith(Xml(kLimits))});
+  discovery.ServeAt(peer.Port());
+  (void)Observe([&] { (void)CopyLimitsDictionary(link, QString(QChar(0xDC00)), kApp); });
+  EXPECT_EQ(peer.Frames().front(), Hex("0000001c0100000000") + kNames.mid(7));
+}
+
+TEST_F(RequestsTest, AQueryIsAnsweredByADictionaryOnly) {
+  ScriptedPeer peer({AnswerWith(Xml(QStringLiteral("no"))), AnswerWith(Xml(kLimits))});
+  discovery.ServeAt(peer.Port());
+  std::optional<QVariantMap> dictionary;
+  observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+  EXPECT_EQ(dictionary, kLimitsRead);
+  EXPECT_EQ(observed.err, kReconnectText);
+  EXPECT_EQ(peer.Frames().front(), Hex("000000230500000000") + kNames);
+
+  ScriptedPeer useless({AnswerWith("garbage")});
+  DropServerConnection(link);
+  discovery.ServeAt(useless.Port());
+  observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+  EXPECT_EQ(dictionary, std::nullopt);
+  EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
+  EXPECT_EQ(useless.Frames().size(), 2u);
+  EXPECT_FALSE(link.shared);
+}
+
+TEST_F(RequestsTest, ASingleQueryIsAnsweredByAnything) {
+  ScriptedPeer peer({AnswerWith("garbage")});
+  discovery.ServeAt(peer.Port());
+  observed = Observe([&] { SendQuery(link, kUser); });
+  EXPECT_EQ(observed.err, "");
+  const std::vector<QByteArray> expected = {Hex("000000100400000000") + kNames.first(7)};
+  EXPECT_EQ(peer.Frames(), expected);
+}
+
+// --- Ending a process.
+
+class KillTest : public RequestsTest {
+ protected:
+  KillTest() {
+    discovery.ServeAt(shared.Port());
+    link.killPort = listener.Port();
+  }
+  void Kill(std::int32_t pid) {
+    observed = Observe([&] { KillProcess(link, pid); });
+  }
+  std::string Said(const char* text) {
+    const std::size_t at = observed.out.find(text);
+    return at == std::string::npos ? observed.out : observed.out.substr(at);
+  }
+
+  ScriptedPeer shared{{AnswerWith(Xml(kLimits))}};
+  ScriptedPeer listener{{StaySilent}};
+};
+
+pid_t StartChild() {
+  const pid_t child = fork();
+  if (child == 0)
+    for (;;) pause();
+  return child;
+}
+
+pid_t VanishedPid() {
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  return child;
+}
+
+// Runs `work` in a process that may not signal others' processes, and waits for it.
+template <typename Work>
+int RunUnprivileged(Work work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) _exit(3);
+    if (setsid() < 0) _exit(4);
+    work();
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+TEST_F(KillTest, TheAgentEndsAProcessItselfWhereItCan) {
+  const pid_t child = StartChild();
+  Kill(child);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  EXPECT_EQ(observed.out, "Killed pid " + std::to_string(child) + " ourself!\n");
+  EXPECT_EQ(listener.ConnectionCount(), 0u);
+  EXPECT_EQ(shared.ConnectionCount(), 0u);
+}
+
+TEST_F(KillTest, WhatItCannotEndGoesToTheListenerOfThisMachine) {
+  Connect();
+  const pid_t pid = VanishedPid();
+  Kill(pid);
+  EXPECT_EQ(observed.out + observed.err, "");
+  const QByteArray digits = QByteArray::number(pid);
+  std::uint32_t reservedWord = 0;
+  const QByteArray frame = BuildRequestFrame(
+      RequestKind::KillProcess, QByteArray(1, char(digits.size())) + QByteArray(3, '\0') + digits,
+      reservedWord);
+  EXPECT_EQ(listener.WaitForFrames(1), std::vector<QByteArray>{frame});
+  EXPECT_TRUE(shared.Frames().empty());
+
+  Kill(pid);
+  EXPECT_EQ(listener.WaitForFrames(2).size(), 2u);
+  EXPECT_EQ(listener.ConnectionCount(), 2u);
+}
+
+TEST_F(KillTest, AProcessThatMayNotBeSignalledGoesToTheListenerToo) {
+  observed = Observe([&] { EXPECT_EQ(RunUnprivileged([&] { KillProcess(link, 1); }), 0); });
+  EXPECT_EQ(listener.WaitForFrames(1), std::vector<QByteArray>{Hex("0000000e0700000000"
+                                                                   "01000000") +
+                                                               "1"});
+  EXPECT_EQ(observed.out.find("ourself"), std::string::npos);
+}
+
+TEST_F(KillTest, NothingHappensForAPidOfNothing) {
+  const int status = RunUnprivileged([&] {
+    KillProcess(link, 0);
+    KillProcess(link, -1);
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(listener.ConnectionCount() + shared.ConnectionCount(), 0u);
+}
+
+TEST_F(KillTest, WithoutAListenerItSaysSoAtOnce) {
+  link.killPort = ClosedPort();
+  link.second = 10s;
+  const pid_t pid = VanishedPid();
+  Kill(pid);
+  EXPECT_EQ(Said("Could"),
+            "Could not make vardell server kill process " + std::to_string(pid) + ".\n");
+  EXPECT_EQ(observed.err, kLostText);
+  EXPECT_LT(observed.took, 10 * link.second);
+  EXPECT_FALSE(link.shared);
+}
+
+TEST_F(KillTest, WithoutAServerNothingIsSentToTheListener) {
+  discovery.Withdraw();
+  const pid_t pid = VanishedPid();
+  Kill(pid);
+  EXPECT_EQ(observed.out,
+            "Could not make vardell server kill process " + std::to_string(pid) + ".\n");
+  EXPECT_EQ(listener.ConnectionCount(), 0u);
+}
+
+}  // namespace
+}  // namespace vardell

@@ -1,0 +1,403 @@
+#include "link/VardellLoader.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "link/PinnedServer.h"
+#include "tests/link/LinkFixture.h"
+
+namespace vardell {
+namespace {
+
+using namespace test;
+using Milliseconds = std::chrono::milliseconds;
+
+const QString kLocalDomain = QStringLiteral("local");
+const QString kType = QStringLiteral("_vardell5._tcp");
+
+NetService Service(const char* name, bool isLocal = false) {
+  return {
+      .name = QString::fromUtf8(name), .type = kType, .domain = kLocalDomain, .isLocal = isLocal};
+}
+
+class LoaderTest : public LinkTest {
+ protected:
+  LoaderTest() { link.second = 1s; }  // of the fake's clock, which does not wait
+
+  std::int32_t ConnectAgain() {
+    DropServerConnection(link);
+    discovery.runs.clear();
+    discovery.resolved.clear();
+    std::int32_t result = 99;
+    observed = Observe([&] { result = ConnectToServer(link); });
+    return result;
+  }
+  void Resolves(const char* name) {
+    discovery.answers[QString::fromUtf8(name)] = {
+        0, QStringLiteral("localhost"), {SocketAddressV4("127.0.0.1", peer.Port())}};
+  }
+  std::string LastResolved() {
+    return discovery.resolved.empty() ? std::string()
+                                      : discovery.resolved.back().first.name.toStdString();
+  }
+
+  Observed observed;
+  ScriptedPeer peer{{StaySilent}};
+};
+
+TEST_F(LoaderTest, AnExistingPairIsEnoughEvenWhenItHasFailed) {
+  discovery.ServeAt(peer.Port());
+  ASSERT_EQ(ConnectAgain(), 0);
+  link.shared->Close();
+  const std::size_t searches = discovery.searches.size();
+  EXPECT_EQ(ConnectToServer(link), 0);
+  EXPECT_EQ(discovery.searches.size(), searches);
+  EXPECT_EQ(link.shared->ReadStatus(), StreamStatus::Closed);
+}
+
+TEST_F(LoaderTest, ANetworkWithoutAServerIsSearchedForThreeSeconds) {
+  discovery.AddDomain(kLocalDomain);
+  EXPECT_EQ(ConnectAgain(), -1);
+  EXPECT_EQ(discovery.runs, std::vector<Milliseconds>{3s});
+  EXPECT_EQ(observed.out + observed.err, "");
+  EXPECT_EQ(discovery.liveBrowsers, 0);
+  EXPECT_TRUE(link.serviceBrowsers.empty());
+  EXPECT_FALSE(link.domainBrowser);
+
+  discovery.daemonRuns = false;
+  EXPECT_EQ(ConnectAgain(), -1);
+  EXPECT_TRUE(discovery.runs.empty());
+}
+
+TEST_F(LoaderTest, WhichOfSeveralServicesIsChosen) {
+  struct Find {
+    const char* name;
+    bool isLocal;
+    Milliseconds at;
+  };
+  struct Row {
+    const char* behaviour;
+    std::vector<Find> finds;
+    std::vector<Milliseconds> runs;
+    const char* chosen;
+    const char* out;
+  };
+  const Row rows[] = {
+      {"the first one wins",
+       {{"a", false, 100ms}, {"b", false, 150ms}},
+       {3s, 200ms},
+       "a",
+       "Found service at host: a.local\n"},
+      {"one of this machine that follows within 0.2 s is preferred",
+       {{"a", false, 100ms}, {"b", false, 150ms}, {"mine", true, 290ms}},
+       {3s, 200ms},
+       "mine",
+       "Found service at host: a.local\nFound service at host: mine.local\n"},
+      {"one of this machine that follows later is too late",
+       {{"a", false, 100ms}, {"mine", true, 310ms}},
+       {3s, 200ms},
+       "a",
+       "Found service at host: a.local\n"},
+      {"one of this machine that comes first is not waited behind",
+       {{"mine", true, 0ms}, {"a", false, 0ms}},
+       {3s},
+       "mine",
+       "Found service at host: mine.local\n"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.behaviour);
+    FakeServiceDiscovery network;
+    ServerLink here(network);
+    network.AddDomain(kLocalDomain);
+    for (const Find& find : row.finds) {
+      network.AddService(Service(find.name, find.isLocal), find.at);
+      network.answers[QString::fromUtf8(find.name)] = {
+          0, {}, {SocketAddressV4("127.0.0.1", peer.Port())}};
+    }
+    observed = Observe([&] { EXPECT_EQ(ConnectToServer(here), 0); });
+    EXPECT_EQ(network.runs, row.runs);
+    ASSERT_EQ(network.resolved.size(), 1u);
+    EXPECT_EQ(network.resolved[0].first.name, QString::fromUtf8(row.chosen));
+    EXPECT_EQ(network.resolved[0].second, 5s);
+    EXPECT_EQ(observed.out, std::string(row.out) + "Address 0 is: 1.0.0.127\n");
+    EXPECT_EQ(network.liveBrowsers, 0);
+  }
+}
+
+TEST_F(LoaderTest, ServicesAreSearchedForInEachDomainUntilItGoes) {
+  discovery.AddDomain(kLocalDomain);
+  discovery.AddDomain(QStringLiteral("example.org"), 10ms);
+  discovery.AddDomain(QStringLiteral("unknown.example"), 15ms,
+                      kNetServiceFlagIsDomain | kNetServiceFlagRemove);
+  discovery.AddDomain(kLocalDomain, 20ms, kNetServiceFlagIsDomain | kNetServiceFlagRemove);
+  discovery.AddService(Service("gone with its domain"), 30ms);
+  NetService removed = Service("removed");
+  removed.domain = QStringLiteral("example.org");
+  discovery.AddService(removed, 40ms, kNetServiceFlagRemove);
+  NetService there = Service("there");
+  there.domain = QStringLiteral("example.org");
+  discovery.AddService(there, 50ms);
+  Resolves("there");
+  EXPECT_EQ(ConnectAgain(), 0);
+  ASSERT_EQ(discovery.searches.size(), 3u);
+  EXPECT_EQ(discovery.searches[1].domain, kLocalDomain);
+  EXPECT_EQ(discovery.searches[1].type, kType);
+  EXPECT_EQ(discovery.searches[2].domain, QStringLiteral("example.org"));
+  EXPECT_EQ(observed.out, "Found service at host: there.example.org\nAddress 0 is: 1.0.0.127\n");
+}
+
+TEST_F(LoaderTest, ARememberedServiceIsResolvedAgainWhenABrowseFindsNothing) {
+  discovery.ServeAt(peer.Port(), QStringLiteral("old"));
+  ASSERT_EQ(ConnectAgain(), 0);
+  discovery.Withdraw();
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(discovery.runs, std::vector<Milliseconds>{3s});
+  EXPECT_EQ(LastResolved(), "old");
+
+  discovery.daemonRuns = false;
+  EXPECT_EQ(ConnectAgain(), 0);
+
+  discovery.answers.clear();
+  EXPECT_EQ(ConnectAgain(), -1);
+  EXPECT_EQ(observed.out, "CFNetServiceResolve failed (err -5).\n");
+  EXPECT_FALSE(link.shared);
+}
+
+TEST_F(LoaderTest, NamesThatCannotBePrintedAreSaidToBeSuch) {
+  const QString names[] = {QString(QChar(0xD800)), QString(4096, QLatin1Char('x')),
+                           QStringLiteral("two\nlines"), QStringLiteral("\x1b[2J")};
+  for (const QString& name : names) {
+    discovery.ServeAt(peer.Port(), name);
+    EXPECT_EQ(ConnectAgain(), 0);
+    EXPECT_EQ(observed.out,
+              "Found service with unprintable characters in name\nAddress 0 is: 1.0.0.127\n");
+  }
+  discovery.ServeAt(peer.Port(), QString(4095, QLatin1Char('x')));
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(observed.out.substr(0, 23), "Found service at host: ");
+}
+
+TEST_F(LoaderTest, TheFirstAddressIsUsedAndIPv4OnesAreLoggedLastOctetFirst) {
+  discovery.ServeAt(peer.Port());
+  discovery.answers.begin()->second.addresses = {SocketAddressV4("127.0.0.1", peer.Port()),
+                                                 SocketAddressV6("::1", 1),
+                                                 SocketAddressV4("10.0.1.2", 1)};
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(observed.out,
+            "Found service at host: Test Server.local\n"
+            "Address 0 is: 1.0.0.127\n"
+            "Address 2 is: 2.1.0.10\n");
+}
+
+TEST_F(LoaderTest, AMissedReplyIsMadeGoodByANewConnectionOnly) {
+  discovery.ServeAt(peer.Port());
+  ASSERT_EQ(ConnectAgain(), 0);
+  EXPECT_FALSE(link.offerAgain);
+  link.replyMissed = true;
+  EXPECT_EQ(ConnectToServer(link), 0);
+  EXPECT_FALSE(link.offerAgain);
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_TRUE(link.offerAgain);
+  EXPECT_FALSE(link.replyMissed);
+}
+
+// --- Pairs that do not come about.
+
+TEST_F(LoaderTest, ARefusedConnectionFailsAtOnce) {
+  discovery.ServeAt(ClosedPort());
+  link.second = 20s;
+  link.replyMissed = true;
+  EXPECT_EQ(ConnectAgain(), -4);
+  EXPECT_LT(observed.took, link.second);
+  const std::size_t at = observed.out.find("Resolving");
+  ASSERT_NE(at, std::string::npos);
+  int code = 0, writing = 0, reading = 0;
+  EXPECT_EQ(std::sscanf(observed.out.c_str() + at,
+                        "Resolving streams failed err %i, wStream=%i, rStream=%i\n", &code,
+                        &writing, &reading),
+            3);
+  EXPECT_EQ(code, -4);
+  EXPECT_GT(writing, 0);
+  EXPECT_EQ(writing, reading);
+  EXPECT_FALSE(link.shared);
+  EXPECT_TRUE(link.replyMissed);
+  EXPECT_FALSE(link.offerAgain);
+}
+
+TEST_F(LoaderTest, AnAddressThatIsNoneGivesNoPair) {
+  for (const std::vector<QByteArray>& addresses :
+       {std::vector<QByteArray>{}, {QByteArray()}, {Hex("02")}, {QByteArray(200, '\2')}}) {
+    discovery.ServeAt(peer.Port());
+    discovery.answers.begin()->second.addresses = addresses;
+    EXPECT_EQ(ConnectAgain(), -3);
+    EXPECT_NE(observed.out.find("Resolving streams failed err -3, wStream=0, rStream=0\n"),
+              std::string::npos);
+  }
+}
+
+// Listens, but its queue is full: the kernel drops whoever knocks.
+class DeafListener {
+ public:
+  DeafListener() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const QByteArray any = SocketAddressV4("127.0.0.1", 0);
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    bind(listener_, reinterpret_cast<const sockaddr*>(any.constData()), size);
+    listen(listener_, 0);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+    port_ = ntohs(address.sin_port);
+    for (int& knock : knocks_) {
+      knock = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      connect(knock, reinterpret_cast<const sockaddr*>(&address), size);
+    }
+  }
+  ~DeafListener() {
+    for (const int knock : knocks_) close(knock);
+    close(listener_);
+  }
+  std::uint16_t Port() const { return port_; }
+
+ private:
+  int listener_;
+  int knocks_[4];
+  std::uint16_t port_;
+};
+
+TEST_F(LoaderTest, AServerThatDoesNotPickUpIsGivenUpAfterFiveSeconds) {
+  DeafListener deaf;
+  discovery.ServeAt(deaf.Port());
+  link.second = 60ms;
+  EXPECT_EQ(ConnectAgain(), -4);
+  EXPECT_GE(observed.took, 5 * link.second);
+  EXPECT_FALSE(link.shared);
+}
+
+// --- A Server that an administrator named.
+
+TEST(PinnedServer, IsAHostAndAPort) {
+  struct Row {
+    const char* text;
+    const char* host;  // null: refused
+    int port;
+  };
+  const Row rows[] = {
+      {"server.example:49307", "server.example", 49307},
+      {" 192.0.2.1:1 ", "192.0.2.1", 1},
+      {"[2001:db8::1]:65535", "2001:db8::1", 65535},
+      {"[server]:5", "server", 5},
+      {"2001:db8::1:80", nullptr, 0},
+      {"server", nullptr, 0},
+      {":80", nullptr, 0},
+      {"[]:80", nullptr, 0},
+      {"server:", nullptr, 0},
+      {"server:0", nullptr, 0},
+      {"server:65536", nullptr, 0},
+      {"server:-1", nullptr, 0},
+      {"server:+1", nullptr, 0},
+      {"server:8x", nullptr, 0},
+      {"a b:80", nullptr, 0},
+      {"sérver:80", nullptr, 0},
+      {"[::1:80", nullptr, 0},
+      {"", nullptr, 0},
+  };
+  for (const Row& row : rows) {
+    const std::optional<HostAndPort> parsed = ParseHostAndPort(QString::fromUtf8(row.text));
+    ASSERT_EQ(parsed.has_value(), row.host != nullptr) << row.text;
+    if (!parsed) continue;
+    EXPECT_EQ(parsed->host, QLatin1String(row.host)) << row.text;
+    EXPECT_EQ(parsed->port, row.port) << row.text;
+  }
+}
+
+TEST(PinnedServer, AddressesAreNotLookedUpAnywhere) {
+  std::vector<QByteArray> addresses;
+  EXPECT_EQ(LookUpHost({QStringLiteral("LocalHost"), 80}, &addresses), 0);
+  EXPECT_EQ(addresses, std::vector<QByteArray>{SocketAddressV4("127.0.0.1", 80)});
+  EXPECT_EQ(LookUpHost({QStringLiteral("::1"), 80}, &addresses), 0);
+  EXPECT_EQ(addresses, std::vector<QByteArray>{SocketAddressV6("::1", 80)});
+  EXPECT_NE(LookUpHost({QStringLiteral("no..name"), 80}, &addresses), 0);
+  EXPECT_EQ(addresses.size(), 1u);
+}
+
+TEST_F(LoaderTest, APinnedServerIsNotSearchedFor) {
+  link.pinnedServer = [&] { return QStringLiteral("127.0.0.1:%1").arg(peer.Port()); };
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_TRUE(discovery.searches.empty());
+  EXPECT_EQ(observed.out, "Address 0 is: 1.0.0.127\n");
+
+  link.pinnedServer = [] { return QStringLiteral("no..name:80"); };
+  EXPECT_EQ(ConnectAgain(), -1);
+  EXPECT_TRUE(discovery.searches.empty());
+  EXPECT_EQ(observed.out.substr(0, 32), "CFNetServiceResolve failed (err ");
+}
+
+TEST_F(LoaderTest, APinThatIsNoneCountsAsAbsent) {
+  discovery.ServeAt(peer.Port());
+  link.pinnedServer = [] { return QStringLiteral("somewhere"); };
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(LastResolved(), "Test Server");
+  EXPECT_EQ(observed.err,
+            "VARDELL ERROR: The preference \"Server\" must be host:port, not \"somewhere\"; "
+            "looking for a Server on the network instead\n");
+  for (const std::optional<QString>& nothing :
+       {std::optional<QString>(), std::optional(QString())}) {
+    link.pinnedServer = [&] { return nothing; };
+    EXPECT_EQ(ConnectAgain(), 0);
+    EXPECT_EQ(observed.err, "");
+  }
+}
+
+// --- The pair to this machine's kill listener.
+
+TEST_F(LoaderTest, AHealthyLocalPairIsReplacedAndABrokenOneHandedOut) {
+  link.killPort = peer.Port();
+  std::shared_ptr<StreamPair> first, second, third;
+  ASSERT_EQ(OpenLocalServerStreams(link, &first), 0);
+  first->Wait(false, true, StreamPair::Clock::now() + 10s);
+  EXPECT_TRUE(first->CanAcceptBytes());
+  ASSERT_EQ(OpenLocalServerStreams(link, &second), 0);
+  EXPECT_NE(first, second);
+  EXPECT_TRUE(peer.WaitForConnections(2));
+  second->Close();
+  ASSERT_EQ(OpenLocalServerStreams(link, &third), 0);
+  EXPECT_EQ(second, third);
+}
+
+TEST_F(LoaderTest, ADropIsAnnouncedOnlyWhenAsked) {
+  discovery.ServeAt(peer.Port());
+  ASSERT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(Observe([&] { ReconnectAfterDrop(link); }).err, kReconnectText);
+  EXPECT_FALSE(link.shared);
+  ASSERT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(Observe([&] { DropServerConnection(link); }).err, "");
+  EXPECT_FALSE(link.shared);
+}
+
+TEST(Waiting, IsForOneReadableDescriptor) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  EXPECT_EQ(WaitForReadable(ends[0], timeval{0, 1000}), 0);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  EXPECT_EQ(WaitForReadable(ends[0], timeval{10, 0}), 1);
+  close(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(WaitForReadable(ends[0], timeval{0, 0}), -1);
+  EXPECT_EQ(WaitForReadable(-1, timeval{0, 0}), -1);
+  EXPECT_EQ(WaitForReadable(1 << 20, timeval{0, 0}), -1);
+}
+
+TEST(Callbacks, ACallForTheWrongKindOfObjectEndsTheProcess) {
+  FakeServiceDiscovery discovery;
+  ServerLink link(discovery);
+  EXPECT_DEATH(DomainBrowserCallBack(link, 0, kLocalDomain),
+               "flags & kCFNetServiceFlagIsDomain\\), function DomainBrowserCallBack, file Common "
+               "Sources/VardellLoader, line 579");
+  EXPECT_DEATH(ServiceBrowserCallBack(link, kLocalDomain, kNetServiceFlagIsDomain, Service("a")),
+               "!\\(flags & kCFNetServiceFlagIsDomain\\)\\), function ServiceBrowserCallBack, file "
+               "Common Sources/VardellLoader, line 550");
+}
+
+}  // namespace
+}  // namespace vardell
