@@ -1,0 +1,346 @@
+// Runs against a real Avahi daemon, which tools/desktop stops, starts and freezes on demand.
+#include "platform/linux/AvahiDiscovery.h"
+
+#include <arpa/inet.h>
+#include <avahi-client/publish.h>
+#include <avahi-common/error.h>
+#include <avahi-common/thread-watch.h>
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QString>
+#include <algorithm>
+#include <atomic>
+#include <memory>
+
+#include "tests/support/Waiting.h"
+
+namespace vardell {
+namespace {
+
+using namespace std::chrono_literals;
+using test::WaitUntil;
+
+constexpr char kType[] = "_vardelltest._tcp";
+
+void TellDesktop(int signal) {
+  kill(qEnvironmentVariableIntValue("VARDELL_DESKTOP_PID"), signal);
+}
+void StopDaemon() {
+  TellDesktop(SIGUSR2);
+}
+void StartDaemon() {
+  TellDesktop(SIGUSR1);
+}
+
+pid_t DaemonPid() {
+  QFile file(qEnvironmentVariable("VARDELL_DESKTOP_DIR") + QStringLiteral("/avahi.pid"));
+  return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+}
+
+// The daemon stands still for as long as this lives.
+class FrozenDaemon {
+ public:
+  FrozenDaemon() : pid_(DaemonPid()) { kill(pid_, SIGSTOP); }
+  ~FrozenDaemon() { kill(pid_, SIGCONT); }
+  FrozenDaemon(const FrozenDaemon&) = delete;
+  FrozenDaemon& operator=(const FrozenDaemon&) = delete;
+
+ private:
+  pid_t pid_;
+};
+
+// Publishes one service from a thread of its own while it lives.
+class Publication {
+ public:
+  Publication(const char* name, std::uint16_t port) : Publication(std::vector{name}, port) {}
+  Publication(const std::vector<const char*>& names, std::uint16_t port)
+      : poll_(avahi_threaded_poll_new()) {
+    int error = 0;
+    client_ = avahi_client_new(avahi_threaded_poll_get(poll_), AvahiClientFlags{}, nullptr, nullptr,
+                               &error);
+    if (client_) {
+      AvahiEntryGroup* group = avahi_entry_group_new(client_, GroupChanged, this);
+      for (const char* name : names)
+        avahi_entry_group_add_service(group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                      AvahiPublishFlags{}, name, kType, nullptr, nullptr, port,
+                                      nullptr);
+      avahi_entry_group_commit(group);
+    }
+    avahi_threaded_poll_start(poll_);
+    EXPECT_TRUE(WaitUntil([&] { return established_.load(); })) << "cannot publish";
+  }
+  ~Publication() {
+    avahi_threaded_poll_stop(poll_);
+    if (client_) avahi_client_free(client_);
+    avahi_threaded_poll_free(poll_);
+  }
+  Publication(const Publication&) = delete;
+  Publication& operator=(const Publication&) = delete;
+
+ private:
+  static void GroupChanged(AvahiEntryGroup*, AvahiEntryGroupState state, void* self) {
+    if (state == AVAHI_ENTRY_GROUP_ESTABLISHED)
+      static_cast<Publication*>(self)->established_ = true;
+  }
+
+  AvahiThreadedPoll* poll_;
+  AvahiClient* client_ = nullptr;
+  std::atomic<bool> established_ = false;
+};
+
+class AvahiDiscoveryTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    browsers.clear();
+    ASSERT_TRUE(WaitUntil(AnyDaemon)) << "the daemon is not back for the next test";
+  }
+
+  static bool AnyDaemon() {
+    AvahiDiscovery probe;
+    return probe.SearchForServices(Text("local"), Text(kType), [](auto, auto&) {}) != nullptr;
+  }
+  static QString Text(const char* text) { return QString::fromUtf8(text); }
+
+  void Search(const char* type = kType) {
+    browsers.push_back(discovery.SearchForServices(
+        Text("local"), Text(type), [this](std::uint32_t flags, const NetService& service) {
+          if (flags & kNetServiceFlagRemove) {
+            std::erase_if(services,
+                          [&](const NetService& one) { return one.name == service.name; });
+          } else {
+            services.push_back(service);
+          }
+          discovery.Stop();
+        }));
+    ASSERT_NE(browsers.back(), nullptr);
+  }
+
+  // Delivers until the named service is known, or no more.
+  bool RunUntil(const char* name, bool known) {
+    return WaitUntil([&] {
+      discovery.Run(200ms);
+      return IsKnown(name) == known;
+    });
+  }
+  bool IsKnown(const char* name) const {
+    return std::any_of(services.begin(), services.end(),
+                       [&](const NetService& one) { return one.name == Text(name); });
+  }
+
+  template <typename Call>
+  static std::chrono::milliseconds Duration(Call call) {
+    const auto begun = test::Clock::now();
+    call();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(test::Clock::now() - begun);
+  }
+
+  AvahiDiscovery discovery;
+  std::vector<std::unique_ptr<NetServiceBrowser>> browsers;
+  std::vector<NetService> services;
+};
+
+TEST_F(AvahiDiscoveryTest, FindsAServiceThroughTheDomainItIsIn) {
+  const Publication published("Household", 4711);
+  std::vector<QString> domains;
+  browsers.push_back(discovery.SearchForDomains([&](std::uint32_t flags, const QString& domain) {
+    EXPECT_EQ(flags, kNetServiceFlagIsDomain);
+    domains.push_back(domain);
+    browsers.push_back(discovery.SearchForServices(
+        domain, Text(kType), [&](std::uint32_t serviceFlags, const NetService& service) {
+          EXPECT_EQ(serviceFlags, 0u);
+          services.push_back(service);
+          browsers.clear();  // its own too
+          discovery.Stop();
+        }));
+  }));
+  const auto took = Duration([&] { discovery.Run(10s); });
+  EXPECT_LT(took, 9s) << "Stop() did not end it";
+  EXPECT_EQ(domains, std::vector<QString>{Text("local")});
+  ASSERT_EQ(services.size(), 1u);
+  EXPECT_EQ(services[0].name, Text("Household"));
+  EXPECT_EQ(services[0].type, Text(kType));
+  EXPECT_EQ(services[0].domain, Text("local"));
+  EXPECT_TRUE(services[0].isLocal);
+}
+
+TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytes) {
+  const Publication published("Household", 4711);
+  Search();
+  ASSERT_TRUE(RunUntil("Household", true));
+  const ResolvedService resolved = discovery.Resolve(services[0], 5s);
+  ASSERT_EQ(resolved.error, 0) << avahi_strerror(resolved.error);
+  EXPECT_EQ(resolved.targetHost, Text("vardell-desktop.local"));
+  ASSERT_EQ(resolved.addresses.size(), 1u);
+  const sockaddr_in expected{AF_INET, htons(4711), {htonl(INADDR_LOOPBACK)}, {}};
+  EXPECT_EQ(resolved.addresses[0],
+            QByteArray(reinterpret_cast<const char*>(&expected), sizeof expected));
+}
+
+TEST_F(AvahiDiscoveryTest, ResolvesAServiceWhoseInterfaceHasGone) {
+  const Publication published("Household", 4711);
+  Search();
+  ASSERT_TRUE(RunUntil("Household", true));
+  services[0].interfaceIndex = 99'999;
+  EXPECT_EQ(discovery.Resolve(services[0], 5s).error, 0);
+}
+
+TEST_F(AvahiDiscoveryTest, KeepsNamesAsTheyAre) {
+  const std::vector<const char*> names = {"Büro · 家 \\ \"q\" & <b>", "a.b\\.c\\032d", " %1%s "};
+  const Publication published(names, 1);
+  Search();
+  for (const char* name : names) {
+    ASSERT_TRUE(RunUntil(name, true)) << name;
+    const auto found = std::find_if(services.begin(), services.end(),
+                                    [&](const NetService& one) { return one.name == Text(name); });
+    EXPECT_EQ(discovery.Resolve(*found, 5s).error, 0) << name;
+  }
+}
+
+TEST_F(AvahiDiscoveryTest, TellsWhenAServiceGoesAndComesBack) {
+  auto published = std::make_unique<Publication>("Household", 4711);
+  Search();
+  ASSERT_TRUE(RunUntil("Household", true));
+  published.reset();
+  EXPECT_TRUE(RunUntil("Household", false));
+  published = std::make_unique<Publication>("Household", 4712);
+  EXPECT_TRUE(RunUntil("Household", true));
+}
+
+TEST_F(AvahiDiscoveryTest, DestroyedBrowsersReportNoMore) {
+  Search();
+  Search("_vardellother._tcp");
+  discovery.Run(50ms);
+  browsers.erase(browsers.begin());
+  const Publication published("Later", 4711);
+  discovery.Run(300ms);
+  EXPECT_FALSE(IsKnown("Later"));
+}
+
+TEST_F(AvahiDiscoveryTest, NothingHappensBetweenRuns) {
+  const Publication published("Household", 4711);
+  Search();
+  (void)WaitUntil([] { return false; }, 300ms);
+  EXPECT_TRUE(services.empty());
+  ASSERT_TRUE(RunUntil("Household", true));
+}
+
+TEST_F(AvahiDiscoveryTest, RunEndsInTimeWhereThereIsNothing) {
+  Search("_vardellother._tcp");
+  const auto took = Duration([&] { discovery.Run(300ms); });
+  EXPECT_GE(took, 300ms);
+  EXPECT_LT(took, 1s);
+}
+
+TEST_F(AvahiDiscoveryTest, BrowsersMayOutliveTheDiscovery) {
+  std::unique_ptr<NetServiceBrowser> browser;
+  {
+    AvahiDiscovery shortLived;
+    browser = shortLived.SearchForServices(Text("local"), Text(kType), [](auto, auto&) {});
+    ASSERT_NE(browser, nullptr);
+  }
+  browser.reset();
+}
+
+// ---- What can go wrong -------------------------------------------------------------------------
+
+TEST_F(AvahiDiscoveryTest, RefusesWhatIsNoTypeOrDomain) {
+  const auto ignore = [](std::uint32_t, const NetService&) {};
+  EXPECT_EQ(discovery.SearchForServices(Text("local"), QString(), ignore), nullptr);
+  EXPECT_EQ(discovery.SearchForServices(Text("local"), Text("no type"), ignore), nullptr);
+  EXPECT_EQ(discovery.SearchForServices(QString(2000, QLatin1Char('x')), Text(kType), ignore),
+            nullptr);
+}
+
+TEST_F(AvahiDiscoveryTest, AServiceThatIsNotThereFailsInTime) {
+  NetService nobody;
+  nobody.name = Text("Nobody");
+  nobody.type = Text(kType);
+  nobody.domain = Text("local");
+  ResolvedService resolved;
+  const auto took = Duration([&] { resolved = discovery.Resolve(nobody, 400ms); });
+  EXPECT_EQ(resolved.error, AVAHI_ERR_TIMEOUT);
+  EXPECT_TRUE(resolved.addresses.empty());
+  EXPECT_LT(took, 1s);
+  nobody.type = Text("no type");
+  EXPECT_LT(discovery.Resolve(nobody, 1s).error, 0);
+}
+
+TEST_F(AvahiDiscoveryTest, WithoutADaemonSearchesDoNotStart) {
+  StopDaemon();
+  ASSERT_TRUE(WaitUntil([] { return !AnyDaemon(); }));
+  std::unique_ptr<NetServiceBrowser> domains;
+  ResolvedService resolved;
+  const auto took = Duration([&] {
+    domains = discovery.SearchForDomains([](auto, auto&) {});
+    resolved = discovery.Resolve({Text("x"), Text(kType), Text("local"), false, -1}, 5s);
+  });
+  EXPECT_EQ(domains, nullptr);
+  EXPECT_LT(resolved.error, 0);
+  EXPECT_LT(took, 1s);
+  EXPECT_LT(Duration([&] { discovery.Run(200ms); }), 1s);
+  StartDaemon();
+}
+
+TEST_F(AvahiDiscoveryTest, WithoutABusSearchesDoNotStart) {
+  // In a process of its own: the D-Bus library reads the address once.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus");
+        _exit(discovery.SearchForDomains([](auto, auto&) {}) ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(AvahiDiscoveryTest, AFrozenDaemonHoldsNobodyUp) {
+  const Publication published("Household", 4711);
+  Search();
+  ASSERT_TRUE(RunUntil("Household", true));
+  const FrozenDaemon frozen;
+  std::unique_ptr<NetServiceBrowser> domains;
+  ResolvedService resolved;
+  EXPECT_LT(Duration([&] { domains = discovery.SearchForDomains([](auto, auto&) {}); }), 2s);
+  EXPECT_EQ(domains, nullptr);
+  EXPECT_LT(Duration([&] { resolved = discovery.Resolve(services[0], 300ms); }), 1s);
+  EXPECT_LT(resolved.error, 0);
+  EXPECT_LT(Duration([&] { discovery.Run(200ms); }), 1s);
+  EXPECT_LT(Duration([&] { browsers.clear(); }), 1s);
+}
+
+TEST_F(AvahiDiscoveryTest, SearchesGoOnWithADaemonThatWasRestarted) {
+  auto published = std::make_unique<Publication>("Before", 1);
+  int domainsAdded = 0;
+  int domainsRemoved = 0;
+  browsers.push_back(discovery.SearchForDomains([&](std::uint32_t flags, const QString&) {
+    ++(flags & kNetServiceFlagRemove ? domainsRemoved : domainsAdded);
+  }));
+  Search();
+  ASSERT_TRUE(RunUntil("Before", true));
+  StopDaemon();
+  EXPECT_TRUE(RunUntil("Before", false)) << "what a dead daemon had found is still there";
+  published.reset();
+  StartDaemon();
+  ASSERT_TRUE(WaitUntil(AnyDaemon));
+  const Publication again("After", 2);
+  EXPECT_TRUE(RunUntil("After", true));
+  EXPECT_EQ(domainsAdded, 2);
+  EXPECT_EQ(domainsRemoved, 1);
+}
+
+TEST_F(AvahiDiscoveryTest, ADaemonThatDiesUnderResolveIsAFailure) {
+  const Publication published("Household", 4711);
+  Search();
+  ASSERT_TRUE(RunUntil("Household", true));
+  browsers.clear();
+  NetService nobody = services[0];
+  nobody.name = Text("Nobody");
+  StopDaemon();
+  ResolvedService resolved;
+  EXPECT_LT(Duration([&] { resolved = discovery.Resolve(nobody, 3s); }), 3s);
+  EXPECT_LT(resolved.error, 0);
+  StartDaemon();
+}
+
+}  // namespace
+}  // namespace vardell
