@@ -12,7 +12,7 @@ namespace vardell {
 
 // What a check asks for, in this order: an alert, then a kill.
 struct CurfewDecision {
-  enum class Kill { None, Entry, Session };
+  enum class Kill { None, Entry, Session, EntryThenSession };
   bool alert = false;
   bool alertIsEarly = false;
   std::int32_t boundaryMinutes = 0;  // of the alert, since midnight
@@ -34,6 +34,7 @@ struct CurfewActions {
   std::function<std::int32_t()> loginPid;
 };
 
+// Also carries out a kill that has waited for its alert since the check before.
 void CheckCurfew(const WatchedAppPtr& entry, const CurfewActions& actions);
 
 }  // namespace vardell

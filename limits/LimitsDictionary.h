@@ -13,7 +13,8 @@ namespace vardell {
 
 struct ServerLink;
 
-// Fills `outRecord`; untouched when either argument is null. Values of a wrong type count as absent.
+// Fills `outRecord`; untouched when either argument is null. Values of a wrong type count as
+// absent.
 void ParseLimitsDictionary(const QVariantMap* dictionary, LimitsRecord* outRecord);
 
 // The dictionary that parses into `record`: all sixteen keys.

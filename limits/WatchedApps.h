@@ -20,14 +20,15 @@ inline constexpr char kGlobalSettingsIdentifier[] = "com.brenwick.globalSettings
 inline constexpr char kUnknownApplicationIdentifier[] = "com.tovmark.unknownapp";
 
 struct WatchedApp {
-  LimitsRecord limits;       // replaced whole at each refresh
-  std::int32_t pid = 0;      // 0: GlobalSettings, or a process that is never killed
+  LimitsRecord limits;   // replaced whole at each refresh
+  std::int32_t pid = 0;  // 0: GlobalSettings, or a process that is never killed
   QString identifier;
-  QString displayName;       // "computer" (localised) for the login window; may be empty
-  std::uint32_t ticks = 0;   // seconds walked since it was made or refreshed
+  QString displayName;      // "computer" (localised) for the login window; may be empty
+  std::uint32_t ticks = 0;  // seconds walked since it was made or refreshed
   bool lastMinuteUsed = false;
 
-  // Held by an alert that says "spent": not counted, reported or shown until its end is carried out.
+  // Held by an alert that says "spent": not counted, reported or shown until its end is carried
+  // out.
   bool held = false;
   // A curfew was breached at both bounds at once: the kill waits for the alert, or the next minute.
   bool curfewKillPending = false;

@@ -1,0 +1,171 @@
+#include "limits/LimitsDictionary.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+
+#include "link/VardellLoader.h"
+#include "tests/support/FakeServiceDiscovery.h"
+#include "tests/support/RecordingServer.h"
+#include "tests/support/ScriptedPeer.h"
+
+namespace vardell {
+
+static bool operator==(const LimitsRecord& a, const LimitsRecord& b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+static void PrintTo(const LimitsRecord& record, std::ostream* out) {
+  QString text;
+  QDebug(&text) << MakeLimitsDictionary(record);
+  *out << text.toStdString();
+}
+
+namespace {
+
+LimitsRecord Defaults() {
+  LimitsRecord record;
+  record.topUpCoefficient = 1;
+  record.weekDayStop = 1439;
+  record.weekEndStop = 1439;
+  return record;
+}
+
+LimitsRecord Full() {
+  LimitsRecord record;
+  record.nextTopUpTime = 7.5e8;
+  record.credit = 12;
+  record.reportCredit = 1;
+  record.enabled = 1;
+  record.topUpCoefficient = 60;
+  record.topUpValue = 3;
+  record.weekEndCoefficient = 59;
+  record.weekEndValue = 4;
+  record.weekDayCurfewEnabled = 1;
+  record.weekEndCurfewEnabled = 1;
+  record.weekDayStart = 480;
+  record.weekDayStop = 1200;
+  record.weekEndStart = 540;
+  record.weekEndStop = 1260;
+  record.diskQuotaEnabled = 1;
+  record.diskQuotaValue = 2048;
+  return record;
+}
+
+LimitsRecord Parse(const QVariantMap& dictionary) {
+  LimitsRecord record = Full();
+  ParseLimitsDictionary(&dictionary, &record);
+  return record;
+}
+
+TEST(LimitsDictionary, ReadsItsSixteenKeys) {
+  const QVariantMap dictionary{
+      {QStringLiteral("NextAutoUpdate"), 7.5e8},
+      {QStringLiteral("Credit"), qlonglong(12)},
+      {QStringLiteral("Report Credit"), true},
+      {QStringLiteral("Enabled"), true},
+      {QStringLiteral("AutoUpdateCoeff"), qlonglong(60)},
+      {QStringLiteral("AutoUpdateValue"), qlonglong(3)},
+      {QStringLiteral("WE Coeff"), qlonglong(59)},
+      {QStringLiteral("WE Value"), qlonglong(4)},
+      {QStringLiteral("WD start"), qlonglong(480)},
+      {QStringLiteral("WD stop"), qlonglong(1200)},
+      {QStringLiteral("WE start"), qlonglong(540)},
+      {QStringLiteral("WE stop"), qlonglong(1260)},
+      {QStringLiteral("WD Curfew Enabled"), true},
+      {QStringLiteral("WE Curfew Enabled"), true},
+      {QStringLiteral("DQ Enabled"), true},
+      {QStringLiteral("DQ Value"), qlonglong(2048)},
+  };
+  EXPECT_EQ(Parse(dictionary), Full());
+  EXPECT_EQ(MakeLimitsDictionary(Full()), dictionary);
+  EXPECT_EQ(Parse({}), Defaults());
+  EXPECT_EQ(Parse(MakeLimitsDictionary(Defaults())), Defaults());
+}
+
+TEST(LimitsDictionary, ConvertsValues) {
+  const struct {
+    const char* behaviour;
+    const char* key;
+    QVariant value;
+    const char* shown;
+    qlonglong expected;
+  } kRows[] = {
+      {"a real credit loses its fraction", "Credit", 12.9, "Credit", 12},
+      {"a negative credit stays", "Credit", qlonglong(-1), "Credit", -1},
+      {"a credit that is text counts as absent", "Credit", QStringLiteral("12"), "Credit", 0},
+      {"a huge real is cut", "Credit", 1e300, "Credit", std::numeric_limits<std::int32_t>::max()},
+      {"coefficient 60 stays", "AutoUpdateCoeff", qlonglong(60), "AutoUpdateCoeff", 60},
+      {"coefficient 59 becomes 1", "AutoUpdateCoeff", qlonglong(59), "AutoUpdateCoeff", 1},
+      {"coefficient 0 becomes 1", "AutoUpdateCoeff", qlonglong(0), "AutoUpdateCoeff", 1},
+      {"coefficient -60 becomes 1", "AutoUpdateCoeff", qlonglong(-60), "AutoUpdateCoeff", 1},
+      {"a coefficient of 60.9 is 60", "AutoUpdateCoeff", 60.9, "AutoUpdateCoeff", 60},
+      {"the week-end's is kept", "WE Coeff", qlonglong(59), "WE Coeff", 59},
+      {"a stop of 0 is no absent one", "WD stop", qlonglong(0), "WD stop", 0},
+      {"a stop of the wrong type is", "WE stop", true, "WE stop", 1439},
+      {"a flag that is a number counts as absent", "Enabled", qlonglong(1), "Enabled", 0},
+  };
+  for (const auto& row : kRows) {
+    const LimitsRecord record = Parse({{QLatin1String(row.key), row.value}});
+    EXPECT_EQ(MakeLimitsDictionary(record)[QLatin1String(row.shown)].toLongLong(), row.expected)
+        << row.behaviour;
+  }
+}
+
+TEST(LimitsDictionary, FlagsFromOutsideAreTrueForAnyByte) {
+  LimitsRecord record = Full();
+  record.enabled = 0xFF;
+  EXPECT_EQ(MakeLimitsDictionary(record)[QStringLiteral("Enabled")], QVariant(true));
+}
+
+TEST(LimitsDictionary, AMissingArgumentChangesNothing) {
+  LimitsRecord record = Full();
+  ParseLimitsDictionary(nullptr, &record);
+  EXPECT_EQ(record, Full());
+  const QVariantMap empty;
+  ParseLimitsDictionary(&empty, nullptr);
+}
+
+// ---- Asking the Server ----
+
+LimitsRecord FetchFrom(const QString& address) {
+  FakeServiceDiscovery discovery;
+  discovery.daemonRuns = false;
+  ServerLink link(discovery);
+  link.second = std::chrono::milliseconds(100);
+  link.pinnedServer = [&address] { return std::optional(address); };
+  return FetchLimits(link, QStringLiteral("anna"), QStringLiteral("org.game"));
+}
+
+TEST(FetchLimits, GivesWhatTheServerSays) {
+  test::RecordingServer server;
+  server.Answer(QStringLiteral("org.game"), MakeLimitsDictionary(Full()));
+  EXPECT_EQ(FetchFrom(server.Address()), Full());
+  const auto frames = server.TakeFrames();
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].kind, 1);
+  EXPECT_EQ(frames[0].user, QStringLiteral("anna"));
+  EXPECT_EQ(frames[0].identifier, QStringLiteral("org.game"));
+}
+
+TEST(FetchLimits, AnythingButADictionaryMeansNoLimits) {
+  const auto list = WritePropertyListXml(QVariantList{true}).value();
+  const struct {
+    const char* behaviour;
+    test::ScriptedPeer::Script script;
+  } kRows[] = {
+      {"a list", test::AnswerWith(list)},
+      {"no property list", test::AnswerWith("hello")},
+      {"silence", test::StaySilent},
+      {"a hang-up", [](test::PeerConnection& peer) { peer.Close(); }},
+  };
+  for (const auto& row : kRows) {
+    test::ScriptedPeer peer({row.script});
+    EXPECT_EQ(FetchFrom(QStringLiteral("127.0.0.1:%1").arg(peer.Port())), Defaults())
+        << row.behaviour;
+  }
+  EXPECT_EQ(FetchFrom(QString()), Defaults()) << "no Server";
+}
+
+}  // namespace
+}  // namespace vardell

@@ -1,0 +1,311 @@
+#include "limits/WatchedApps.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include "limits/ApplicationIdentifier.h"
+#include "link/VardellLoader.h"
+#include "platform/HotKeys.h"
+#include "tests/support/FakeProcesses.h"
+#include "tests/support/FakeServiceDiscovery.h"
+#include "tests/support/FakeSystem.h"
+#include "tests/support/RecordingServer.h"
+
+namespace vardell {
+namespace {
+
+ApplicationInfo Bundle(const QString& identifier, const QString& name = QStringLiteral("Game")) {
+  return {QStringLiteral("/usr/share/applications/x.desktop"), true, identifier, 0, {}, name};
+}
+
+ApplicationInfo Executable(std::optional<std::uint32_t> creator) {
+  return {QStringLiteral("/opt/a b"), false, {}, 0, creator, QStringLiteral("a b")};
+}
+
+TEST(ApplicationIdentifier, IsMadeOfWhatThereIs) {
+  ApplicationInfo nameless{QStringLiteral("/x"), true, {}, FourCharCode("APPL"),
+                           FourCharCode("abcd"), {}};
+  ApplicationInfo creatorless = nameless;
+  creatorless.creatorCode.reset();
+  ApplicationInfo unprintable = nameless;
+  unprintable.typeCode = 0x00FF80E9;
+  const struct {
+    const char* behaviour;
+    ApplicationInfo application;
+    std::optional<QString> identifier;
+  } kRows[] = {
+      {"a bundle's own", Bundle(QStringLiteral("org.game")), QStringLiteral("org.game")},
+      {"type and creator, each reversed", nameless,
+       QStringLiteral("com.brenwick.unknownapp.LPPAdcba")},
+      {"an unknown creator", creatorless, QStringLiteral("com.brenwick.unknownapp.LPPA????")},
+      {"eight characters, printable or not", unprintable,
+       QStringLiteral("com.brenwick.unknownapp.\u00E9\u0080\u00FF") + QChar(0) +
+           QStringLiteral("dcba")},
+      {"an executable's creator in order", Executable(FourCharCode("game")),
+       QStringLiteral("com.brenwick.fakeID.game")},
+      {"with blanks", Executable(FourCharCode("vi  ")), QStringLiteral("com.brenwick.fakeID.vi  ")},
+      {"beyond ASCII", Executable(0xE9000001),
+       QStringLiteral("com.brenwick.fakeID.\u00E9") + QChar(0) + QChar(0) + QChar(1)},
+      {"nothing", Executable({}), std::nullopt},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ(MakeApplicationIdentifier(row.application), row.identifier) << row.behaviour;
+  }
+}
+
+class WatchedApps : public ::testing::Test {
+ protected:
+  WatchedApps() {
+    discovery.daemonRuns = false;
+    link.second = std::chrono::milliseconds(200);
+    link.pinnedServer = [this] { return std::optional(address); };
+  }
+
+  // ---- vocabulary
+  WatchContext Context(bool lastMinuteCredit = true) {
+    return {link, processes, system, user, lastMinuteCredit, loginPid};
+  }
+  bool Add(const ApplicationInfo& application, std::int32_t pid, bool lastMinuteCredit = true) {
+    return AddWatchedApp(Context(lastMinuteCredit), processes.Run(application, pid), table);
+  }
+  WatchedAppPtr Put(const QString& identifier, std::int32_t pid) {
+    auto entry = std::make_shared<WatchedApp>();
+    entry->identifier = identifier;
+    entry->pid = pid;
+    table.push_back(entry);
+    return entry;
+  }
+  // "identifier pid credit" of each entry.
+  QStringList Table() const {
+    QStringList rows;
+    for (const WatchedAppPtr& entry : table) {
+      rows << QStringLiteral("%1 %2 %3")
+                  .arg(entry->identifier)
+                  .arg(entry->pid)
+                  .arg(entry->limits.credit);
+    }
+    return rows;
+  }
+  QStringList Frames() {
+    QStringList told;
+    for (const auto& frame : server.TakeFrames()) {
+      told << QStringLiteral("%1 %2").arg(frame.kind).arg(frame.identifier);
+    }
+    return told;
+  }
+
+  test::RecordingServer server;
+  QString address = server.Address();
+  FakeServiceDiscovery discovery;
+  ServerLink link{discovery};
+  FakeProcesses processes;
+  FakeSystem system;
+  QString user = QStringLiteral("anna");
+  std::int32_t loginPid = 0;
+  WatchedAppTable table;
+  const QString game = QStringLiteral("org.game");
+  const QString unknown = QString::fromLatin1(kUnknownApplicationIdentifier);
+  const QString session = QString::fromLatin1(kLoginWindowIdentifier);
+};
+
+TEST_F(WatchedApps, AnApplicationIsAnnouncedThenFetchedThenAdded) {
+  server.AnswerCredit(game, 7);
+  EXPECT_TRUE(Add(Bundle(game), 40));
+  EXPECT_EQ(Table(), QStringList{QStringLiteral("org.game 40 7")});
+  EXPECT_EQ(Frames(), (QStringList{QStringLiteral("3 org.game"), QStringLiteral("1 org.game")}));
+  EXPECT_EQ(table[0]->displayName, QStringLiteral("Game"));
+  EXPECT_EQ(table[0]->ticks, 0u);
+  EXPECT_FALSE(table[0]->lastMinuteUsed);
+}
+
+TEST_F(WatchedApps, SpentCreditEntersAsALastMinuteOrAsItsEnd) {
+  for (const int credit : {0, -1, -5}) {
+    server.AnswerCredit(game, credit);
+    EXPECT_TRUE(Add(Bundle(game), 40, true));
+    EXPECT_TRUE(Add(Bundle(game), 41, false));
+    EXPECT_EQ(Table(),
+              (QStringList{QStringLiteral("org.game 40 1"), QStringLiteral("org.game 41 12345")}));
+    table.clear();
+  }
+}
+
+TEST_F(WatchedApps, WhatIsThereAlreadyIsNotAskedAbout) {
+  server.AnswerCredit(game, 7);
+  server.AnswerCredit(unknown, 7);
+  EXPECT_TRUE(Add(Bundle(game), 40));
+  EXPECT_TRUE(Add(Executable({}), 50));
+  (void)Frames();
+  EXPECT_FALSE(Add(Bundle(game), 40));
+  EXPECT_FALSE(Add(Executable({}), 51)) << "all unknown ones are one entry";
+  EXPECT_EQ(Frames(), QStringList());
+
+  EXPECT_TRUE(Add(Bundle(game), 42)) << "a second process of the application";
+  server.AnswerCredit(QStringLiteral("org.other"), 1);
+  EXPECT_TRUE(Add(Bundle(QStringLiteral("org.other")), 40)) << "a process that became another";
+  EXPECT_EQ(table.size(), 4u);
+}
+
+TEST_F(WatchedApps, AnApplicationWithoutANameIsWatchedButCannotBeKilled) {
+  server.AnswerCredit(unknown, 3);
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(Add(Executable({}), 50));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Unable to watch application at file:///opt/a%20b\n");
+  EXPECT_EQ(Table(), QStringList{QStringLiteral("com.tovmark.unknownapp 0 3")});
+}
+
+TEST_F(WatchedApps, TheLoginWindowStandsForTheComputer) {
+  server.AnswerCredit(session, 30);
+  EXPECT_TRUE(Add(Bundle(session, QStringLiteral("Login")), 77));
+  EXPECT_EQ(loginPid, 77);
+  EXPECT_EQ(Table(), QStringList{QStringLiteral("com.apple.loginwindow 77 30")});
+  EXPECT_EQ(table[0]->displayName, QStringLiteral("computer"));
+}
+
+TEST_F(WatchedApps, TheLoginPidComesFromWhereTheSystemsVersionSays) {
+  QTemporaryDir folder;
+  QFile ps(folder.filePath(QStringLiteral("ps")));
+  ASSERT_TRUE(ps.open(QIODevice::WriteOnly));
+  ps.write("#!/bin/sh\necho 'root 99 WindowServer'\n");
+  ps.close();
+  ps.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+  const QByteArray path = qgetenv("PATH");
+  qputenv("PATH", folder.path().toUtf8() + ":" + path);
+  const struct {
+    SystemVersion version;
+    std::int32_t pid;
+    const char* printed;
+  } kRows[] = {
+      {{10, 3}, 77, ""},
+      {{10, 10}, 77, ""},
+      {{10, 11}, 99, "Login pid is 99\n"},
+      {{10, 15}, 99, "Login pid is 99\n"},
+      {{11, 0}, 77, ""},
+  };
+  server.AnswerCredit(session, 30);
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(testing::Message() << row.version.major << "." << row.version.minor);
+    system.version = row.version;
+    table.clear();
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(Add(Bundle(session), 77));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed);
+    EXPECT_EQ(loginPid, row.pid);
+    EXPECT_EQ(table[0]->pid, row.pid);
+  }
+  qputenv("PATH", path);
+}
+
+TEST_F(WatchedApps, FillingOffersEverythingThatRunsAndTheGlobalSettings) {
+  server.AnswerCredit(game, 7);
+  server.AnswerCredit(session, 30);
+  server.Answer(QString::fromLatin1(kGlobalSettingsIdentifier),
+                {{QStringLiteral("DQ Enabled"), true},
+                 {QStringLiteral("DQ Value"), 500},
+                 {QStringLiteral("Credit"), 9},
+                 {QStringLiteral("WD Curfew Enabled"), true}});
+  processes.Run(Bundle(session), 77);
+  processes.Run(Bundle(game), 40);
+  processes.Run(Bundle(QStringLiteral("org.unlimited")), 41);
+  FillWatchedApps(Context(), table);
+  EXPECT_EQ(Table(), (QStringList{QStringLiteral("com.apple.loginwindow 77 30"),
+                                  QStringLiteral("org.game 40 7"),
+                                  QStringLiteral("com.brenwick.globalSettings 0 0")}));
+  const WatchedApp& settings = *table.back();
+  EXPECT_EQ(settings.limits.diskQuotaEnabled, 1);
+  EXPECT_EQ(settings.limits.diskQuotaValue, 500);
+  EXPECT_EQ(settings.limits.weekDayCurfewEnabled, 0);
+  EXPECT_EQ(settings.limits.weekDayStop, 0);
+  EXPECT_EQ(settings.displayName, QString());
+}
+
+TEST_F(WatchedApps, ARefreshTakesTheServersLimits) {
+  const struct {
+    const char* behaviour;
+    int fetched;
+    bool lastMinuteAllowed;
+    bool lastMinuteCredit;
+    int credit;
+  } kRows[] = {
+      {"credit that is left", 3, true, true, 3},
+      {"a last minute", 0, true, true, 1},
+      {"no last minute wanted", 0, true, false, kSpentCredit},
+      {"the last minute was used", 0, false, true, 0},
+      {"below nothing, last minute used", -2, false, false, -2},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.behaviour);
+    server.AnswerCredit(game, row.fetched);
+    WatchedApp entry;
+    entry.identifier = game;
+    entry.pid = 40;
+    entry.ticks = 60;
+    entry.lastMinuteUsed = true;
+    entry.displayName = QStringLiteral("Game");
+    entry.limits.weekDayCurfewEnabled = 1;
+    EXPECT_FALSE(RefreshWatchedApp(Context(row.lastMinuteCredit), entry, row.lastMinuteAllowed));
+    EXPECT_EQ(entry.limits.credit, row.credit);
+    EXPECT_EQ(entry.limits.weekDayCurfewEnabled, 0);
+    EXPECT_EQ(entry.ticks, 0u);
+    EXPECT_EQ(entry.pid, 40);
+    EXPECT_TRUE(entry.lastMinuteUsed);
+    EXPECT_EQ(entry.displayName, QStringLiteral("Game"));
+  }
+}
+
+TEST_F(WatchedApps, FindsAnExactIdentifierOnly) {
+  const WatchedAppPtr first = Put(game, 1);
+  Put(game, 2);
+  EXPECT_EQ(FindWatchedApp(table, game), first);
+  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("org.Game")), nullptr);
+  EXPECT_EQ(FindWatchedApp(table, QString()), nullptr);
+}
+
+TEST_F(WatchedApps, RemovesByPidAndLetsTheSecondNeighbourLive) {
+  Put(QStringLiteral("a"), 1);
+  Put(QStringLiteral("b"), 1);
+  Put(QStringLiteral("c"), 2);
+  Put(QStringLiteral("d"), 1);
+  const WatchedAppPtr shown = table[0];
+  RemoveWatchedAppsWithPid(1, table);
+  EXPECT_EQ(Table(), (QStringList{QStringLiteral("b 1 0"), QStringLiteral("c 2 0")}));
+  EXPECT_EQ(shown->identifier, QStringLiteral("a")) << "an alert's entry stays valid";
+  RemoveWatchedAppForProcess({2, 5}, table);
+  EXPECT_EQ(Table(), QStringList{QStringLiteral("b 1 0")});
+}
+
+// ---- What adds nothing ----
+
+TEST_F(WatchedApps, NothingIsAdded) {
+  server.Answer(QStringLiteral("org.off"), {{QStringLiteral("Credit"), 5}});
+  EXPECT_FALSE(Add(Bundle(QStringLiteral("org.off")), 40)) << "not enabled";
+  (void)Frames();
+  EXPECT_FALSE(AddWatchedApp(Context(), {41, 1}, table)) << "no location";
+  EXPECT_EQ(Frames(), QStringList());
+  address.clear();
+  link.shared.reset();
+  EXPECT_FALSE(Add(Bundle(game), 42)) << "no Server";
+  EXPECT_EQ(Table(), QStringList());
+}
+
+TEST_F(WatchedApps, ARefreshTellsThatAnEntryMustGo) {
+  WatchedApp entry;
+  entry.identifier = QStringLiteral("org.off");
+  entry.ticks = 60;
+  entry.limits.credit = 4;
+  server.Answer(entry.identifier, {{QStringLiteral("Credit"), 5}});
+  EXPECT_TRUE(RefreshWatchedApp(Context(), entry, true));
+  EXPECT_EQ(entry.limits.credit, 4);
+  EXPECT_EQ(entry.ticks, 60u);
+}
+
+TEST_F(WatchedApps, TheLoginWindowWithoutALeaderRemovesNothing) {
+  Put(QString::fromLatin1(kGlobalSettingsIdentifier), 0);
+  RemoveWatchedAppForProcess({0, 0}, table);
+  EXPECT_EQ(table.size(), 1u);
+}
+
+}  // namespace
+}  // namespace vardell
