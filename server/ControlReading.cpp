@@ -31,7 +31,7 @@ std::optional<QString> Decode(const QByteArray& encoded) {
 }  // namespace
 
 bool SplitPath(const QByteArray& target, std::vector<QString>* path) {
-  const QByteArray encoded = target.left(target.indexOf('?'));
+  const QByteArray encoded = target.split('?').constFirst();
   if (!encoded.startsWith('/')) return false;
   std::vector<QString> segments;
   for (const QByteArray& segment : encoded.mid(1).split('/')) {
@@ -49,7 +49,7 @@ bool SplitQuery(const QByteArray& target, QueryFields* query) {
   QueryFields fields;
   for (const QByteArray& field : target.mid(start + 1).split('&')) {
     const qsizetype equals = field.indexOf('=');
-    const std::optional<QString> name = Decode(field.left(equals));
+    const std::optional<QString> name = Decode(field.split('=').constFirst());
     const std::optional<QString> value = Decode(equals < 0 ? QByteArray() : field.mid(equals + 1));
     if (!name || !value || !fields.emplace(*name, *value).second) return false;
   }
