@@ -10,7 +10,7 @@
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/LinuxSession.h"
 #include "platform/linux/LinuxSystem.h"
-#include "platform/linux/WindowOwners.h"
+#include "platform/linux/XcbDesktop.h"
 #include "platform/linux/XcbFrontApplication.h"
 #include "platform/linux/XcbHotKeys.h"
 #include "platform/linux/XcbScreens.h"

@@ -43,10 +43,18 @@ std::vector<std::uint32_t> XcbDesktop::Property(xcb_window_t window, xcb_atom_t 
 }
 
 pid_t XcbDesktop::WindowPid(xcb_window_t window) const {
-  if (window == XCB_WINDOW_NONE) return 0;
+  if (!Exists(window)) return 0;
   if (const std::optional<pid_t> pid = ResourcePid(window)) return *pid;
   const auto told = Property(window, Atom("_NET_WM_PID"), XCB_ATOM_CARDINAL, 1);
   return !told.empty() && IsFromThisMachine(window) ? static_cast<pid_t>(told[0]) : 0;
+}
+
+// The resource extension answers for the client that has the window's range of ids now: a window
+// manager leaves the id of a destroyed window as the active one, and the next client gets its
+// range.
+bool XcbDesktop::Exists(xcb_window_t window) const {
+  return XcbReply<xcb_get_window_attributes_reply_t>(xcb_get_window_attributes_reply(
+             connection_, xcb_get_window_attributes(connection_, window), nullptr)) != nullptr;
 }
 
 std::optional<pid_t> XcbDesktop::ResourcePid(xcb_window_t window) const {

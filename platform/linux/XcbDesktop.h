@@ -32,7 +32,8 @@ class XcbDesktop {
   // The 32-bit items of a property, at most `most` of them; empty where there is no such property.
   std::vector<std::uint32_t> Property(xcb_window_t window, xcb_atom_t property, xcb_atom_t type,
                                       std::uint32_t most) const;
-  // The process that owns the window, 0 where the server cannot tell: a client of another machine.
+  // The process that owns the window; 0 where there is no such window, and where the server cannot
+  // tell: a client of another machine.
   pid_t WindowPid(xcb_window_t window) const;
   // Adds to the events of the root window that this connection receives; Qt selects others there.
   void SelectRootEvents(std::uint32_t mask) const;
@@ -40,6 +41,7 @@ class XcbDesktop {
  private:
   XcbDesktop(xcb_connection_t* connection, xcb_window_t root)
       : connection_(connection), root_(root) {}
+  bool Exists(xcb_window_t window) const;
   std::optional<pid_t> ResourcePid(xcb_window_t window) const;
   bool IsFromThisMachine(xcb_window_t window) const;
 

@@ -84,7 +84,6 @@ XcbHotKeys::~XcbHotKeys() {
   if (!desktop_ || !XcbDesktop::Open()) return;
   QCoreApplication::instance()->removeNativeEventFilter(this);
   for (Key& key : keys_) Ungrab(key);
-  xcb_flush(desktop_->Connection());
 }
 
 bool XcbHotKeys::Register(HotKeyId id, std::uint32_t keyCode, std::uint32_t modifiers) {
@@ -135,6 +134,7 @@ void XcbHotKeys::Ungrab(Key& key) {
       xcb_ungrab_key(desktop_->Connection(), code, desktop_->Root(),
                      static_cast<std::uint16_t>(key.modifiers | locks));
   }
+  xcb_flush(desktop_->Connection());
   key.grabbed.clear();
 }
 

@@ -1,5 +1,5 @@
-// A real program under test: started with its own environment, its output collected in a file, ended
-// with the object.
+// A real program under test: started with its own environment, its output collected in a file,
+// ended with the object.
 #pragma once
 
 #include <fcntl.h>
@@ -29,7 +29,8 @@ class Program {
   };
 
   Program() = default;
-  Program(const std::vector<std::string>& command, const Options& options) : output_(options.output) {
+  Program(const std::vector<std::string>& command, const Options& options)
+      : output_(options.output) {
     pid_ = fork();
     if (pid_ == 0) Become(command, options);
     pidfd_ = OpenPidfd(pid_);

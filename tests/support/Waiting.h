@@ -36,6 +36,8 @@ inline bool WaitForExit(int pidfd, std::chrono::milliseconds patience = kPatienc
   return poll(&wait, 1, static_cast<int>(patience.count())) == 1;
 }
 
-inline int OpenPidfd(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
+inline int OpenPidfd(pid_t pid) {
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
 
 }  // namespace vardell::test

@@ -1,0 +1,248 @@
+#include "core/EnforcementTick.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/core/AgentFixture.h"
+#include "tests/support/Program.h"
+
+namespace vardell::test {
+namespace {
+
+using Words = QStringList;
+
+const QString kToy = QStringLiteral("toy");
+
+// A child that only waits to be ended.
+Program StartVictim() {
+  return Program({"/bin/sleep", "1000"}, {});
+}
+
+class EnforcementTickTest : public AgentFixture {};
+
+struct MinuteRow {
+  const char* behaviour;
+  int credit;
+  bool lastMinuteCredit;
+  int minutes;
+  Words frames;
+  Words alerts;
+  bool watchedAfterwards;
+};
+
+class MinutesTest : public AgentFixture, public testing::WithParamInterface<MinuteRow> {};
+
+TEST_P(MinutesTest, GoAsToldByTheTable) {
+  const MinuteRow& row = GetParam();
+  Program victim = StartVictim();
+  agent.lastMinuteCredit = row.lastMinuteCredit;
+  Watch(kToy, row.credit, victim.pid());
+  Tick(60 * (row.minutes - 1) + 1);
+  EXPECT_EQ(row.frames, Frames());
+  EXPECT_EQ(row.alerts, ShownAlerts());
+  EXPECT_EQ(row.watchedAfterwards, IsWatched(kToy));
+  EXPECT_EQ(row.watchedAfterwards, victim.IsRunning());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Credit, MinutesTest,
+    testing::Values(
+        MinuteRow{
+            "a minute is paid and refreshed when it begins", 30, true, 1, {"6:29", "1"}, {}, true},
+        MinuteRow{"five minutes left warn once and go on with 4",
+                  5,
+                  true,
+                  2,
+                  {"6:4", "1", "6:3", "1"},
+                  {"toy 2"},
+                  true},
+        MinuteRow{"the last minute warns", 1, true, 1, {"6:0", "1"}, {"toy 0"}, true},
+        MinuteRow{"the last minute is followed by the end, which reports -1",
+                  1,
+                  true,
+                  2,
+                  {"6:0", "1", "6:-1", "1"},
+                  {},
+                  false},
+        MinuteRow{"a credit of nothing ends at once", 0, true, 1, {"6:-1", "1"}, {}, false},
+        MinuteRow{"two minutes warn at the second",
+                  2,
+                  true,
+                  3,
+                  {"6:1", "1", "6:0", "1", "6:-1", "1"},
+                  {},
+                  false}));
+
+TEST_F(EnforcementTickTest, TheServersCreditReplacesTheAgents) {
+  const auto entry = Watch(kToy, 30, getpid());
+  server.FollowReports(false);
+  server.AnswerCredit(kToy, 90);
+  Tick();
+  EXPECT_EQ(90, entry->limits.credit);
+  EXPECT_EQ(1u, entry->ticks);
+}
+
+TEST_F(EnforcementTickTest, AnIdentifierThatTheServerNoLongerWatchesIsLeftAlone) {
+  Program victim = StartVictim();
+  Watch(kToy, 30, victim.pid());
+  server.Answer(kToy, {{QStringLiteral("Enabled"), false}});
+  Tick();
+  EXPECT_FALSE(IsWatched(kToy));
+  EXPECT_TRUE(victim.IsRunning());
+  EXPECT_EQ(std::vector{victim.pid()}, removedLines);
+}
+
+TEST_F(EnforcementTickTest, AProcessThatHasGoneIsDroppedWithoutAReport) {
+  Watch(kToy, 30, 4711);
+  Tick(2);
+  (void)Frames();
+  processes.SetAlive(4711, false);
+  Tick(61);
+  EXPECT_FALSE(IsWatched(kToy));
+  EXPECT_EQ(Words(), Frames());
+  EXPECT_EQ(std::vector{4711}, removedLines);
+}
+
+TEST_F(EnforcementTickTest, TheLoginWindowNeverCountsAsDead) {
+  Watch(QLatin1String(kLoginWindowIdentifier), 30, 4711);
+  processes.SetAlive(4711, false);
+  Tick(2);
+  EXPECT_TRUE(IsWatched(QLatin1String(kLoginWindowIdentifier)));
+}
+
+// --- spent, and no last minute is granted
+
+TEST_F(EnforcementTickTest, ASpentEntryIsHeldUntilItsWarningGoes) {
+  Program victim = StartVictim();
+  standing = true;
+  Watch(kToy, kSpentCredit, victim.pid());
+  Tick(59);
+  EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
+  EXPECT_EQ(Words(), Frames());
+  EXPECT_TRUE(victim.IsRunning());
+  agent.statusRefreshCountdown = 1;
+  Tick();
+  EXPECT_EQ(Words(), lines);
+
+  Dismiss();
+  EXPECT_EQ(-SIGKILL, victim.Wait());
+  EXPECT_EQ((Words{"6:0", "1"}), Frames());
+  EXPECT_FALSE(IsWatched(kToy));
+}
+
+TEST_F(EnforcementTickTest, ASpentEntryEndsAtItsNextMinuteUnderItsWarning) {
+  Program victim = StartVictim();
+  standing = true;
+  Watch(kToy, kSpentCredit, victim.pid());
+  Tick();
+  EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
+  Tick(60);
+  EXPECT_EQ(-SIGKILL, victim.Wait());
+  EXPECT_EQ((Words{"6:0", "1"}), Frames());
+  Dismiss();
+  (void)ShownAlerts();
+  EXPECT_EQ(Words(), Frames());
+}
+
+TEST_F(EnforcementTickTest, ASpentEntryThatQuitsUnderItsWarningReportsNothing) {
+  standing = true;
+  Watch(kToy, kSpentCredit, 4711);
+  Tick();
+  EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
+  processes.SetAlive(4711, false);
+  Tick();
+  Dismiss();
+  (void)ShownAlerts();
+  EXPECT_EQ(Words(), Frames());
+}
+
+// --- alerts and the table
+
+TEST_F(EnforcementTickTest, ALaterWarningTakesThePlaceOfAnUnseenOne) {
+  Watch(kToy, 5, getpid());
+  Minutes(4);
+  Tick();
+  EXPECT_EQ(Words{"toy 0"}, ShownAlerts());
+}
+
+TEST_F(EnforcementTickTest, UnseenWarningsOfAnEntryThatHasGoneAreDropped) {
+  Watch(kToy, 1, 4711);
+  Tick();
+  processes.SetAlive(4711, false);
+  Tick();
+  EXPECT_EQ(Words(), ShownAlerts());
+}
+
+TEST_F(EnforcementTickTest, AStandingWarningDoesNotStopTheCount) {
+  standing = true;
+  Watch(kToy, 5, getpid());
+  Tick();
+  EXPECT_EQ(Words{"toy 2"}, ShownAlerts());
+  Minutes(2);
+  EXPECT_EQ((Words{"6:4", "1", "6:3", "1", "6:2", "1"}), Frames());
+  Dismiss();
+}
+
+TEST_F(EnforcementTickTest, AnEntryThatSlidIntoAFreePlaceIsVisitedASecondLater) {
+  Watch(kToy, 30, 4711);
+  const auto next = Watch(QStringLiteral("next"), 30, getpid());
+  processes.SetAlive(4711, false);
+  Tick();
+  EXPECT_EQ(0u, next->ticks);
+  Tick();
+  EXPECT_EQ(1u, next->ticks);
+}
+
+// --- the session
+
+TEST_F(EnforcementTickTest, AFullScreenApplicationInFrontIsEndedBeforeTheSession) {
+  Program game = StartVictim();
+  Program leader = StartVictim();
+  front.frontPid = game.pid();
+  front.captured = true;
+  agent.loginPid = leader.pid();
+  Watch(QLatin1String(kLoginWindowIdentifier), 0, leader.pid());
+  Tick();
+  EXPECT_EQ(-SIGKILL, game.Wait());
+  EXPECT_EQ(-SIGKILL, leader.Wait());
+}
+
+TEST_F(EnforcementTickTest, TheSessionLineHasKeyMinusOneAndHundredthsAreSecondsLeft) {
+  Watch(QLatin1String(kLoginWindowIdentifier), 12, 4711)->ticks = 15;
+  Watch(kToy, 0, getpid())->ticks = 59;
+  Watch(QStringLiteral("spent"), kSpentCredit, getpid())->ticks = 5;
+  Watch(QLatin1String(kGlobalSettingsIdentifier), 3, 0)->ticks = 5;
+  RefreshStatusCredits(agent);
+  EXPECT_EQ((Words{"-1 COM.APPLE.LOGINWINDOW 12.45", QString::number(getpid()) + " TOY 0.01"}),
+            lines);
+}
+
+TEST_F(EnforcementTickTest, TheGlobalSettingsLiveOnAndAreNeverReported) {
+  Watch(QLatin1String(kGlobalSettingsIdentifier), 0, 0);
+  Minutes(3);
+  EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
+  EXPECT_EQ(Words(), Frames());
+}
+
+// --- a Server that was lost
+
+TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
+  ApplicationInfo info;
+  info.path = QStringLiteral("/usr/share/applications/toy.desktop");
+  info.isBundle = true;
+  info.identifier = kToy;
+  info.displayName = QStringLiteral("Toy");
+  processes.Run(info, getpid());
+  server.AnswerCredit(kToy, 30);
+  agent.link.replyMissed = true;
+  Tick(4);
+  EXPECT_FALSE(IsWatched(kToy));
+  Tick();
+  EXPECT_TRUE(IsWatched(kToy));
+  EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
+  EXPECT_FALSE(agent.link.replyMissed);
+}
+
+}  // namespace
+}  // namespace vardell::test
