@@ -1,0 +1,108 @@
+// Another X client than the program under test, by a connection of its own: tries for input, sets
+// properties, and looks at what is on the screen. Also xdotool and friends in a program of theirs.
+#pragma once
+
+#include <xcb/xcb.h>
+
+#include <QRect>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/Program.h"
+
+namespace vardell::test {
+
+class SecondClient {
+ public:
+  SecondClient() : connection_(xcb_connect(nullptr, nullptr)) {
+    root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
+  }
+  ~SecondClient() { xcb_disconnect(connection_); }
+  SecondClient(const SecondClient&) = delete;
+  SecondClient& operator=(const SecondClient&) = delete;
+
+  // True when the input can be had, which is then given back at once.
+  bool CanTakeKeyboard() {
+    const bool taken = TakeKeyboard();
+    xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
+    Sync();
+    return taken;
+  }
+  bool CanTakePointer() {
+    const bool taken = TakePointer();
+    ReleasePointer();
+    return taken;
+  }
+
+  bool TakePointer() {
+    const std::unique_ptr<xcb_grab_pointer_reply_t, decltype(&std::free)> reply(
+        xcb_grab_pointer_reply(
+            connection_,
+            xcb_grab_pointer(connection_, 0, root_, XCB_EVENT_MASK_BUTTON_PRESS,
+                             XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC, 0, 0, XCB_CURRENT_TIME),
+            nullptr),
+        std::free);
+    return reply && reply->status == XCB_GRAB_STATUS_SUCCESS;
+  }
+  void ReleasePointer() {
+    xcb_ungrab_pointer(connection_, XCB_CURRENT_TIME);
+    Sync();
+  }
+
+  // False when another client has that key.
+  bool GrabKey(std::uint16_t modifiers, xcb_keycode_t code) {
+    const std::unique_ptr<xcb_generic_error_t, decltype(&std::free)> error(
+        xcb_request_check(connection_,
+                          xcb_grab_key_checked(connection_, 1, root_, modifiers, code,
+                                               XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC)),
+        std::free);
+    return !error;
+  }
+
+  // The rectangles of the shown windows that no window manager manages, lowest first.
+  std::vector<QRect> UnmanagedWindows() {
+    const std::unique_ptr<xcb_query_tree_reply_t, decltype(&std::free)> tree(
+        xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr), std::free);
+    std::vector<QRect> found;
+    for (int i = 0; tree && i < xcb_query_tree_children_length(tree.get()); ++i) {
+      const xcb_window_t window = xcb_query_tree_children(tree.get())[i];
+      const std::unique_ptr<xcb_get_window_attributes_reply_t, decltype(&std::free)> attributes(
+          xcb_get_window_attributes_reply(connection_,
+                                          xcb_get_window_attributes(connection_, window), nullptr),
+          std::free);
+      const std::unique_ptr<xcb_get_geometry_reply_t, decltype(&std::free)> geometry(
+          xcb_get_geometry_reply(connection_, xcb_get_geometry(connection_, window), nullptr),
+          std::free);
+      if (attributes && geometry && attributes->override_redirect &&
+          attributes->map_state == XCB_MAP_STATE_VIEWABLE)
+        found.emplace_back(geometry->x, geometry->y, geometry->width, geometry->height);
+    }
+    return found;
+  }
+
+ private:
+  bool TakeKeyboard() {
+    const std::unique_ptr<xcb_grab_keyboard_reply_t, decltype(&std::free)> reply(
+        xcb_grab_keyboard_reply(connection_,
+                                xcb_grab_keyboard(connection_, 0, root_, XCB_CURRENT_TIME,
+                                                  XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
+                                nullptr),
+        std::free);
+    return reply && reply->status == XCB_GRAB_STATUS_SUCCESS;
+  }
+  void Sync() {
+    std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+  }
+
+  xcb_connection_t* connection_;
+  xcb_window_t root_ = XCB_WINDOW_NONE;
+};
+
+// Runs an X tool to its end; what it does may need the event loop afterwards, not meanwhile.
+inline void Tool(const std::vector<std::string>& command) {
+  EXPECT_EQ(Run(command, {}).status, 0) << command[0];
+}
+
+}  // namespace vardell::test
