@@ -29,7 +29,7 @@ using boost::system::error_code;
 
 constexpr std::chrono::seconds kAcceptPause{1};
 // A client can make lines appear; beyond this many in a second they are only counted.
-constexpr int kMaxLinesPerSecond = 10;
+constexpr int kMaxLinesPerSecond = 20;
 
 struct Connection {
   explicit Connection(tcp::socket accepted) : socket(std::move(accepted)) {}
