@@ -18,7 +18,7 @@ using Clock = StreamPair::Clock;
 
 constexpr std::int64_t kChunkBytes = 64;
 
-enum class Progress { Waiting, Finished, Lost };
+enum class Progress { Waiting, Moving, Finished, Lost };
 
 struct Exchange {
   QByteArray frame;
@@ -35,10 +35,12 @@ bool IsLost(StreamStatus status) {
          status == StreamStatus::AtEnd;
 }
 
-void WriteOnce(StreamPair& pair, Exchange* exchange) {
+Progress WriteOnce(StreamPair& pair, Exchange* exchange) {
   const std::int64_t taken = pair.Write(exchange->frame.constData() + exchange->written,
                                         exchange->frame.size() - exchange->written);
   if (taken > 0) exchange->written += taken;
+  if (!exchange->expectReply) return Progress::Finished;
+  return taken > 0 ? Progress::Moving : Progress::Waiting;
 }
 
 void Keep(QByteArray* reply, const char* bytes, std::int64_t count) {
@@ -54,15 +56,12 @@ bool IsComplete(Exchange* exchange) {
 }
 
 Progress ReadOnce(StreamPair& pair, Exchange* exchange) {
-  if (pair.HasBytesAvailable()) {
-    std::array<char, kChunkBytes> chunk;
-    const std::int64_t count = pair.Read(chunk.data(), kChunkBytes);
-    if (count > 0) {
-      Keep(&exchange->reply, chunk.data(), count);
-      exchange->received += count;
-    }
-  }
-  return IsComplete(exchange) ? Progress::Finished : Progress::Waiting;
+  std::array<char, kChunkBytes> chunk;
+  const std::int64_t count = pair.Read(chunk.data(), kChunkBytes);
+  if (count <= 0) return Progress::Waiting;
+  Keep(&exchange->reply, chunk.data(), count);
+  exchange->received += count;
+  return IsComplete(exchange) ? Progress::Finished : Progress::Moving;
 }
 
 Progress Pass(StreamPair& pair, Exchange* exchange) {
@@ -71,16 +70,14 @@ Progress Pass(StreamPair& pair, Exchange* exchange) {
   if (reading == StreamStatus::Opening || writing == StreamStatus::Opening)
     return Progress::Waiting;
   if (IsLost(reading) || IsLost(writing)) return Progress::Lost;
-  if (exchange->IsSent()) return ReadOnce(pair, exchange);
-  WriteOnce(pair, exchange);
-  return exchange->expectReply ? Progress::Waiting : Progress::Finished;
+  return exchange->IsSent() ? ReadOnce(pair, exchange) : WriteOnce(pair, exchange);
 }
 
 Progress RunExchange(StreamPair& pair, Exchange* exchange, Clock::time_point deadline) {
   while (Clock::now() < deadline) {
     const Progress progress = Pass(pair, exchange);
-    if (progress != Progress::Waiting) return progress;
-    pair.Wait(exchange->IsSent(), !exchange->IsSent(), deadline);
+    if (progress == Progress::Finished || progress == Progress::Lost) return progress;
+    if (progress == Progress::Waiting) pair.Wait(exchange->IsSent(), !exchange->IsSent(), deadline);
   }
   return Progress::Waiting;
 }

@@ -129,6 +129,26 @@ TEST(DataForm, TheRecordIsPackedInTheWiresOrder) {
   EXPECT_TRUE(SameBytes(ReadLimitsRecordFromData(data, 12), SampleRecord()));
 }
 
+TEST(DataForm, TheManualsExampleOfARecord) {
+  LimitsRecord record;
+  record.nextTopUpTime = 1500000000;
+  record.topUpValue = 16909060;
+  record.credit = -1;
+  record.topUpCoefficient = 60;
+  record.weekDayCurfewEnabled = 1;
+  record.weekDayStart = 480;
+  record.weekDayStop = 1200;
+  record.weekEndStop = 1439;
+  record.enabled = 1;
+  record.weekEndCoefficient = -2;
+  record.weekEndValue = 5;
+  record.diskQuotaEnabled = 1;
+  record.diskQuotaValue = 2048;
+  EXPECT_EQ(AppendLimitsRecordToData({}, {}, record).mid(8),
+            Hex("002f6859 04030201 ffffffff 3c 01 00 e0010000 b0040000 00000000 9f050000"
+                "01 00 fe 05000000 01 00080000"));
+}
+
 TEST(DataForm, TopUpTimesTravelAs32UnsignedBits) {
   struct Row {
     const char* behaviour;
