@@ -238,14 +238,25 @@ std::optional<std::uint32_t> UserBehind(int socket) {
 }
 
 // Only an address of this machine can be bound.
+bool IsOwnAddress(sockaddr_storage address) {
+  socklen_t size = 0;
+  if (address.ss_family == AF_INET) {
+    size = sizeof(sockaddr_in);
+    reinterpret_cast<sockaddr_in*>(&address)->sin_port = 0;
+  } else if (address.ss_family == AF_INET6) {
+    size = sizeof(sockaddr_in6);
+    reinterpret_cast<sockaddr_in6*>(&address)->sin6_port = 0;
+  } else {
+    return false;
+  }
+  const Descriptor probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  return probe.fd >= 0 && bind(probe.fd, reinterpret_cast<const sockaddr*>(&address), size) == 0;
+}
+
 bool IsFromThisMachine(int socket) {
   sockaddr_storage peer{};
   socklen_t size = sizeof(peer);
-  if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return false;
-  if (peer.ss_family == AF_INET) reinterpret_cast<sockaddr_in*>(&peer)->sin_port = 0;
-  if (peer.ss_family == AF_INET6) reinterpret_cast<sockaddr_in6*>(&peer)->sin6_port = 0;
-  const Descriptor probe(::socket(peer.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return probe.fd >= 0 && bind(probe.fd, reinterpret_cast<const sockaddr*>(&peer), size) == 0;
+  return getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0 && IsOwnAddress(peer);
 }
 
 }  // namespace vardell::server

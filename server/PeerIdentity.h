@@ -3,12 +3,15 @@
 // told apart from another. Does not block; thread-safe.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <optional>
 
 namespace vardell::server {
 
-// Whether the peer's address is one of this machine's own.
+// Whether an address (its port aside) is one of this machine's own, and whether a peer's is.
+[[nodiscard]] bool IsOwnAddress(sockaddr_storage address);
 [[nodiscard]] bool IsFromThisMachine(int socket);
 
 // The user that owns the other end of `socket`, an accepted connection over IPv4 or IPv6 from this

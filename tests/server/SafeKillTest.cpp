@@ -1,0 +1,236 @@
+#include "server/SafeKill.h"
+
+#include <gtest/gtest.h>
+#include <linux/sched.h>
+#include <sys/syscall.h>
+
+#include <cstring>
+#include <ostream>
+
+#include "tests/server/OtherUsers.h"
+
+namespace vardell::server {
+
+void PrintTo(KillResult result, std::ostream* out) {
+  *out << ToString(result).toStdString();
+}
+
+namespace {
+
+using test::AsUser;
+using test::kAnna;
+using test::kBert;
+using test::Sleeper;
+
+bool Nobody(pid_t, uid_t) {
+  return false;
+}
+bool Everybody(pid_t, uid_t) {
+  return true;
+}
+
+class SafeKill : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: processes of several users are killed";
+  }
+};
+
+// A new process with that very pid, or 0.
+pid_t ForkWithPid(pid_t pid, uid_t uid) {
+  clone_args arguments{};
+  arguments.exit_signal = SIGCHLD;
+  arguments.set_tid = reinterpret_cast<std::uint64_t>(&pid);
+  arguments.set_tid_size = 1;
+  const long result = syscall(SYS_clone3, &arguments, sizeof(arguments));
+  if (result == 0) {
+    // No libc between clone3 and here: it does not know of this process.
+    syscall(SYS_setresuid, uid, uid, uid);
+    for (;;) syscall(SYS_pause);
+  }
+  return result == pid ? pid : 0;
+}
+
+// --- What is killed, and what is not. The facts are the row's; the process is real.
+
+struct VerdictRow {
+  const char* what;
+  ProcessFacts facts;
+  uid_t requester;
+  bool leadsTheirSession;
+  KillResult expected;
+};
+
+ProcessFacts Of(std::array<uid_t, 4> uids, const char* program = "game", bool kernel = false) {
+  return {uids, QString::fromLatin1(program), 0, kernel};
+}
+ProcessFacts Of(uid_t uid, const char* program = "game") {
+  return Of({uid, uid, uid, uid}, program);
+}
+
+TEST_F(SafeKill, EndsOnlyWhatIsTheRequestersOrLeadsTheirSession) {
+  constexpr uid_t kDaemon = 101;
+  const VerdictRow kRows[] = {
+      {"the requester's own", Of(kAnna), kAnna, false, KillResult::Killed},
+      {"another user's", Of(kBert), kAnna, false, KillResult::NotTheirs},
+      {"another user's, said to lead", Of(kBert), kAnna, true, KillResult::NotTheirs},
+      {"root's", Of(0u), kAnna, false, KillResult::NotTheirs},
+      {"root's, leads the requester's session", Of(0u), kAnna, true, KillResult::Killed},
+      {"started by the requester, runs as root", Of({kAnna, 0, 0, 0}), kAnna, false,
+       KillResult::NotTheirs},
+      {"only its saved uid is another's", Of({kAnna, kAnna, kBert, kAnna}), kAnna, false,
+       KillResult::NotTheirs},
+      {"only its file system uid is another's", Of({kAnna, kAnna, kAnna, kBert}), kAnna, false,
+       KillResult::NotTheirs},
+      {"a system account's, said to lead", Of(kDaemon), kAnna, true, KillResult::Protected},
+      {"a kernel thread", Of({0, 0, 0, 0}, "kworker", true), kAnna, true, KillResult::Protected},
+      {"the service manager, said to lead", Of(0u, "systemd"), kAnna, true, KillResult::Protected},
+      {"the system bus, said to lead", Of(0u, "dbus-daemon"), kAnna, true, KillResult::Protected},
+      {"the requester's own service manager", Of(kAnna, "systemd"), kAnna, false,
+       KillResult::Protected},
+      {"root asks for its own", Of(0u), 0, false, KillResult::Protected},
+      {"a system account asks for its own", Of(kDaemon), kDaemon, false, KillResult::Protected},
+      {"nobody asks for its own", Of(kNobodyUid), kNobodyUid, false, KillResult::Protected},
+  };
+  for (const VerdictRow& row : kRows) {
+    SCOPED_TRACE(row.what);
+    const Sleeper process;
+    KillRules rules;
+    rules.isSessionLeader = row.leadsTheirSession ? Everybody : Nobody;
+    rules.readFacts = [&](pid_t) { return std::optional(row.facts); };
+    EXPECT_EQ(KillOnRequest(process.Pid(), row.requester, rules), row.expected);
+    if (row.expected == KillResult::Killed) {
+      EXPECT_TRUE(process.DiesOfKill());
+    } else {
+      EXPECT_TRUE(process.IsAlive());
+    }
+  }
+}
+
+TEST_F(SafeKill, ReadsTheFactsOfRealProcesses) {
+  const Sleeper annas(Sleeper::OfUser(kAnna));
+  const Sleeper mixed(Sleeper::OfUser(kAnna, 0));
+  const KillRules rules{Nobody, ReadProcessFacts};
+  EXPECT_EQ(KillOnRequest(annas.Pid(), kBert, rules), KillResult::NotTheirs);
+  EXPECT_EQ(KillOnRequest(mixed.Pid(), kAnna, rules), KillResult::NotTheirs);
+  EXPECT_TRUE(annas.IsAlive());
+  EXPECT_EQ(KillOnRequest(annas.Pid(), kAnna, rules), KillResult::Killed);
+  EXPECT_TRUE(annas.DiesOfKill());
+}
+
+TEST_F(SafeKill, NeverTouchesTheFirstProcessItselfOrNonsense) {
+  const KillRules rules{Everybody, ReadProcessFacts};
+  for (const pid_t pid : {1, 0, -1, -4242, static_cast<int>(getpid()), static_cast<int>(getppid()),
+                          static_cast<int>(getsid(0))}) {
+    EXPECT_EQ(KillOnRequest(pid, kAnna, rules), KillResult::Protected) << pid;
+  }
+}
+
+// --- Gone, or somebody else by now.
+
+TEST_F(SafeKill, WhatHasEndedIsGone) {
+  const KillRules rules{Everybody, ReadProcessFacts};
+  Sleeper reaped(Sleeper::OfUser(kAnna));
+  const pid_t pid = reaped.Pid();
+  reaped.End();
+  EXPECT_EQ(KillOnRequest(pid, kAnna, rules), KillResult::Gone);
+
+  const Sleeper zombie(Sleeper::OfUser(kAnna));
+  kill(zombie.Pid(), SIGKILL);
+  ASSERT_TRUE(zombie.DiesOfKill());
+  EXPECT_EQ(KillOnRequest(zombie.Pid(), kAnna, rules), KillResult::Gone);
+}
+
+class ReusedPid : public SafeKill {
+ protected:
+  // Ends `old` and gives its pid to a new process of `uid`.
+  void Replace(Sleeper* old, uid_t uid) {
+    const pid_t pid = old->Pid();
+    old->End();
+    newcomer_ = ForkWithPid(pid, uid);
+    ASSERT_EQ(newcomer_, pid) << "clone3: " << strerror(errno);
+  }
+  void ExpectNewcomerLives() {
+    siginfo_t info{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(newcomer_), &info, WEXITED | WNOHANG | WNOWAIT), 0);
+    EXPECT_EQ(info.si_pid, 0) << "it was killed";
+  }
+  void TearDown() override {
+    if (newcomer_ <= 0) return;
+    kill(newcomer_, SIGKILL);
+    waitpid(newcomer_, nullptr, 0);
+  }
+
+  pid_t newcomer_ = 0;
+};
+
+TEST_F(ReusedPid, BeforeTheFactsAreReadIsNotKilled) {
+  Sleeper process(Sleeper::OfUser(kBert));
+  KillRules rules{Nobody, {}};
+  rules.readFacts = [&](pid_t pid) {
+    Replace(&process, kAnna);
+    return ReadProcessFacts(pid);
+  };
+  EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone);
+  ExpectNewcomerLives();
+}
+
+TEST_F(ReusedPid, WhileTheSessionIsAskedForIsNotKilled) {
+  Sleeper process;
+  KillRules rules;
+  rules.isSessionLeader = [&](pid_t, uid_t) {
+    Replace(&process, kBert);
+    return true;
+  };
+  EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone);
+  ExpectNewcomerLives();
+}
+
+TEST_F(SafeKill, TheKernelsRefusalIsToldApartFromGone) {
+  const Sleeper annas(Sleeper::OfUser(kAnna));
+  const KillRules rules{Nobody, ReadProcessFacts};
+  AsUser(kBert, [&] { EXPECT_EQ(KillOnRequest(annas.Pid(), kAnna, rules), KillResult::Denied); });
+  EXPECT_TRUE(annas.IsAlive());
+}
+
+// --- The leader of a session, without login1.
+
+// Forks a process of `uid` that writes its pid to `out` once it is what it should be.
+void ForkMember(uid_t uid, int out) {
+  if (fork() != 0) return;
+  (void)!setresuid(uid, uid, uid);
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const pid_t self = getpid();
+  (void)!write(out, &self, sizeof(self));
+  for (;;) pause();
+}
+
+TEST_F(SafeKill, ALeaderIsKilledForAMemberOfItsSessionOnly) {
+  int annasPipe[2];
+  int rootsPipe[2];
+  ASSERT_EQ(pipe(annasPipe), 0);
+  ASSERT_EQ(pipe(rootsPipe), 0);
+  const Sleeper leader([&] {
+    setsid();
+    ForkMember(kAnna, annasPipe[1]);
+    ForkMember(0, rootsPipe[1]);
+  });
+  pid_t annas = 0;
+  pid_t roots = 0;
+  ASSERT_EQ(read(annasPipe[0], &annas, sizeof(annas)), static_cast<ssize_t>(sizeof(annas)));
+  ASSERT_EQ(read(rootsPipe[0], &roots, sizeof(roots)), static_cast<ssize_t>(sizeof(roots)));
+  const Sleeper other([] { setsid(); });
+
+  const KillRules rules{IsSessionLeaderByProcessTable, ReadProcessFacts};
+  EXPECT_EQ(KillOnRequest(leader.Pid(), kBert, rules), KillResult::NotTheirs) << "not a member";
+  EXPECT_EQ(KillOnRequest(roots, kAnna, rules), KillResult::NotTheirs)
+      << "a member, not the leader";
+  EXPECT_EQ(KillOnRequest(other.Pid(), kAnna, rules), KillResult::NotTheirs) << "another session";
+  EXPECT_TRUE(leader.IsAlive());
+  EXPECT_EQ(KillOnRequest(leader.Pid(), kAnna, rules), KillResult::Killed);
+  EXPECT_TRUE(leader.DiesOfKill());
+  for (const int fd : {annasPipe[0], annasPipe[1], rootsPipe[0], rootsPipe[1]}) close(fd);
+}
+
+}  // namespace
+}  // namespace vardell::server
