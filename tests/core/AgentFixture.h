@@ -34,8 +34,8 @@ class AgentFixture : public testing::Test {
     agent.ui.showCurfewAlert = [this](const QString& text) { Show(text); };
     agent.ui.lockScreen = [this] { Show(QStringLiteral("lock")); };
     agent.ui.dismissMessage = [this] { Dismiss(); };
-    agent.ui.setAppCreditLine = [this](std::int32_t pid, const QString& name, double credit) {
-      lines << QStringLiteral("%1 %2 %3").arg(pid).arg(name).arg(credit, 0, 'f', 2);
+    agent.ui.setAppCreditLine = [this](std::int32_t pid, const QString& shownName, double credit) {
+      lines << QStringLiteral("%1 %2 %3").arg(pid).arg(shownName).arg(credit, 0, 'f', 2);
     };
     agent.ui.removeAppCreditLine = [this](std::int32_t pid) { removedLines.push_back(pid); };
   }
