@@ -33,7 +33,7 @@ class AgentFixture : public testing::Test {
     agent.ui.showMessage = [this](const QString& key) { Show(key); };
     agent.ui.showCurfewAlert = [this](const QString& text) { Show(text); };
     agent.ui.lockScreen = [this] { Show(QStringLiteral("lock")); };
-    agent.ui.dismissMessage = [this] { Dismiss(); };
+    agent.ui.dismissMessage = [this] { messageDismissed = true; };
     agent.ui.setAppCreditLine = [this](std::int32_t pid, const QString& shownName, double credit) {
       lines << QStringLiteral("%1 %2 %3").arg(pid).arg(shownName).arg(credit, 0, 'f', 2);
     };
@@ -63,7 +63,7 @@ class AgentFixture : public testing::Test {
   }
   // Lets the alerts that are due come up; those that were shown since the last call.
   QStringList ShownAlerts() {
-    WaitUntil([this] { return agent.alerts.IsIdle() || modal; }, std::chrono::milliseconds(500));
+    WaitUntil([this] { return agent.alerts.IsIdle(); });
     return std::exchange(shown, {});
   }
   // "kind:credit" for a report, "kind" for anything else.
@@ -75,13 +75,11 @@ class AgentFixture : public testing::Test {
     }
     return told;
   }
+  // As a modal alert: what happens beneath it happens in here, and it is dismissed with the return.
   void Show(const QString& what) {
     shown << what;
-    if (!standing) return;
-    modal = true;
-    WaitUntil([this] { return !modal; });
+    if (whileItStands) std::exchange(whileItStands, {})();
   }
-  void Dismiss() { modal = false; }
 
   int argc = 1;
   char name[5] = "test";
@@ -101,8 +99,8 @@ class AgentFixture : public testing::Test {
   Agent agent{{processes, session, system, preferences, discovery, hotKeys, front, screens},
               [this] { return now += perLook; },
               std::chrono::milliseconds(10)};
-  bool standing = false;  // alerts stay up until Dismiss()
-  bool modal = false;
+  std::function<void()> whileItStands;  // beneath the next alert
+  bool messageDismissed = false;
   QStringList shown;
   QStringList lines;
   std::vector<std::int32_t> removedLines;

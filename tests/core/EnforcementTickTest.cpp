@@ -42,7 +42,8 @@ TEST_P(MinutesTest, GoAsToldByTheTable) {
   EXPECT_EQ(row.frames, Frames());
   EXPECT_EQ(row.alerts, ShownAlerts());
   EXPECT_EQ(row.watchedAfterwards, IsWatched(kToy));
-  EXPECT_EQ(row.watchedAfterwards, victim.IsRunning());
+  EXPECT_EQ(row.watchedAfterwards ? -1000 : -SIGKILL,
+            victim.Wait(row.watchedAfterwards ? 0ms : kPatience));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -115,45 +116,45 @@ TEST_F(EnforcementTickTest, TheLoginWindowNeverCountsAsDead) {
 
 TEST_F(EnforcementTickTest, ASpentEntryIsHeldUntilItsWarningGoes) {
   Program victim = StartVictim();
-  standing = true;
   Watch(kToy, kSpentCredit, victim.pid());
-  Tick(59);
-  EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
-  EXPECT_EQ(Words(), Frames());
-  EXPECT_TRUE(victim.IsRunning());
-  agent.statusRefreshCountdown = 1;
+  whileItStands = [&] {
+    Tick(58);
+    EXPECT_EQ(Words(), Frames());
+    EXPECT_TRUE(victim.IsRunning());
+    agent.statusRefreshCountdown = 1;
+    Tick();
+    EXPECT_EQ(Words(), lines);
+  };
   Tick();
-  EXPECT_EQ(Words(), lines);
-
-  Dismiss();
+  EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
   EXPECT_EQ(-SIGKILL, victim.Wait());
   EXPECT_EQ((Words{"6:0", "1"}), Frames());
   EXPECT_FALSE(IsWatched(kToy));
 }
 
-TEST_F(EnforcementTickTest, ASpentEntryEndsAtItsNextMinuteUnderItsWarning) {
+TEST_F(EnforcementTickTest, ASpentEntryEndsAtItsNextMinuteUnderItsWarningAndOnlyOnce) {
   Program victim = StartVictim();
-  standing = true;
   Watch(kToy, kSpentCredit, victim.pid());
+  whileItStands = [&] {
+    Tick(60);
+    EXPECT_EQ(-SIGKILL, victim.Wait());
+    EXPECT_EQ((Words{"6:0", "1"}), Frames());
+    EXPECT_FALSE(IsWatched(kToy));
+  };
   Tick();
   EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
-  Tick(60);
-  EXPECT_EQ(-SIGKILL, victim.Wait());
-  EXPECT_EQ((Words{"6:0", "1"}), Frames());
-  Dismiss();
-  (void)ShownAlerts();
   EXPECT_EQ(Words(), Frames());
 }
 
 TEST_F(EnforcementTickTest, ASpentEntryThatQuitsUnderItsWarningReportsNothing) {
-  standing = true;
   Watch(kToy, kSpentCredit, 4711);
+  whileItStands = [&] {
+    processes.SetAlive(4711, false);
+    Tick();
+    EXPECT_FALSE(IsWatched(kToy));
+  };
   Tick();
   EXPECT_EQ(Words{"toy 1"}, ShownAlerts());
-  processes.SetAlive(4711, false);
-  Tick();
-  Dismiss();
-  (void)ShownAlerts();
   EXPECT_EQ(Words(), Frames());
 }
 
@@ -175,13 +176,11 @@ TEST_F(EnforcementTickTest, UnseenWarningsOfAnEntryThatHasGoneAreDropped) {
 }
 
 TEST_F(EnforcementTickTest, AStandingWarningDoesNotStopTheCount) {
-  standing = true;
   Watch(kToy, 5, getpid());
+  whileItStands = [this] { Minutes(2); };
   Tick();
   EXPECT_EQ(Words{"toy 2"}, ShownAlerts());
-  Minutes(2);
   EXPECT_EQ((Words{"6:4", "1", "6:3", "1", "6:2", "1"}), Frames());
-  Dismiss();
 }
 
 TEST_F(EnforcementTickTest, AnEntryThatSlidIntoAFreePlaceIsVisitedASecondLater) {

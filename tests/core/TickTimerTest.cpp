@@ -20,7 +20,7 @@ class TickTimerTest : public testing::Test {
       if (onTick) onTick();
     });
   }
-  void Pass(int hundredths) { now += milliseconds(hundredths) / 10; }
+  void Pass(int tenthsOfASecond) { now += milliseconds(tenthsOfASecond); }
   // Lets the timer fire as often as it wants to.
   int Ticks() {
     test::WaitUntil([] { return false; }, milliseconds(60));
@@ -39,27 +39,27 @@ class TickTimerTest : public testing::Test {
 
 TEST_F(TickTimerTest, CountsTheWholeSecondsThatPassed) {
   EXPECT_EQ(0, Ticks());
-  Pass(99);
+  Pass(9);
   EXPECT_EQ(0, Ticks());
   Pass(1);
   EXPECT_EQ(1, Ticks());
-  Pass(350);
+  Pass(35);
   EXPECT_EQ(3, Ticks());
-  Pass(50);
+  Pass(5);
   EXPECT_EQ(1, Ticks());
 }
 
 TEST_F(TickTimerTest, CountsNothingWhileAMessageIsUp) {
   timer.BeginMessage();
   timer.BeginMessage();
-  Pass(5000);
+  Pass(500);
   EXPECT_EQ(0, Ticks());
   timer.EndMessage();
   EXPECT_EQ(0, Ticks());
   timer.EndMessage();
-  Pass(90);
+  Pass(9);
   EXPECT_EQ(0, Ticks());
-  Pass(10);
+  Pass(1);
   EXPECT_EQ(1, Ticks());
 }
 
@@ -68,24 +68,24 @@ TEST_F(TickTimerTest, StartsAgainAfterTheLastReasonToStandStill) {
   timer.SetSessionAway(true);
   timer.BeginMessage();
   timer.SetSessionAway(false);
-  Pass(500);
+  Pass(50);
   EXPECT_EQ(0, Ticks());
   timer.EndMessage();
-  Pass(100);
+  Pass(10);
   EXPECT_EQ(1, Ticks());
 }
 
 TEST_F(TickTimerTest, AReasonThatWasNeverThereChangesNothing) {
-  Pass(60);
+  Pass(6);
   timer.SetSessionAway(false);
   timer.EndMessage();
-  Pass(40);
+  Pass(4);
   EXPECT_EQ(1, Ticks());
 }
 
 TEST_F(TickTimerTest, StopsInTheMiddleOfCatchingUp) {
   onTick = [this] { timer.SetSessionAway(true); };
-  Pass(500);
+  Pass(50);
   EXPECT_EQ(1, Ticks());
 }
 

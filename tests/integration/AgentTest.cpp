@@ -223,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(
                                   true},
                     Configuration{"locks for good", 1, true, false},
                     Configuration{"locks, and resumes when the Server appears", 2, true, true}),
-    [](const auto& info) { return "Configuration" + std::to_string(info.param.value); });
+    [](const auto& row) { return "Configuration" + std::to_string(row.param.value); });
 
 TEST_F(AgentTest, LeavesANonWatchedAccountAlone) {
   world.WritePreferences({{"Non-watched account", QString::fromStdString(world.user()).toUpper()}});
