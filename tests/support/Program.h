@@ -23,7 +23,7 @@ class Program {
  public:
   struct Options {
     std::map<std::string, std::string> environment = {};  // set besides the test's own
-    std::string output;                                   // file for standard output and error
+    std::string output = {};                              // file for standard output and error
     bool ownSession = false;                              // setsid
     uid_t uid = 0;                                        // not 0: runs as this user
   };
