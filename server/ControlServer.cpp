@@ -236,6 +236,7 @@ void ControlServer::Impl::Stop() {
   pause.cancel();
   for (const SessionPtr& session : sessions) session->stream.close();
   sessions.clear();
+  file.Remove();
 }
 
 ControlServer::ControlServer(asio::io_context& network, Household& household, Options options) {

@@ -33,14 +33,13 @@ sockaddr_un AddressOf(const QByteArray& path) {
   return address;
 }
 
-void MakeFolderOf(const QByteArray& path) {
-  namespace fs = std::filesystem;
-  const fs::path folder = fs::path(path.toStdString()).parent_path();
+// Whatever the umask says, everybody may pass through.
+void MakeFolder(const QByteArray& path, const std::filesystem::path& folder) {
   std::error_code error;
-  if (folder.empty() || fs::is_directory(folder, error)) return;
-  if (!fs::create_directories(folder, error) && error)
-    Fail(path, "its folder cannot be made: " + error.message());
-  if (chmod(folder.c_str(), 0755) != 0) Fail(path, "its folder: " + LastError());
+  if (folder.empty() || std::filesystem::is_directory(folder, error)) return;
+  if (folder.has_relative_path()) MakeFolder(path, folder.parent_path());
+  if (mkdir(folder.c_str(), 0755) != 0 || chmod(folder.c_str(), 0755) != 0)
+    Fail(path, "its folder " + folder.string() + " cannot be made: " + LastError());
 }
 
 int OpenSocket(const QByteArray& path) {
@@ -70,7 +69,7 @@ void RemoveStale(const QByteArray& path, const sockaddr_un& address) {
 
 ControlSocket::ControlSocket(const QString& path) : path_(QFile::encodeName(path)) {
   const sockaddr_un address = AddressOf(path_);
-  MakeFolderOf(path_);
+  MakeFolder(path_, std::filesystem::path(path_.toStdString()).parent_path());
   RemoveStale(path_, address);
   const int fd = OpenSocket(path_);
   if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -84,6 +83,10 @@ ControlSocket::ControlSocket(const QString& path) : path_(QFile::encodeName(path
 
 ControlSocket::~ControlSocket() {
   if (fd_ >= 0) close(fd_);
+  Remove();
+}
+
+void ControlSocket::Remove() {
   struct stat there {};
   if (lstat(path_.constData(), &there) == 0 && there.st_dev == made_.st_dev &&
       there.st_ino == made_.st_ino) {

@@ -21,6 +21,9 @@ class ControlSocket {
   // The descriptor becomes the caller's.
   int Release();
 
+  // Removes the file now, unless another has taken its place.
+  void Remove();
+
  private:
   const QByteArray path_;
   int fd_ = -1;
