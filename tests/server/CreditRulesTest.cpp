@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <variant>
 #include <vector>
@@ -83,6 +84,10 @@ struct Row {
   std::int64_t left;
 };
 
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.behaviour;
+}
+
 class CreditCourseTest : public testing::TestWithParam<Row> {};
 
 TEST_P(CreditCourseTest, BooksWhatWasUsed) {
@@ -128,6 +133,14 @@ INSTANTIATE_TEST_SUITE_P(
             {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{1000}, Fetch{1000, 8},
              Report{1001, 7, 1}, Report{1002, 6, 0}},
             7},
+        Row{"a break of more than a minute ends what was begun",
+            9,
+            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{121}, Fetch{121, 8}, Report{122, 5, 1}},
+            7},
+        Row{"... a shorter one does not",
+            9,
+            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{120}, Fetch{120, 8}, Report{121, 5, 2}},
+            6},
         Row{"minutes that a stopped agent caught up on are charged",
             9,
             {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Report{181, 7, 1}, Fetch{181, 7},

@@ -130,6 +130,20 @@ TEST_F(StoreTest, SaysThatPagesAreDamaged) {
   ExpectOneLine(Complaint(), "damaged", StorePath());
 }
 
+TEST_F(StoreTest, SaysThatPagesAreDamagedThatNobodyReadsAtTheStart) {
+  Fill();
+  Close();
+  QFile file(StorePath());
+  ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+  const QByteArray bytes = file.readAll();
+  const qsizetype audit = bytes.indexOf("\"AutoUpdateCoeff\"");
+  ASSERT_GT(audit, 0);
+  file.seek(audit / 4096 * 4096);
+  file.write(QByteArray(8, '\x5a'));
+  file.close();
+  ExpectOneLine(Complaint(), "damaged", StorePath());
+}
+
 TEST_F(StoreTest, SaysThatTheCreditIsNotTheSumOfTheLedger) {
   Fill();
   Close();
