@@ -19,6 +19,8 @@ if(VARDELL_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+execute_process(COMMAND id -u OUTPUT_VARIABLE VARDELL_UID OUTPUT_STRIP_TRAILING_WHITESPACE)
+
 # vardell_library(NAME SOURCES file... [PUBLIC lib...] [PRIVATE lib...])
 function(vardell_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
@@ -27,31 +29,47 @@ function(vardell_library name)
   target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
 endfunction()
 
-# vardell_test(NAME SOURCES file... LIBS lib... [DESKTOP] [LOCK resource...] [DEPENDS target...])
-# One GoogleTest program, one CTest test. DESKTOP runs it under tools/desktop: its own X server,
-# window manager, session and system bus, and Avahi on loopback. DEPENDS are programs that it starts.
+# vardell_test(NAME SOURCES file... LIBS lib... [DESKTOP] [SHARDS n] [LOCK resource...]
+#              [DEPENDS target...] [TIMEOUT seconds])
+# One GoogleTest program, one CTest test, or n that share its cases and run side by side. DESKTOP runs
+# it under tools/desktop: its own X server, window manager, session and system bus, and Avahi on a
+# loopback interface of its own. DEPENDS are programs that it starts.
 function(vardell_test name)
-  cmake_parse_arguments(arg "DESKTOP" "TIMEOUT" "SOURCES;LIBS;LOCK;DEPENDS" ${ARGN})
+  cmake_parse_arguments(arg "DESKTOP" "TIMEOUT;SHARDS" "SOURCES;LIBS;LOCK;DEPENDS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gtest_main)
   target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
   target_compile_definitions(${name} PRIVATE
     VARDELL_SOURCE_DIR="${PROJECT_SOURCE_DIR}" VARDELL_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
-  if(arg_DEPENDS)
-    add_dependencies(${name} ${arg_DEPENDS})
-  endif()
-  if(arg_DESKTOP)
-    add_test(NAME ${name} COMMAND "${PROJECT_SOURCE_DIR}/tools/desktop"
-      --dir "${CMAKE_BINARY_DIR}/desktop/${name}" -- $<TARGET_FILE:${name}>)
-    list(APPEND arg_LOCK avahi)
-  else()
-    add_test(NAME ${name} COMMAND ${name})
-  endif()
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 300)
   endif()
-  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
-  if(arg_LOCK)
-    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK "${arg_LOCK}")
+  if(arg_DEPENDS)
+    add_dependencies(${name} ${arg_DEPENDS})
   endif()
+  if(NOT arg_SHARDS)
+    set(arg_SHARDS 1)
+  endif()
+  math(EXPR last "${arg_SHARDS} - 1")
+  foreach(shard RANGE ${last})
+    set(test ${name})
+    if(arg_SHARDS GREATER 1)
+      set(test ${name}_${shard})
+    endif()
+    if(arg_DESKTOP)
+      add_test(NAME ${test} COMMAND "${PROJECT_SOURCE_DIR}/tools/desktop"
+        --dir "${CMAKE_BINARY_DIR}/desktop/${test}" -- $<TARGET_FILE:${name}>)
+    else()
+      add_test(NAME ${test} COMMAND ${name})
+    endif()
+    set_tests_properties(${test} PROPERTIES TIMEOUT ${arg_TIMEOUT}
+      ENVIRONMENT "GTEST_TOTAL_SHARDS=${arg_SHARDS};GTEST_SHARD_INDEX=${shard}")
+    # Only root gets ports of its own on such a desktop.
+    if(arg_DESKTOP AND NOT VARDELL_UID EQUAL 0)
+      list(APPEND arg_LOCK port49308)
+    endif()
+    if(arg_LOCK)
+      set_tests_properties(${test} PROPERTIES RESOURCE_LOCK "${arg_LOCK}")
+    endif()
+  endforeach()
 endfunction()

@@ -65,21 +65,17 @@ void EndAfterAlert(Agent& agent, const WatchedAppPtr& entry) {
   ForgetEntry(agent, *entry);
 }
 
-void KillAfterCurfewAlert(Agent& agent, const WatchedAppPtr& entry) {
-  if (!entry->curfewKillPending) return;
-  entry->curfewKillPending = false;
-  KillProcess(agent.link, agent.loginPid);
-}
-
 void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
-  KillAfterCurfewAlert(agent, entry);
   CurfewActions actions;
   actions.localNow = [] {
     return QDateTime::currentDateTimeUtc().toTimeZone(CopyCurrentTimeZone());
   };
   actions.showAlert = [&agent](const WatchedAppPtr& about, bool isEarly, std::int32_t minutes,
                                std::function<void()> dismissed) {
-    QueueCurfewAlert(agent, about, isEarly, minutes, std::move(dismissed));
+    QueueCurfewAlert(agent, about, isEarly, minutes,
+                     [&agent, about, dismissed = std::move(dismissed)] {
+                       if (IsInTable(agent, about)) dismissed();
+                     });
   };
   actions.killProcess = [&agent](std::int32_t pid) { KillProcess(agent.link, pid); };
   actions.loginPid = [&agent] { return agent.loginPid; };

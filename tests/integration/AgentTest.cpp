@@ -92,7 +92,9 @@ TEST_F(AgentTest, KeepsTheTableRightWhateverBecomesOfApplications) {
   Program killed = world.Launch("killed");
   Program first = world.Launch("twice");
   Program other = world.Launch("twice");
-  Program forker = world.Launch("forker", {"-c", "(read x <&3; :) & (read x <&3; :) & wait"});
+  Program forker =
+      world.Launch("forker", {"-c", "never='" + world.Path("never") +
+                                        "'; (read x < $never; :) & (read x < $never; :) & wait"});
   ASSERT_EQ(0, mkfifo(world.Path("go").c_str(), 0600));
   Program execer = world.Launch("execer", {"-c", "read go < '" + world.Path("go") + "'; exec '" +
                                                      world.ExecutableOf("second") + "'"});

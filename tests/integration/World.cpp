@@ -1,6 +1,7 @@
 #include "tests/integration/World.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <QDir>
 #include <QJsonDocument>
@@ -28,10 +29,12 @@ World::World() : root_(folder_.path().toStdString()), user_(getpwuid(getuid())->
                            "var/lib/vardell", "run/vardell"}) {
     QDir(folder_.path()).mkpath(QString::fromLatin1(path));
   }
+  mkfifo(Path("never").c_str(), 0600);
 }
 
 World::~World() {
   agent.End(SIGKILL);
+  EndAgentOfSession();
   leader.End(SIGKILL);
   server.End(SIGTERM);
 }
@@ -43,7 +46,9 @@ std::map<std::string, std::string> World::Environment() const {
 }
 
 std::string World::ExecutableOf(const std::string& identifier) const {
-  return Path("apps/" + identifier);
+  // The folder's name is in it, because a program is also known by its file's name alone, and other
+  // worlds on this machine have applications of the same names.
+  return Path("apps/" + identifier + "-" + root_.substr(root_.rfind('-') + 1));
 }
 
 void World::InstallApplication(const std::string& identifier, const std::string& program) {
@@ -82,8 +87,20 @@ void World::StartAgent(const std::map<std::string, std::string>& environment) {
 }
 
 void World::StartAgentInSession() {
-  leader = Program({"/bin/sh", "-c", "'" + Bin("vardell-agent") + "' & wait; sleep 1000"},
+  leader = Program({"/bin/sh", "-c",
+                    "'" + Bin("vardell-agent") + "' & echo $! > '" + Path("agent.pid") +
+                        "'; wait; read never < '" + Path("never") + "'"},
                    {.environment = Environment(), .output = Path("agent.log"), .ownSession = true});
+}
+
+void World::EndAgentOfSession() {
+  QFile file(QString::fromStdString(Path("agent.pid")));
+  if (!file.open(QIODevice::ReadOnly)) return;
+  const int pidfd = OpenPidfd(file.readAll().trimmed().toInt());
+  if (pidfd < 0) return;
+  syscall(SYS_pidfd_send_signal, pidfd, SIGKILL, nullptr, 0);
+  WaitForExit(pidfd);
+  close(pidfd);
 }
 
 Finished World::Ctl(std::vector<std::string> words) {

@@ -32,6 +32,7 @@ class World {
   void StartAgent(const std::map<std::string, std::string>& environment = {});
   // The agent inside the session of a leader: `sh`, which stays.
   void StartAgentInSession();
+  void EndAgentOfSession();
   Finished Ctl(std::vector<std::string> words);
   void SetLimits(const std::string& identifier, const std::vector<std::string>& values);
 
@@ -44,6 +45,7 @@ class World {
   std::chrono::milliseconds Seconds(int number) const {
     return std::chrono::milliseconds(number * kSecondMs);
   }
+  // A pipe that nobody ever writes into: "never" in this folder.
   const std::string& user() const { return user_; }
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
   std::map<std::string, std::string> Environment() const;
