@@ -53,6 +53,59 @@ TEST_F(EventHandlersTest, ALaunchThatIsWatchedShowsTheOverlay) {
   EXPECT_TRUE(removedLines.empty());
 }
 
+TEST_F(EventHandlersTest, ALaunchAndAMinuteOnTheWire) {
+  agent.currentUserName = QStringLiteral("ann");
+  ApplicationInfo toy = Toy();
+  toy.identifier = QStringLiteral("org.example.toy");
+  server.Answer(*toy.identifier, {{QStringLiteral("Enabled"), true},
+                                  {QStringLiteral("Credit"), 30},
+                                  {QStringLiteral("WD start"), 480},
+                                  {QStringLiteral("NextAutoUpdate"), 1.5e9}});
+  (void)processes.Launch(toy, getpid());
+  Tick();
+
+  const QByteArray names =
+      "03000000616e6e"
+      "0f0000006f72672e6578616d706c652e746f79";
+  const QByteArray record =
+      "002f6859"
+      "00000000"
+      "1d000000"
+      "01"
+      "00"
+      "00"
+      "e0010000"
+      "9f050000"
+      "00000000"
+      "9f050000"
+      "01"
+      "00"
+      "00"
+      "00000000"
+      "00"
+      "00000000";
+  std::vector<QByteArray> frames;
+  for (const RecordingServer::Frame& frame : server.TakeFrames())
+    frames.push_back(frame.bytes.toHex());
+  EXPECT_EQ((std::vector<QByteArray>{"00000023"
+                                     "03"
+                                     "00000000" +
+                                         names,
+                                     "00000023"
+                                     "01"
+                                     "00000000" +
+                                         names,
+                                     "0000004e"
+                                     "06"
+                                     "00000000" +
+                                         names + record,
+                                     "00000023"
+                                     "01"
+                                     "00000000" +
+                                         names}),
+            frames);
+}
+
 TEST_F(EventHandlersTest, ALaunchThatIsNotWatchedShowsNothing) {
   server.Answer(QStringLiteral("toy"), {{QStringLiteral("Enabled"), false}});
   (void)processes.Launch(Toy(), getpid());
