@@ -180,7 +180,9 @@ Result SetCredit(const Command& command, const HttpClient& server) {
       "PUT", LimitTarget(command.user, command.identifier) + "/credit", {}, Body(body)};
   Answer answer = Ask(server, request);
   if (!answer.ok()) {
-    if (answer.status == 0) {
+    if (answer.status == 404) {
+      answer.failure.error += QStringLiteral("\nvardellctl limits set makes a limit first.");
+    } else if (answer.status == 0) {
       answer.failure.error +=
           QStringLiteral(
               "\nIt may have been done; the same command with --id %1 is safe to repeat.")

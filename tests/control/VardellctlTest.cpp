@@ -297,6 +297,8 @@ INSTANTIATE_TEST_SUITE_P(
                 409,
                 R"({"code":"id-reused","title":"used before","field":"id","hint":"take another id"})"),
             1, "vardellctl: used before (id)\ntake another id\n"},
+        Failure{"RefusedForWantOfALimit", kNotFound, 1,
+                "No limit\nvardellctl limits set makes a limit first.\n"},
         Failure{"RefusedWithoutJson", Answer(503, "busy"), 1, "answered with status 503"},
         Failure{"HungUp", "", 3, "it hung up before its answer was complete"},
         Failure{"HungUpTellsHowToRepeat", "", 3, "--id k is safe to repeat"},
