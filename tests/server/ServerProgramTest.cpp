@@ -66,7 +66,10 @@ class ServerProgramTest : public testing::Test {
     unlink(Path("log").c_str());
     server_ = Program(Command(),
                       {.environment = {{"VARDELL_TEST_SECOND_MS", second}}, .output = Path("log")});
-    ASSERT_TRUE(server_.WaitForOutput(QStringLiteral("answering agents at 127.0.0.1:")));
+    const QString ready = QStringLiteral("answering agents at 127.0.0.1:");
+    ASSERT_TRUE(vardell::test::WaitUntil(
+        [&] { return server_.Output().contains(ready) || !server_.IsRunning(); }));
+    ASSERT_TRUE(server_.Output().contains(ready));
     const auto found = QRegularExpression(QStringLiteral("answering agents at 127.0.0.1:(\\d+)"))
                            .match(server_.Output());
     port_ = found.captured(1).toUShort();
