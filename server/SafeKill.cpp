@@ -104,19 +104,21 @@ bool IsOurs(pid_t pid) {
   return pid == getpid() || pid == getsid(0) || pid == getppid();
 }
 
-// A session's leader belongs to root or to the session's user.
-KillResult JudgeForeign(pid_t pid, const ProcessFacts& facts, uid_t requester,
-                        const IsSessionLeader& isSessionLeader) {
+bool IsWhollyOf(const ProcessFacts& facts, uid_t user) {
+  return std::all_of(facts.uids.begin(), facts.uids.end(),
+                     [user](uid_t uid) { return uid == user; });
+}
+
+// Killed where it may be. A session's leader belongs to root or to the session's user.
+KillResult Judge(pid_t pid, const ProcessFacts& facts, uid_t requester,
+                 const IsSessionLeader& isSessionLeader) {
+  if (facts.isKernelThread || HoldsTheSystemUp(facts)) return KillResult::Protected;
+  if (IsWhollyOf(facts, requester)) return KillResult::Killed;
   for (const uid_t uid : facts.uids) {
     if (uid == 0 || uid == requester) continue;
     return IsSystemAccount(uid) ? KillResult::Protected : KillResult::NotTheirs;
   }
   return isSessionLeader(pid, requester) ? KillResult::Killed : KillResult::NotTheirs;
-}
-
-bool IsWhollyOf(const ProcessFacts& facts, uid_t user) {
-  return std::all_of(facts.uids.begin(), facts.uids.end(),
-                     [user](uid_t uid) { return uid == user; });
 }
 
 }  // namespace
@@ -146,20 +148,17 @@ std::optional<ProcessFacts> ReadProcessFacts(pid_t pid) {
   return facts;
 }
 
-// The pidfd is opened first and polled after each look at the process: alive then means that what
-// was seen was its own, whoever has the pid by the time of the signal.
+// The pidfd is opened first and polled last: alive then means that what was seen was its own,
+// whoever has the pid by the time of the signal.
 KillResult KillOnRequest(pid_t pid, uid_t requester, const KillRules& rules) {
   if (pid <= 1 || IsOurs(pid) || IsSystemAccount(requester)) return KillResult::Protected;
   const Pidfd process(pid);
   if (!process.IsOpen()) return errno == ESRCH ? KillResult::Gone : KillResult::Failed;
   const std::optional<ProcessFacts> facts = rules.readFacts(pid);
-  if (!facts || !process.IsAlive()) return KillResult::Gone;
-  if (facts->isKernelThread || HoldsTheSystemUp(*facts)) return KillResult::Protected;
-  if (!IsWhollyOf(*facts, requester)) {
-    const KillResult verdict = JudgeForeign(pid, *facts, requester, rules.isSessionLeader);
-    if (!process.IsAlive()) return KillResult::Gone;
-    if (verdict != KillResult::Killed) return verdict;
-  }
+  if (!facts) return KillResult::Gone;
+  const KillResult verdict = Judge(pid, *facts, requester, rules.isSessionLeader);
+  if (!process.IsAlive()) return KillResult::Gone;
+  if (verdict != KillResult::Killed) return verdict;
   if (process.Kill() == 0) return KillResult::Killed;
   if (errno == ESRCH) return KillResult::Gone;
   return errno == EPERM ? KillResult::Denied : KillResult::Failed;

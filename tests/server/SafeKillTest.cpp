@@ -155,24 +155,29 @@ class ReusedPid : public SafeKill {
     EXPECT_EQ(waitid(P_PID, static_cast<id_t>(newcomer_), &info, WEXITED | WNOHANG | WNOWAIT), 0);
     EXPECT_EQ(info.si_pid, 0) << "it was killed";
   }
-  void TearDown() override {
+  void EndNewcomer() {
     if (newcomer_ <= 0) return;
     kill(newcomer_, SIGKILL);
     waitpid(newcomer_, nullptr, 0);
+    newcomer_ = 0;
   }
+  void TearDown() override { EndNewcomer(); }
 
   pid_t newcomer_ = 0;
 };
 
 TEST_F(ReusedPid, BeforeTheFactsAreReadIsNotKilled) {
-  Sleeper process(Sleeper::OfUser(kBert));
-  KillRules rules{Nobody, {}};
-  rules.readFacts = [&](pid_t pid) {
-    Replace(&process, kAnna);
-    return ReadProcessFacts(pid);
-  };
-  EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone);
-  ExpectNewcomerLives();
+  for (const uid_t newOwner : {kAnna, kBert}) {
+    Sleeper process(Sleeper::OfUser(kBert));
+    KillRules rules{Nobody, {}};
+    rules.readFacts = [&](pid_t pid) {
+      Replace(&process, newOwner);
+      return ReadProcessFacts(pid);
+    };
+    EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone) << newOwner;
+    ExpectNewcomerLives();
+    EndNewcomer();
+  }
 }
 
 TEST_F(ReusedPid, WhileTheSessionIsAskedForIsNotKilled) {

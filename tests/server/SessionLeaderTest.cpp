@@ -45,8 +45,10 @@ class SessionLeader : public testing::Test {
     }));
   }
   void StartLogin1() {
+    Program::Options quiet;
+    quiet.output = folder_.filePath(QStringLiteral("login1.log")).toStdString();
     login1_ =
-        Program({"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "logind"}, {});
+        Program({"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "logind"}, quiet);
     ASSERT_TRUE(WaitUntil([] {
       return Mock(QStringLiteral("/org/freedesktop/login1"),
                   QStringLiteral("org.freedesktop.DBus.Peer"))
