@@ -80,6 +80,14 @@ TEST(StreamPair, ARefusedConnectionIsAnError) {
   EXPECT_FALSE(pair->OpenWrite());
 }
 
+// Without a listener the kernel sooner or later picks the wanted port as the connection's own. It
+// gives ports of one parity to bind(2) and of the other to connect(2).
+TEST(StreamPair, IsNeverConnectedToItself) {
+  const std::uint16_t port = ClosedPort() ^ 1;
+  for (int attempt = 0; attempt < 40000; ++attempt)
+    ASSERT_EQ(OpenTo(port)->WriteStatus(), StreamStatus::Error) << attempt;
+}
+
 TEST(StreamPair, SpeaksIPv4AndIPv6AndNothingElse) {
   EXPECT_TRUE(StreamPair::ToAddress(SocketAddressV4("127.0.0.1", 1)));
   EXPECT_TRUE(StreamPair::ToAddress(SocketAddressV6("::1", 1)));
