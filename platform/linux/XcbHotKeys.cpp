@@ -16,8 +16,6 @@ namespace {
 constexpr std::uint32_t kControlKey = 0x1000;
 constexpr std::uint32_t kOptionKey = 0x0800;
 constexpr xcb_keysym_t kNumLockKeysym = 0xff7f;
-constexpr std::uint8_t kXkbNewKeyboardNotify = 0;
-constexpr std::uint8_t kXkbMapNotify = 1;
 
 struct KeyOfKeyboard {
   std::uint32_t keyCode;  // of the registration interface
@@ -71,11 +69,6 @@ std::uint16_t ServerModifiers(std::uint32_t modifiers) {
 
 XcbHotKeys::XcbHotKeys(QObject* parent) : QObject(parent), desktop_(XcbDesktop::Open()) {
   if (!desktop_) return;
-  static constexpr char kXkb[] = "XKEYBOARD";
-  const XcbReply<xcb_query_extension_reply_t> xkb(xcb_query_extension_reply(
-      desktop_->Connection(), xcb_query_extension(desktop_->Connection(), sizeof kXkb - 1, kXkb),
-      nullptr));
-  if (xkb && xkb->present) xkbEvent_ = xkb->first_event;
   numLockMask_ = NumLockMask(desktop_->Connection());
   QCoreApplication::instance()->installNativeEventFilter(this);
 }
@@ -142,11 +135,7 @@ bool XcbHotKeys::nativeEventFilter(const QByteArray& eventType, void* message, q
   if (eventType != "xcb_generic_event_t") return false;
   const auto* event = static_cast<const xcb_generic_event_t*>(message);
   const std::uint8_t type = event->response_type & 0x7f;
-  // Once a client has selected XKB's own notices, as Qt does, the server sends it no MappingNotify.
-  const bool layout = type == XCB_MAPPING_NOTIFY ||
-                      (xkbEvent_ != 0 && type == xkbEvent_ &&
-                       (event->pad0 == kXkbMapNotify || event->pad0 == kXkbNewKeyboardNotify));
-  if (layout) LayoutChanged();
+  if (type == XCB_MAPPING_NOTIFY) LayoutChanged();
   if (type == XCB_KEY_PRESS) KeyPressed(*reinterpret_cast<const xcb_key_press_event_t*>(event));
   if (type == XCB_KEY_RELEASE)
     KeyReleased(*reinterpret_cast<const xcb_key_release_event_t*>(event));

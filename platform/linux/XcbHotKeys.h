@@ -38,7 +38,6 @@ class XcbHotKeys : public QObject, public HotKeys, private QAbstractNativeEventF
   void LayoutChanged();
 
   std::optional<XcbDesktop> desktop_;
-  std::uint8_t xkbEvent_ = 0;  // 0: the server has no XKB
   std::uint16_t numLockMask_ = 0;
   bool regrabScheduled_ = false;
   // A key that is held repeats: presses without a release, or with one of the same time.

@@ -106,6 +106,16 @@ TEST_F(XcbHotKeysTest, FollowsTheKeyToAnotherPlaceOfTheLayout) {
   Tool({"xmodmap", "-e", "keycode 54 = c C", "-e", "keycode 44 = j J"});
 }
 
+TEST_F(XcbHotKeysTest, FollowsTheKeyToAnotherLayout) {
+  RegisterBoth();
+  Tool({"setxkbmap", "dvorak"});
+  test::SecondClient other;
+  EXPECT_TRUE(WaitUntil([&] { return other.GrabKey(kControlAlt, kCodeOfC); }));
+  Tool({"xdotool", "key", "ctrl+alt+c"});
+  ExpectPressed({kC});
+  Tool({"setxkbmap", "us"});
+}
+
 TEST_F(XcbHotKeysTest, ALayoutWithoutLatinLettersHasTheKeyInItsPlace) {
   Tool({"setxkbmap", "ru"});
   EXPECT_TRUE(keys.Register(kC, kKeyCodeC, kControlOption));
