@@ -128,18 +128,20 @@ void CountSecond(Agent& agent, std::size_t index) {
   ++entry->ticks;
 }
 
+// A Server that accepts and says nothing would cost every application its time-out: the pause grows
+// with each vain offer too.
 void LookForLostServer(Agent& agent) {
   if (!agent.link.replyMissed && !agent.link.offerAgain) {
     agent.serverRetryPause = 0;
     return;
   }
+  if (agent.serverRetryPause == 0) {
+    agent.serverRetryPause = agent.serverRetryCountdown = kFirstRetryPause;
+  }
+  if (--agent.serverRetryCountdown > 0) return;
+  agent.serverRetryPause = std::min(2 * agent.serverRetryPause, kLongestRetryPause);
+  agent.serverRetryCountdown = agent.serverRetryPause;
   if (!agent.link.offerAgain) {
-    if (agent.serverRetryPause == 0) {
-      agent.serverRetryPause = agent.serverRetryCountdown = kFirstRetryPause;
-    }
-    if (--agent.serverRetryCountdown > 0) return;
-    agent.serverRetryPause = std::min(2 * agent.serverRetryPause, kLongestRetryPause);
-    agent.serverRetryCountdown = agent.serverRetryPause;
     // A pair that is still there would answer "connected" without asking the network.
     DropServerConnection(agent.link);
     if (ConnectToServer(agent.link) != 0) return;

@@ -243,5 +243,15 @@ TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
   EXPECT_FALSE(agent.link.replyMissed);
 }
 
+TEST_F(EnforcementTickTest, OffersThatNobodyAnswersGrowRarer) {
+  agent.link.pinnedServer = [] { return std::optional(QStringLiteral("127.0.0.1:1")); };
+  agent.link.replyMissed = true;
+  testing::internal::CaptureStdout();
+  Tick(80);
+  // After 5 s, and then after pauses of 10, 20 and 40 s.
+  EXPECT_EQ(4, QString::fromStdString(testing::internal::GetCapturedStdout())
+                   .count(QStringLiteral("Resolving streams failed")));
+}
+
 }  // namespace
 }  // namespace vardell::test
