@@ -28,6 +28,20 @@ inline constexpr std::size_t kMaxNameBytes = 1024;
 // Services and domains that one search keeps; an announcing network cannot fill the memory.
 inline constexpr std::size_t kMaxFoundServices = 1024;
 
+// Desktop entries: items looked at below one folder, how deep, and the largest file that is read.
+inline constexpr std::size_t kMaxSystemDesktopEntries = 16384;
+inline constexpr std::size_t kMaxUserDesktopEntries = 1024;
+inline constexpr int kMaxDesktopEntryDepth = 4;
+inline constexpr std::size_t kMaxDesktopEntryBytes = 128u << 10;
+
+// Processes: what is read of one file of a process, the processes that one scan looks at, ancestors
+// that are followed, and applications whose end is waited for with a descriptor each (the scan finds
+// the ends of all others).
+inline constexpr std::size_t kMaxProcessFileBytes = 64u << 10;
+inline constexpr std::size_t kMaxScannedProcesses = 65536;
+inline constexpr int kMaxAncestors = 256;
+inline constexpr std::size_t kMaxProcessDescriptors = 256;
+
 // The Server: connections it keeps at once, connections from one address, and the largest body of
 // a request on its control socket.
 inline constexpr std::size_t kMaxAgentConnections = 12000;

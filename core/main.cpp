@@ -1,3 +1,5 @@
+#include <signal.h>
+
 #include <QApplication>
 
 #include "Common Sources/Localization.h"
@@ -10,6 +12,7 @@
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/LinuxSession.h"
 #include "platform/linux/LinuxSystem.h"
+#include "platform/linux/WindowClasses.h"
 #include "platform/linux/XcbDesktop.h"
 #include "platform/linux/XcbFrontApplication.h"
 #include "platform/linux/XcbHotKeys.h"
@@ -18,6 +21,7 @@
 int main(int argc, char** argv) {
   using namespace vardell;
   CleanEnvironment();
+  signal(SIGPIPE, SIG_IGN);
   QApplication application(argc, argv);
   application.setApplicationName(QStringLiteral("vardell-agent"));
   application.setQuitOnLastWindowClosed(false);
@@ -26,7 +30,7 @@ int main(int argc, char** argv) {
   LinuxSystem system;
   LinuxPreferences preferences;
   LinuxSession session;
-  LinuxProcesses processes(session, WindowOwners);
+  LinuxProcesses processes(session, {WindowOwners, WindowClasses});
   AvahiDiscovery discovery;
   XcbHotKeys hotKeys;
   XcbFrontApplication frontApplication;

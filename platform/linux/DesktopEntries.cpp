@@ -1,79 +1,77 @@
 #include "platform/linux/DesktopEntries.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QLocale>
-#include <QMap>
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdlib>
-#include <string_view>
 
+#include "Common Sources/Caps.h"
+#include "Common Sources/FileSystem.h"
 #include "Common Sources/TestHooks.h"
 #include "platform/linux/ExecLine.h"
+#include "platform/linux/Interpreters.h"
 
 namespace vardell {
 namespace {
 
-constexpr qint64 kMaxEntryBytes = 256 * 1024;
-constexpr std::size_t kMaxEntries = 20000;
-constexpr int kMaxDepth = 4;
-
-constexpr std::array<std::string_view, 24> kInterpreters = {
-    "sh",    "bash", "dash", "zsh",    "ksh",  "fish",     "busybox",     "env",
-    "perl",  "ruby", "node", "nodejs", "java", "gjs",      "gjs-console", "lua",
-    "tclsh", "wish", "php",  "guile",  "mono", "electron", "wine",        "qemu-system-x86_64"};
+constexpr int kPausePerReading = 20;
 
 // Their processes are the session itself, not something that a person started in it.
-constexpr std::array<std::string_view, 18> kSessionParts = {
-    "openbox",      "gnome-session", "gnome-shell", "plasmashell", "kwin_x11",      "xfwm4",
-    "xfdesktop",    "xfce4-session", "xfce4-panel", "mutter",      "metacity",      "marco",
-    "mate-session", "cinnamon",      "lxsession",   "lxpanel",     "vardell-agent", "tint2"};
+constexpr std::array<const char*, 31> kSessionParts = {"openbox",
+                                                       "openbox-session",
+                                                       "fluxbox",
+                                                       "icewm",
+                                                       "i3",
+                                                       "gnome-session",
+                                                       "gnome-shell",
+                                                       "mutter",
+                                                       "metacity",
+                                                       "plasmashell",
+                                                       "kwin_x11",
+                                                       "kwin_wayland",
+                                                       "ksmserver",
+                                                       "startplasma-x11",
+                                                       "xfwm4",
+                                                       "xfdesktop",
+                                                       "xfce4-session",
+                                                       "xfce4-panel",
+                                                       "xfsettingsd",
+                                                       "marco",
+                                                       "mate-session",
+                                                       "mate-panel",
+                                                       "cinnamon",
+                                                       "cinnamon-session",
+                                                       "lxsession",
+                                                       "lxpanel",
+                                                       "lxqt-session",
+                                                       "lxqt-panel",
+                                                       "tint2",
+                                                       "sway",
+                                                       "budgie-panel"};
 
-template <std::size_t Size>
-bool Contains(const std::array<std::string_view, Size>& names, std::string_view name) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-QByteArray BaseName(const QByteArray& path) {
-  return path.mid(path.lastIndexOf('/') + 1);
-}
-
-QMap<QString, QString> ReadMainGroup(const QByteArray& text) {
-  QMap<QString, QString> values;
-  bool inside = false;
-  for (const QByteArray& raw : text.split('\n')) {
-    const QByteArray line = raw.trimmed();
-    if (line.isEmpty() || line.startsWith('#')) continue;
-    if (line.startsWith('[')) {
-      if (inside) break;
-      inside = line == "[Desktop Entry]";
-      continue;
-    }
-    const qsizetype equals = line.indexOf('=');
-    if (!inside || equals <= 0) continue;
-    values.insert(QString::fromUtf8(line.left(equals).trimmed()),
-                  QString::fromUtf8(line.mid(equals + 1).trimmed()));
+QStringList Languages() {
+  QStringList languages;
+  for (QString language : QLocale::system().uiLanguages()) {
+    languages.push_back(language.replace(QLatin1Char('-'), QLatin1Char('_')));
+    languages.push_back(language.section(QLatin1Char('_'), 0, 0));
   }
-  return values;
+  return languages;
 }
 
-QString LocalizedName(const QMap<QString, QString>& values, const QString& locale) {
-  const QString language = locale.section(QLatin1Char('_'), 0, 0);
-  for (const QString& variant : {locale, language}) {
-    const QString name = values.value(QStringLiteral("Name[%1]").arg(variant));
-    if (!name.isEmpty()) return name;
-  }
-  return values.value(QStringLiteral("Name"));
+// Whoever owns the root folder owns the system.
+uid_t SystemOwner() {
+  struct stat root {};
+  return stat(QFile::encodeName(ProductPath(QStringLiteral("/"))).constData(), &root) == 0
+             ? root.st_uid
+             : 0;
 }
 
-bool IsRootOwned(const QString& path) {
+bool IsSystemsOwn(const QByteArray& path) {
   struct stat status {};
-  return stat(QFile::encodeName(path).constData(), &status) == 0 && status.st_uid == 0 &&
+  return stat(path.constData(), &status) == 0 && status.st_uid == SystemOwner() &&
          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
@@ -83,123 +81,157 @@ qint64 Stamp(const QString& folder) {
   return status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
 }
 
+// A folder's clock is coarse: one that has changed just now may change again without a trace.
+qint64 SettledStamp(const QString& folder) {
+  const qint64 stamp = Stamp(folder);
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const qint64 age = now.tv_sec * 1000000000LL + now.tv_nsec - stamp;
+  return age >= 0 && age < 100000000 ? -1 : stamp;
+}
+
+template <typename Key>
+void AddTo(QHash<Key, DesktopEntries::List>& index, const Key& key, const DesktopEntry* entry) {
+  DesktopEntries::List& list = index[key];
+  const auto end = entry->isTrusted ? std::find_if(list.begin(), list.end(),
+                                                   [](const auto* e) { return !e->isTrusted; })
+                                    : list.end();
+  list.insert(end, entry);
+}
+
 }  // namespace
 
-bool IsInterpreter(const QByteArray& path) {
-  const QByteArray name = BaseName(path);
-  const std::string_view view(name.constData(), static_cast<std::size_t>(name.size()));
-  if (Contains(kInterpreters, view)) return true;
-  for (const std::string_view versioned : {"python", "perl", "ruby", "lua", "tclsh", "php"}) {
-    if (view.starts_with(versioned) &&
-        view.find_first_not_of("0123456789.", versioned.size()) == std::string_view::npos) {
-      return true;
-    }
-  }
-  return false;
-}
-
-std::optional<DesktopEntry> ParseDesktopEntry(const QByteArray& text, const QString& locale) {
-  const QMap<QString, QString> values = ReadMainGroup(text);
-  if (values.value(QStringLiteral("Type")) != QLatin1String("Application")) return std::nullopt;
-  if (values.value(QStringLiteral("Hidden")) == QLatin1String("true")) return std::nullopt;
-  const std::optional<ExecLine> exec = ParseExecLine(values.value(QStringLiteral("Exec")));
-  if (!exec) return std::nullopt;
-  DesktopEntry entry;
-  entry.name = LocalizedName(values, locale);
-  if (entry.name.isEmpty()) return std::nullopt;
-  entry.baseName = BaseName(exec->program);
-  if (Contains(kSessionParts,
-               {entry.baseName.constData(), static_cast<std::size_t>(entry.baseName.size())})) {
-    return std::nullopt;
-  }
-  entry.program = ResolveProgram(exec->program);
-  if (IsInterpreter(exec->program)) {
-    entry.script = ResolveProgram(exec->firstArgument);
-  } else if (IsScript(entry.program)) {
-    entry.script = entry.program;
-  }
-  return entry;
-}
-
-std::vector<QString> ApplicationFolders(const QString& home) {
-  std::vector<QString> folders;
+std::vector<ApplicationFolder> ApplicationFolders(const QString& home) {
+  std::vector<ApplicationFolder> folders;
   for (const char* folder :
        {"/usr/local/share/applications", "/usr/share/applications",
         "/var/lib/flatpak/exports/share/applications", "/var/lib/snapd/desktop/applications"}) {
-    folders.push_back(ProductPath(QLatin1String(folder)));
+    folders.push_back({ProductPath(QLatin1String(folder)), true});
   }
-  folders.push_back(home + QLatin1String("/.local/share/flatpak/exports/share/applications"));
-  folders.push_back(home + QLatin1String("/.local/share/applications"));
+  for (const char* folder :
+       {"/.local/share/applications", "/.local/share/flatpak/exports/share/applications"}) {
+    if (!home.isEmpty()) folders.push_back({ProductPath(home + QLatin1String(folder)), false});
+  }
   return folders;
 }
 
-DesktopEntries::DesktopEntries(std::vector<QString> folders) : folders_(std::move(folders)) {}
+struct DesktopEntries::Reading {
+  bool isSystem = false;
+  std::size_t left = 0;  // items that may still be looked at
+  QStringList languages;
+};
+
+DesktopEntries::DesktopEntries(std::vector<ApplicationFolder> folders)
+    : folders_(std::move(folders)) {}
+
+bool DesktopEntries::HasChanged() const {
+  QList<qint64> stamps;
+  for (const QString& folder : visited_) stamps.push_back(Stamp(folder));
+  return visited_.empty() || stamps != stamps_;
+}
 
 bool DesktopEntries::Update() {
-  QList<qint64> stamps;
-  for (const QString& folder : folders_) stamps.push_back(Stamp(folder));
-  if (stamps == stamps_) return false;
-  stamps_ = stamps;
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point begin = Clock::now();
+  if (begin < notBefore_ || !HasChanged()) return false;
   Read();
+  const Clock::time_point end = Clock::now();
+  notBefore_ = end + kPausePerReading * (end - begin);
   return true;
 }
 
 void DesktopEntries::Read() {
-  byId_.clear();
-  byProgram_.clear();
-  byScript_.clear();
-  byBaseName_.clear();
-  entries_.clear();
-  for (const QString& folder : folders_) ReadFolder(folder, {}, 0);
+  *this = DesktopEntries(std::move(folders_));
+  for (const ApplicationFolder& folder : folders_) {
+    Reading reading{folder.isSystem,
+                    folder.isSystem ? kMaxSystemDesktopEntries : kMaxUserDesktopEntries,
+                    Languages()};
+    ReadFolder(folder.path, {}, 0, reading);
+  }
+  for (const char* part : kSessionParts) AddSessionPart(ResolveProgram(part));
 }
 
-void DesktopEntries::ReadFolder(const QString& folder, const QString& prefix, int depth) {
-  const QString locale = QLocale::system().name();
-  const QDir directory(folder);
-  for (const QFileInfo& info :
-       directory.entryInfoList(QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
-    if (entries_.size() >= kMaxEntries) return;
-    if (info.isDir() && !info.isSymLink() && depth < kMaxDepth) {
-      ReadFolder(info.filePath(), prefix + info.fileName() + QLatin1Char('-'), depth + 1);
+void DesktopEntries::ReadFolder(const QString& path, const QString& prefix, int depth,
+                                Reading& reading) {
+  visited_.push_back(path);
+  stamps_.push_back(SettledStamp(path));
+  QDirIterator items(path, QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot);
+  while (items.hasNext() && reading.left > 0) {
+    items.next();
+    --reading.left;
+    const QFileInfo info = items.fileInfo();
+    if (info.isDir() && !info.isSymLink() && depth < kMaxDesktopEntryDepth) {
+      ReadFolder(info.filePath(), prefix + info.fileName() + QLatin1Char('-'), depth + 1, reading);
+    } else if (info.fileName().endsWith(QLatin1String(".desktop"))) {
+      ReadFile(info.filePath(), prefix + info.completeBaseName(), reading);
     }
-    if (!info.fileName().endsWith(QLatin1String(".desktop")) || !info.isFile()) continue;
-    QFile file(info.filePath());
-    if (info.size() > kMaxEntryBytes || !file.open(QIODevice::ReadOnly)) continue;
-    std::optional<DesktopEntry> entry = ParseDesktopEntry(file.read(kMaxEntryBytes), locale);
-    if (!entry) continue;
-    entry->id = prefix + info.completeBaseName();
-    entry->path = info.filePath();
-    entry->rootOwned = IsRootOwned(entry->path);
-    Add(std::move(*entry));
   }
 }
 
+void DesktopEntries::ReadFile(const QString& path, const QString& id, const Reading& reading) {
+  const QByteArray file = QFile::encodeName(path);
+  const std::optional<QByteArray> text = LoadFile(file, kMaxDesktopEntryBytes);
+  if (!text) return;
+  std::optional<DesktopEntry> entry = ParseDesktopEntry(*text, reading.languages);
+  if (!entry) return;
+  entry->id = id;
+  entry->path = path;
+  entry->isTrusted = reading.isSystem && IsSystemsOwn(file);
+  Add(std::move(*entry));
+}
+
+void DesktopEntries::AddSessionPart(const QByteArray& program) {
+  if (program.isEmpty()) return;
+  sessionPrograms_.insert(program);
+  if (const FileId file = IdOfFile(program); file.IsValid()) sessionFiles_.insert(file);
+}
+
 void DesktopEntries::Add(DesktopEntry entry) {
+  if (entry.isSessionPart) {
+    if (entry.isTrusted) AddSessionPart(entry.program);
+    return;
+  }
   if (byId_.contains(entry.id)) return;
   const DesktopEntry* added =
       entries_.emplace_back(std::make_unique<DesktopEntry>(std::move(entry))).get();
   byId_.insert(added->id, added);
-  const auto addOnce = [added](QHash<QByteArray, const DesktopEntry*>& index,
-                               const QByteArray& key) {
-    if (!key.isEmpty() && !index.contains(key)) index.insert(key, added);
-  };
-  addOnce(byScript_, added->script);
-  if (IsInterpreter(added->baseName)) return;
-  addOnce(byProgram_, added->program);
-  addOnce(byBaseName_, added->baseName);
+  byPath_.insert(added->path, added);
+  if (!added->program.isEmpty()) AddTo(byProgram_, added->program, added);
+  if (added->programFile.IsValid()) AddTo(byProgramFile_, added->programFile, added);
+  if (!added->script.isEmpty()) AddTo(byScript_, added->script, added);
+  if (added->scriptFile.IsValid()) AddTo(byScriptFile_, added->scriptFile, added);
+  if (!added->baseName.isEmpty()) AddTo(byBaseName_, added->baseName, added);
+  if (!added->windowClass.isEmpty()) AddTo(byWindowClass_, added->windowClass.toLower(), added);
 }
 
 const DesktopEntry* DesktopEntries::ById(const QString& id) const {
   return byId_.value(id);
 }
-const DesktopEntry* DesktopEntries::ByProgram(const QByteArray& path) const {
-  return byProgram_.value(path);
+
+const DesktopEntry* DesktopEntries::ByPath(const QString& path) const {
+  return byPath_.value(path);
 }
-const DesktopEntry* DesktopEntries::ByScript(const QByteArray& path) const {
-  return byScript_.value(path);
+
+DesktopEntries::List DesktopEntries::ByProgram(const QByteArray& path, const FileId& file) const {
+  const List byFile = byProgramFile_.value(file);
+  return byFile.isEmpty() ? byProgram_.value(path) : byFile;
 }
-const DesktopEntry* DesktopEntries::ByBaseName(const QByteArray& name) const {
+
+DesktopEntries::List DesktopEntries::ByScript(const QByteArray& path, const FileId& file) const {
+  const List byFile = byScriptFile_.value(file);
+  return byFile.isEmpty() ? byScript_.value(path) : byFile;
+}
+
+DesktopEntries::List DesktopEntries::ByBaseName(const QByteArray& name) const {
   return byBaseName_.value(name);
+}
+
+DesktopEntries::List DesktopEntries::ByWindowClass(const QString& windowClass) const {
+  return byWindowClass_.value(windowClass.toLower());
+}
+
+bool DesktopEntries::IsSessionPart(const QByteArray& path, const FileId& file) const {
+  return sessionPrograms_.contains(path) || (file.IsValid() && sessionFiles_.contains(file));
 }
 
 }  // namespace vardell

@@ -1,13 +1,21 @@
 #include "platform/linux/ExecLine.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <QFile>
-#include <QList>
+#include <utility>
+
+#include "platform/linux/Interpreters.h"
 
 namespace vardell {
 namespace {
+
+constexpr const char* kProgramFolders[] = {
+    "/usr/local/sbin/", "/usr/local/bin/",   "/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/",
+    "/usr/games/",      "/usr/local/games/", "/snap/bin/"};
 
 QList<QByteArray> SplitWords(const QByteArray& line) {
   QList<QByteArray> words;
@@ -16,12 +24,13 @@ QList<QByteArray> SplitWords(const QByteArray& line) {
   bool started = false;
   for (qsizetype i = 0; i < line.size(); ++i) {
     const char c = line[i];
-    if (c == '\\' && quoted && i + 1 < line.size()) {
+    if (c == '\\' && i + 1 < line.size()) {
       word += line[++i];
+      started = true;
     } else if (c == '"') {
       quoted = !quoted;
       started = true;
-    } else if (c == ' ' && !quoted) {
+    } else if ((c == ' ' || c == '\t') && !quoted) {
       if (started) words.push_back(std::exchange(word, {}));
       started = false;
     } else {
@@ -33,52 +42,61 @@ QList<QByteArray> SplitWords(const QByteArray& line) {
   return words;
 }
 
-bool IsEnv(const QByteArray& word) {
-  return word == "env" || word.endsWith("/env");
+bool IsFieldCode(const QByteArray& word) {
+  return word.size() == 2 && word[0] == '%' && word[1] != '%';
+}
+
+void DropEnv(QList<QByteArray>& words) {
+  if (words.isEmpty() || BaseName(words.constFirst()) != "env") return;
+  words.removeFirst();
+  while (!words.isEmpty()) {
+    const QByteArray& word = words.constFirst();
+    if (!word.startsWith('-') && !word.contains('=')) return;
+    const bool takesNext = word == "-u" || word == "-C" || word == "--unset" || word == "--chdir";
+    words.removeFirst();
+    if (takesNext && !words.isEmpty()) words.removeFirst();
+  }
+}
+
+QByteArray RealPath(const QByteArray& path) {
+  char resolved[PATH_MAX];
+  struct stat status {};
+  if (!realpath(path.constData(), resolved) || stat(resolved, &status) != 0) return {};
+  return S_ISREG(status.st_mode) ? QByteArray(resolved) : QByteArray();
 }
 
 }  // namespace
 
 std::optional<ExecLine> ParseExecLine(const QString& exec) {
   QList<QByteArray> words = SplitWords(exec.toUtf8());
-  if (!words.isEmpty() && IsEnv(words.constFirst())) {
-    words.removeFirst();
-    while (!words.isEmpty() &&
-           (words.constFirst().contains('=') || words.constFirst().startsWith('-'))) {
-      words.removeFirst();
-    }
-  }
+  DropEnv(words);
   if (words.isEmpty() || words.constFirst().isEmpty()) return std::nullopt;
-  ExecLine line{words.takeFirst(), {}};
-  for (const QByteArray& word : words) {
-    if (word.startsWith('-') || word.startsWith('%')) continue;
-    line.firstArgument = word;
-    break;
+  ExecLine line;
+  line.program = words.takeFirst();
+  for (QByteArray& word : words) {
+    if (!IsFieldCode(word)) line.arguments.push_back(word.replace("%%", "%"));
   }
   return line;
 }
 
 QByteArray ResolveProgram(const QByteArray& program) {
   if (program.isEmpty()) return {};
-  QList<QByteArray> candidates;
-  if (program.contains('/')) {
-    candidates = {program};
-  } else {
-    for (const char* folder : {"/usr/local/bin/", "/usr/bin/", "/bin/", "/usr/local/games/",
-                               "/usr/games/", "/snap/bin/"}) {
-      candidates.push_back(folder + program);
-    }
-  }
-  for (const QByteArray& candidate : candidates) {
-    char resolved[PATH_MAX];
-    if (candidate.startsWith('/') && realpath(candidate.constData(), resolved)) return resolved;
+  if (program.startsWith('/')) return RealPath(program);
+  if (program.contains('/')) return {};
+  for (const char* folder : kProgramFolders) {
+    const QByteArray path = RealPath(folder + program);
+    if (!path.isEmpty()) return path;
   }
   return {};
 }
 
 bool IsScript(const QByteArray& path) {
-  QFile file(QFile::decodeName(path));
-  return !path.isEmpty() && file.open(QIODevice::ReadOnly) && file.read(2) == "#!";
+  const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  char begin[2] = {};
+  const bool isScript = read(fd, begin, 2) == 2 && begin[0] == '#' && begin[1] == '!';
+  close(fd);
+  return isScript;
 }
 
 }  // namespace vardell

@@ -2,24 +2,26 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 #include <optional>
 
 namespace vardell {
 
 struct ExecLine {
-  QByteArray program;        // as written: a path or a name; env and its settings are left out
-  QByteArray firstArgument;  // the first that is no option
+  QByteArray program;           // as written: a path or a name; env and its settings are left out
+  QList<QByteArray> arguments;  // without the field codes
 };
 
-// Absent where the line names no program. Quoting as the desktop entry specification has it.
+// Absent where the line names no program. `exec` is the value with its escapes resolved; quoting
+// and field codes as the desktop entry specification has them.
 std::optional<ExecLine> ParseExecLine(const QString& exec);
 
 // The real path of a program, looked for in the system's folders where it is a bare name; empty
 // when there is no such file.
 QByteArray ResolveProgram(const QByteArray& program);
 
-// True for a file that begins with "#!".
+// True for a regular file that begins with "#!".
 bool IsScript(const QByteArray& path);
 
 }  // namespace vardell

@@ -2,6 +2,7 @@
 // installed.
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 #include "platform/linux/DesktopEntries.h"
@@ -9,14 +10,31 @@
 
 namespace vardell {
 
-// The entry that the process belongs to, as a main process or as a helper; null for none.
-const DesktopEntry* Identify(const ProcessFacts& process, const DesktopEntries& entries);
+struct Identity {
+  const DesktopEntry* entry = nullptr;  // null: no application that is installed
+  // A shell runs the entry's script: what it starts in its place or below it belongs to the same
+  // application, unless that is one by itself.
+  bool isWrapper = false;
+};
 
-// The application id in the unit name of a cgroup path: "app-[launcher-]ID-RANDOM.scope",
-// "app-flatpak-ID-N.scope", "snap.NAME.APP.…"; empty where there is none.
-QString ApplicationOfCgroup(const QByteArray& cgroup);
+// The entry that the process belongs to, as a main process or as a helper. Tried in this order:
+//   1. the script that its interpreter runs, or its executable, where a trusted entry names it
+//   2. its cgroup unit        3. its sandbox
+//   4. its script             5. its executable, where an entry of the user's names it
+//   6. the base name of either, which a program keeps that is started through a wrapper
+//   7. the entry that its launcher names         8. the class of its windows
+// 2, 3, 7 and 8 can be chosen by whoever starts the process; 1 cannot.
+Identity Identify(const ProcessFacts& process, const DesktopEntries& entries);
 
-// "session-N.scope" of a cgroup path; empty where there is none.
+// True for window managers, panels and the like: they are no applications, with windows or without.
+bool IsSessionPart(const ProcessFacts& process, const DesktopEntries& entries);
+
+// The entry that the unit names of a cgroup path tell, the innermost first:
+// "app-[launcher-]ID-RANDOM.scope", "app-[launcher-]ID@RANDOM.service", "app-flatpak-ID-N.scope",
+// "snap.NAME.APP….scope"; null where there is none that is installed.
+const DesktopEntry* EntryOfCgroup(const QByteArray& cgroup, const DesktopEntries& entries);
+
+// The login session ("2") of a cgroup path whose scope the session manager made; empty for none.
 QByteArray SessionOfCgroup(const QByteArray& cgroup);
 
 }  // namespace vardell

@@ -1,194 +1,73 @@
 #include "platform/linux/LinuxProcesses.h"
 
+#include <poll.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
-#include <QDir>
 #include <QFile>
 #include <algorithm>
 #include <cerrno>
-#include <unordered_set>
+#include <utility>
 
+#include "Common Sources/Caps.h"
 #include "Common Sources/TestHooks.h"
-#include "platform/linux/Identify.h"
+#include "platform/HotKeys.h"
+#include "platform/linux/ProcessTable.h"
 
 namespace vardell {
 namespace {
 
-constexpr std::chrono::milliseconds kScanInterval{1000};
-constexpr int kMaxAncestors = 64;
-
-std::uint32_t CodeOf(const QByteArray& text) {
-  std::uint32_t code = 0;
-  for (int i = 0; i < 4; ++i) {
-    code = code << 8 | static_cast<unsigned char>(i < text.size() ? text[i] : ' ');
+// The account's, whatever the environment says.
+QString HomeFolder() {
+  std::vector<char> buffer(16384);
+  passwd account{};
+  passwd* found = nullptr;
+  if (getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &found) != 0 || !found) {
+    return {};
   }
-  return code;
+  return QFile::decodeName(found->pw_dir);
 }
 
-std::uint32_t CreatorOf(const QByteArray& exe) {
-  char creator[4];
-  if (getxattr(exe.constData(), "user.creator", creator, sizeof creator) == sizeof creator) {
-    return CodeOf(QByteArray(creator, sizeof creator));
-  }
-  return CodeOf(exe.mid(exe.lastIndexOf('/') + 1));
-}
-
-ProcessSerialNumber SerialOf(const ProcessFacts& facts) {
-  return {facts.pid, facts.started};
+bool Contains(const std::vector<RunningApplication>& list, const RunningApplication& one) {
+  return std::find(list.begin(), list.end(), one) != list.end();
 }
 
 }  // namespace
 
-LinuxProcesses::LinuxProcesses(Session& session, WindowOwnersFunction windowOwners)
+LinuxProcesses::LinuxProcesses(Session& session, Windows windows)
     : session_(session),
-      windowOwners_(std::move(windowOwners)),
-      entries_(ApplicationFolders(QDir::homePath())) {
-  if (const std::optional<ProcessFacts> own = ReadProcess(getpid())) {
-    ownSession_ = SessionOfCgroup(own->cgroup);
-  }
+      scan_(DesktopEntries(ApplicationFolders(HomeFolder())), std::move(windows)) {
+  compareSoon_.setSingleShot(true);
+  connect(&compareSoon_, &QTimer::timeout, this, [this] { Compare(); });
+  // A coarse timer may be late by a twentieth.
+  compareAlways_.setInterval(
+      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(900), SecondLength() * 9 / 10));
+  connect(&compareAlways_, &QTimer::timeout, this, [this] { Compare(); });
 }
 
 LinuxProcesses::~LinuxProcesses() {
-  for (const auto& known : known_) close(known->pidfd);
+  for (Told& told : told_) Close(told);
 }
 
 bool LinuxProcesses::IsAlive(std::int32_t pid) {
-  if (kill(pid, 0) != 0 && errno != EPERM) return false;
-  const std::optional<ProcessFacts> facts = ReadProcessStat(pid);
-  return facts && facts->state != 'Z' && facts->state != 'X';
-}
-
-bool LinuxProcesses::BelongsHere(const ProcessFacts& facts) const {
-  if (facts.user != geteuid() || facts.pid == getpid()) return false;
-  const QByteArray session = SessionOfCgroup(facts.cgroup);
-  return session.isEmpty() || ownSession_.isEmpty() || session == ownSession_;
-}
-
-bool LinuxProcesses::IsUnchanged(const Seen& seen) const {
-  const std::optional<ProcessFacts> now = ReadProcessStat(seen.facts.pid);
-  if (!now || now->started != seen.facts.started) return false;
-  if (ReadExecutable(seen.facts.pid) != seen.facts.exe) return false;
-  // The same interpreter may run another script.
-  return !IsInterpreter(seen.facts.exe);
-}
-
-void LinuxProcesses::LookAtProcess(pid_t pid, const std::vector<pid_t>& windowOwners) {
-  const auto known = seen_.find(pid);
-  const bool ownsWindow =
-      std::find(windowOwners.begin(), windowOwners.end(), pid) != windowOwners.end();
-  if (known != seen_.end() && IsUnchanged(known->second) &&
-      (!ownsWindow || !known->second.identity.isEmpty())) {
-    return;
-  }
-  const std::optional<ProcessFacts> facts = ReadProcess(pid);
-  if (!facts) {
-    seen_.erase(pid);
-    return;
-  }
-  Seen seen{*facts, {}, false, true};
-  if (BelongsHere(*facts) && facts->state != 'Z') {
-    if (const DesktopEntry* entry = Identify(*facts, entries_)) {
-      seen.identity = entry->path;
-    } else if (ownsWindow && !facts->exe.isEmpty()) {
-      seen.identity = QFile::decodeName(facts->exe);
-      seen.isBare = true;
-    }
-  }
-  seen_.insert_or_assign(pid, std::move(seen));
-}
-
-bool LinuxProcesses::IsTopmost(const Seen& seen) const {
-  pid_t parent = seen.facts.parent;
-  for (int i = 0; i < kMaxAncestors && parent > 1; ++i) {
-    const auto above = seen_.find(parent);
-    if (above == seen_.end()) return true;
-    if (above->second.identity == seen.identity) return false;
-    parent = above->second.facts.parent;
-  }
-  return true;
-}
-
-LinuxProcesses::Applications LinuxProcesses::Scan() {
-  if (entries_.Update()) seen_.clear();
-  const std::vector<pid_t> pids = ListProcesses();
-  const std::unordered_set<pid_t> present(pids.begin(), pids.end());
-  std::erase_if(seen_, [&](const auto& item) { return !present.contains(item.first); });
-  const std::vector<pid_t> owners = windowOwners_ ? windowOwners_() : std::vector<pid_t>();
-  for (const pid_t pid : pids) LookAtProcess(pid, owners);
-
-  const std::int32_t leader = session_.LeaderPid();
-  Applications found;
-  for (const auto& [pid, seen] : seen_) {
-    if (seen.identity.isEmpty() || pid == leader || !IsTopmost(seen)) continue;
-    found.emplace_back(SerialOf(seen.facts), seen.identity);
-  }
-  return found;
-}
-
-LinuxProcesses::Known* LinuxProcesses::FindKnown(const ProcessSerialNumber& process) {
-  for (const auto& known : known_) {
-    if (known->process == process) return known.get();
-  }
-  return nullptr;
-}
-
-void LinuxProcesses::Track(const ProcessSerialNumber& process, const QString& identity) {
-  auto known = std::make_unique<Known>();
-  known->process = process;
-  known->identity = identity;
-  known->pidfd = static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0));
-  if (known->pidfd >= 0) {
-    known->exit = std::make_unique<QSocketNotifier>(known->pidfd, QSocketNotifier::Read);
-    connect(known->exit.get(), &QSocketNotifier::activated, this, [this, process] {
-      if (Known* ended = FindKnown(process)) ended->exit->setEnabled(false);
-      HasEnded(process);
-    });
-  }
-  known_.push_back(std::move(known));
-}
-
-void LinuxProcesses::Forget(const ProcessSerialNumber& process) {
-  const auto known = std::find_if(known_.begin(), known_.end(),
-                                  [&](const auto& item) { return item->process == process; });
-  if (known == known_.end()) return;
-  close((*known)->pidfd);
-  // Called from the notifier's own signal.
-  if ((*known)->exit) (*known)->exit.release()->deleteLater();
-  known_.erase(known);
-}
-
-void LinuxProcesses::HasEnded(const ProcessSerialNumber& process) {
-  Forget(process);
-  if (terminated_) terminated_(process);
-}
-
-// Tells what has changed since the last look. A handler may ask for RunningApplications, which adds
-// to known_: work on copies.
-void LinuxProcesses::Compare() {
-  const Applications found = Scan();
-  std::vector<ProcessSerialNumber> ended;
-  for (const auto& known : known_) {
-    const auto now = std::find_if(found.begin(), found.end(),
-                                  [&](const auto& item) { return item.first == known->process; });
-    const bool isThere = now != found.end() && now->second == known->identity;
-    if (!isThere) ended.push_back(known->process);
-  }
-  for (const ProcessSerialNumber& process : ended) HasEnded(process);
-  for (const auto& [process, identity] : found) {
-    if (FindKnown(process)) continue;
-    Track(process, identity);
-    if (launched_) launched_(process);
-  }
+  if (pid <= 0 || (kill(pid, 0) != 0 && errno != EPERM)) return false;
+  const std::optional<ProcessStat> stat = ReadProcessStat(pid);
+  // Other users' processes may be kept out of /proc.
+  return stat ? IsLive(*stat) : kill(pid, 0) == 0 || errno == EPERM;
 }
 
 std::vector<ProcessSerialNumber> LinuxProcesses::RunningApplications() {
-  std::vector<ProcessSerialNumber> all{LoginWindowProcess()};
-  for (const auto& [process, identity] : Scan()) {
-    if (!FindKnown(process)) Track(process, identity);
-    all.push_back(process);
+  std::vector<ProcessSerialNumber> all{LoginWindow()};
+  for (const RunningApplication& application : scan_.Look(session_.LeaderPid())) {
+    all.push_back(application.process);
+    if (IsTold(application)) continue;
+    if (isWatching_) {
+      ScheduleCompare();
+    } else {
+      told_.push_back({application, -1, nullptr});
+    }
   }
   return all;
 }
@@ -196,53 +75,92 @@ std::vector<ProcessSerialNumber> LinuxProcesses::RunningApplications() {
 void LinuxProcesses::Watch(Handler launched, Handler terminated) {
   launched_ = std::move(launched);
   terminated_ = std::move(terminated);
-  for (const auto& [process, identity] : Scan()) {
-    if (!FindKnown(process)) Track(process, identity);
+  for (const RunningApplication& application : scan_.Look(session_.LeaderPid())) {
+    if (!IsTold(application)) told_.push_back({application, -1, nullptr});
   }
-  scan_.setInterval(std::min(kScanInterval, SecondLength()));
-  connect(&scan_, &QTimer::timeout, this, [this] { Compare(); });
-  scan_.start();
+  isWatching_ = true;
+  for (Told& told : told_) WaitForEnd(told);
   events_ = std::make_unique<ProcessEvents>([this] { Compare(); });
+  compareAlways_.start();
 }
 
-ProcessSerialNumber LinuxProcesses::LoginWindowProcess() {
+void LinuxProcesses::ScheduleCompare() {
+  if (!compareSoon_.isActive()) compareSoon_.start(0);
+}
+
+// Ends come before launches: a process that runs another application now is both. Handlers may ask
+// for RunningApplications, so that nothing is held over their calls.
+void LinuxProcesses::Compare() {
+  const std::vector<RunningApplication> running = scan_.Look(session_.LeaderPid());
+  while (const std::optional<RunningApplication> ended = ForgetOne(running)) {
+    if (terminated_) terminated_(ended->process);
+  }
+  for (const RunningApplication& application : running) {
+    if (!IsTold(application)) Tell(application);
+  }
+}
+
+std::optional<RunningApplication> LinuxProcesses::ForgetOne(
+    const std::vector<RunningApplication>& running) {
+  const auto gone = std::find_if(told_.begin(), told_.end(), [&](const Told& told) {
+    return !Contains(running, told.application);
+  });
+  if (gone == told_.end()) return std::nullopt;
+  const RunningApplication application = gone->application;
+  Close(*gone);
+  told_.erase(gone);
+  return application;
+}
+
+void LinuxProcesses::Tell(const RunningApplication& application) {
+  told_.push_back({application, -1, nullptr});
+  WaitForEnd(told_.back());
+  if (launched_) launched_(application.process);
+}
+
+bool LinuxProcesses::IsTold(const RunningApplication& application) const {
+  return std::any_of(told_.begin(), told_.end(),
+                     [&](const Told& told) { return told.application == application; });
+}
+
+void LinuxProcesses::WaitForEnd(Told& told) {
+  const auto waiting =
+      std::count_if(told_.begin(), told_.end(), [](const Told& other) { return other.pidfd >= 0; });
+  if (static_cast<std::size_t>(waiting) >= kMaxProcessDescriptors) return;
+  told.pidfd = static_cast<int>(syscall(SYS_pidfd_open, told.application.process.pid, 0));
+  // It may have gone meanwhile, and another process have its pid.
+  const std::optional<ProcessStat> stat = ReadProcessStat(told.application.process.pid);
+  if (told.pidfd < 0 || !stat || stat->started != told.application.process.started) {
+    ScheduleCompare();
+    return;
+  }
+  told.ended = std::make_unique<QSocketNotifier>(told.pidfd, QSocketNotifier::Read);
+  QSocketNotifier* notifier = told.ended.get();
+  connect(notifier, &QSocketNotifier::activated, this, [this, notifier] {
+    notifier->setEnabled(false);  // stays readable
+    ScheduleCompare();
+  });
+}
+
+void LinuxProcesses::Close(Told& told) {
+  told.ended.reset();
+  if (told.pidfd >= 0) close(std::exchange(told.pidfd, -1));
+}
+
+ProcessSerialNumber LinuxProcesses::LoginWindow() {
   const std::int32_t leader = session_.LeaderPid();
-  const std::optional<ProcessFacts> facts = ReadProcessStat(leader);
-  return facts ? SerialOf(*facts) : ProcessSerialNumber{};
-}
-
-std::optional<ApplicationInfo> LinuxProcesses::LoginWindow(const ProcessSerialNumber& process) {
-  if (process != LoginWindowProcess()) return std::nullopt;
-  ApplicationInfo info;
-  info.isBundle = true;
-  info.identifier = QLatin1String(kLoginWindowIdentifier);
-  info.path = QFile::decodeName(ReadExecutable(process.pid));
-  if (info.path.isEmpty()) info.path = QStringLiteral("/proc/%1/exe").arg(process.pid);
-  return info;
-}
-
-ApplicationInfo LinuxProcesses::BareApplication(const QByteArray& exe) const {
-  ApplicationInfo info;
-  info.path = QFile::decodeName(exe);
-  info.creatorCode = CreatorOf(exe);
-  info.displayName = QFile::decodeName(exe.mid(exe.lastIndexOf('/') + 1));
-  return info;
+  const std::optional<ProcessStat> stat = ReadProcessStat(leader);
+  return {leader, stat ? stat->started : 0};
 }
 
 std::optional<ApplicationInfo> LinuxProcesses::Application(const ProcessSerialNumber& process) {
-  if (const std::optional<ApplicationInfo> login = LoginWindow(process)) return login;
-  const std::optional<ProcessFacts> facts = ReadProcess(process.pid);
-  if (!facts || facts->started != process.started || !BelongsHere(*facts)) return std::nullopt;
-  if (const DesktopEntry* entry = Identify(*facts, entries_)) {
-    ApplicationInfo info;
-    info.path = entry->path;
-    info.isBundle = true;
-    info.identifier = entry->id;
-    info.displayName = entry->name;
-    return info;
-  }
-  if (facts->exe.isEmpty()) return std::nullopt;
-  return BareApplication(facts->exe);
+  if (process != LoginWindow()) return scan_.Application(process);
+  ApplicationInfo info;
+  info.path = QFile::decodeName(ReadExecutable(process.pid));
+  info.isBundle = true;
+  info.identifier = QLatin1String(kLoginWindowIdentifier);
+  info.typeCode = FourCharCode("APPL");
+  return info;
 }
 
 }  // namespace vardell

@@ -1,32 +1,27 @@
 // Processes by /proc: an application is the topmost process of a family that belongs to the same
-// desktop entry, or a process without an entry that owns a window. A scan each second finds
-// launches (the proc connector makes it earlier where it is allowed), pidfds tell of ends.
+// desktop entry, or a process without an entry that owns a window. A scan finds launches within a
+// second (the proc connector makes it earlier where it is allowed), pidfds tell of ends.
+// The login window never terminates here: whoever ends the session's leader by some trick must not
+// end the watch over the session with it.
 #pragma once
 
-#include <sys/types.h>
-
-#include <QHash>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QTimer>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/Processes.h"
 #include "platform/Session.h"
-#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/ApplicationScan.h"
 #include "platform/linux/ProcessEvents.h"
-#include "platform/linux/ProcessTable.h"
 
 namespace vardell {
 
 class LinuxProcesses : public QObject, public Processes {
  public:
-  using WindowOwnersFunction = std::function<std::vector<pid_t>()>;
-
-  LinuxProcesses(Session& session, WindowOwnersFunction windowOwners);
+  LinuxProcesses(Session& session, Windows windows);
   ~LinuxProcesses() override;
 
   std::vector<ProcessSerialNumber> RunningApplications() override;
@@ -35,45 +30,30 @@ class LinuxProcesses : public QObject, public Processes {
   void Watch(Handler launched, Handler terminated) override;
 
  private:
-  // What a process was at its last look. `identity` is an entry's path or a bare executable's;
-  // empty for what is no application.
-  struct Seen {
-    ProcessFacts facts;
-    QString identity;
-    bool isBare = false;
-    bool isNew = true;
+  // An application that the watcher knows of.
+  struct Told {
+    RunningApplication application;
+    int pidfd = -1;  // none: the scan finds its end
+    std::unique_ptr<QSocketNotifier> ended;
   };
-  struct Known {
-    ProcessSerialNumber process;
-    QString identity;
-    int pidfd = -1;
-    std::unique_ptr<QSocketNotifier> exit;
-  };
-  using Applications = std::vector<std::pair<ProcessSerialNumber, QString>>;
 
-  Applications Scan();
-  void LookAtProcess(pid_t pid, const std::vector<pid_t>& windowOwners);
-  bool IsUnchanged(const Seen& seen) const;
-  bool BelongsHere(const ProcessFacts& facts) const;
-  bool IsTopmost(const Seen& seen) const;
-  void Track(const ProcessSerialNumber& process, const QString& identity);
-  void Forget(const ProcessSerialNumber& process);
+  void ScheduleCompare();
   void Compare();
-  void HasEnded(const ProcessSerialNumber& process);
-  Known* FindKnown(const ProcessSerialNumber& process);
-  std::optional<ApplicationInfo> LoginWindow(const ProcessSerialNumber& process);
-  ProcessSerialNumber LoginWindowProcess();
-  ApplicationInfo BareApplication(const QByteArray& exe) const;
+  void Tell(const RunningApplication& application);
+  std::optional<RunningApplication> ForgetOne(const std::vector<RunningApplication>& running);
+  bool IsTold(const RunningApplication& application) const;
+  void WaitForEnd(Told& told);
+  static void Close(Told& told);
+  ProcessSerialNumber LoginWindow();
 
   Session& session_;
-  WindowOwnersFunction windowOwners_;
-  DesktopEntries entries_;
-  QByteArray ownSession_;
-  std::unordered_map<pid_t, Seen> seen_;
-  std::vector<std::unique_ptr<Known>> known_;
+  ApplicationScan scan_;
+  std::vector<Told> told_;
+  bool isWatching_ = false;
   Handler launched_;
   Handler terminated_;
-  QTimer scan_;
+  QTimer compareSoon_;
+  QTimer compareAlways_;
   std::unique_ptr<ProcessEvents> events_;
 };
 

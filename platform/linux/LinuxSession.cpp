@@ -2,90 +2,179 @@
 
 #include <unistd.h>
 
-#include <QDBusConnectionInterface>
+#include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
 #include <QDBusServiceWatcher>
+#include <chrono>
+#include <utility>
 
 namespace vardell {
 namespace {
 
 constexpr int kAnswerLimitMs = 2000;
-const QString kService = QStringLiteral("org.freedesktop.login1");
-const QString kManagerPath = QStringLiteral("/org/freedesktop/login1");
-const QString kManager = QStringLiteral("org.freedesktop.login1.Manager");
-const QString kSession = QStringLiteral("org.freedesktop.login1.Session");
-const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
+constexpr std::chrono::seconds kRetryPause{10};
+constexpr std::int32_t kInit = 1;
+constexpr QLatin1String kService("org.freedesktop.login1");
+constexpr QLatin1String kManagerPath("/org/freedesktop/login1");
+constexpr QLatin1String kManager("org.freedesktop.login1.Manager");
+constexpr QLatin1String kSession("org.freedesktop.login1.Session");
+constexpr QLatin1String kProperties("org.freedesktop.DBus.Properties");
+constexpr QLatin1String kLocal("org.freedesktop.DBus.Local");
+constexpr QLatin1String kLocalPath("/org/freedesktop/DBus/Local");
 
-QString SessionPath(const QDBusConnection& bus, const QString& method, const QVariant& argument) {
-  QDBusMessage call = QDBusMessage::createMethodCall(kService, kManagerPath, kManager, method);
+QDBusMessage Ask(const QDBusConnection& bus, const QString& path, const QString& interface,
+                 const QString& method, const QVariant& argument) {
+  QDBusMessage call = QDBusMessage::createMethodCall(kService, path, interface, method);
+  call.setAutoStartService(false);
   call << argument;
-  const QDBusMessage answer = bus.call(call, QDBus::Block, kAnswerLimitMs);
-  if (answer.type() != QDBusMessage::ReplyMessage || answer.arguments().isEmpty()) return {};
-  return qvariant_cast<QDBusObjectPath>(answer.arguments().constFirst()).path();
+  return bus.call(call, QDBus::Block, kAnswerLimitMs);
+}
+
+bool IsReply(const QDBusMessage& answer) {
+  return answer.type() == QDBusMessage::ReplyMessage && !answer.arguments().isEmpty();
+}
+
+bool IsSilence(const QDBusMessage& answer) {
+  return answer.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply") ||
+         answer.errorName() == QLatin1String("org.freedesktop.DBus.Error.Timeout");
+}
+
+bool IsOurs(const QVariantMap& session) {
+  const QVariant user = session.value(QStringLiteral("User"));
+  if (user.userType() != qMetaTypeId<QDBusArgument>()) return false;
+  const QDBusArgument argument = user.value<QDBusArgument>();
+  if (argument.currentType() != QDBusArgument::StructureType) return false;
+  quint32 uid = 0;
+  argument.beginStructure();
+  argument >> uid;
+  return uid == getuid();
 }
 
 }  // namespace
 
-LinuxSession::LinuxSession() : bus_(QDBusConnection::systemBus()) {
-  if (!bus_.isConnected()) return;
+LinuxSession::LinuxSession()
+    : name_(QStringLiteral("vardell-session-%1").arg(reinterpret_cast<quintptr>(this))) {
+  again_.setSingleShot(true);
+  again_.setInterval(kRetryPause);
+  connect(&again_, &QTimer::timeout, this, [this] { bus_ ? FindSession() : Connect(); });
+  Connect();
+}
+
+LinuxSession::~LinuxSession() {
+  bus_.reset();
+  QDBusConnection::disconnectFromBus(name_);
+}
+
+void LinuxSession::Connect() {
+  bus_ = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name_);
+  if (!bus_->isConnected()) {
+    bus_.reset();
+    QDBusConnection::disconnectFromBus(name_);
+    again_.start();
+    return;
+  }
+  bus_->connect(QString(), kLocalPath, kLocal, QStringLiteral("Disconnected"), this,
+                SLOT(BusLost()));
   auto* watcher =
-      new QDBusServiceWatcher(kService, bus_, QDBusServiceWatcher::WatchForRegistration, this);
-  connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, [this] { FindSession(); });
+      new QDBusServiceWatcher(kService, *bus_, QDBusServiceWatcher::WatchForOwnerChange, this);
+  watcher->setObjectName(name_);
+  connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
+          [this](const QString&, const QString&, const QString& owner) { OwnerChanged(owner); });
   FindSession();
 }
 
-void LinuxSession::FindSession() {
-  if (!bus_.interface()->isServiceRegistered(kService).value()) return;
-  QString path = SessionPath(bus_, QStringLiteral("GetSessionByPID"),
-                             QVariant::fromValue(static_cast<quint32>(getpid())));
-  const QString id = qEnvironmentVariable("XDG_SESSION_ID");
-  if (path.isEmpty() && !id.isEmpty()) path = SessionPath(bus_, QStringLiteral("GetSession"), id);
-  if (path.isEmpty()) return;
-  if (path != path_) {
-    path_ = path;
-    bus_.connect(kService, path_, kProperties, QStringLiteral("PropertiesChanged"), this,
-                 SLOT(PropertiesChanged(QString, QVariantMap, QStringList)));
+void LinuxSession::BusLost() {
+  qDeleteAll(findChildren<QDBusServiceWatcher*>(name_));
+  Forget();
+  bus_.reset();
+  QDBusConnection::disconnectFromBus(name_);
+  again_.start();
+}
+
+void LinuxSession::OwnerChanged(const QString& owner) {
+  if (owner.isEmpty()) {
+    Forget();
+  } else {
+    FindSession();
   }
-  Read();
 }
 
-QVariant LinuxSession::SessionProperty(const char* name) {
-  if (path_.isEmpty()) return {};
-  QDBusMessage call =
-      QDBusMessage::createMethodCall(kService, path_, kProperties, QStringLiteral("Get"));
-  call << kSession << QString::fromLatin1(name);
-  const QDBusMessage answer = bus_.call(call, QDBus::Block, kAnswerLimitMs);
-  if (answer.type() != QDBusMessage::ReplyMessage || answer.arguments().isEmpty()) return {};
-  return qvariant_cast<QDBusVariant>(answer.arguments().constFirst()).variant();
+void LinuxSession::FindSession() {
+  noAnswer_ = false;
+  const QString path = OwnSessionPath();
+  const std::optional<QVariantMap> properties = path.isEmpty() ? std::nullopt : ReadSession(path);
+  if (noAnswer_) {
+    again_.start();
+  } else if (!properties) {
+    Forget();
+  } else {
+    Follow(path);
+    Learn(*properties);
+  }
 }
 
-void LinuxSession::Read() {
-  const QVariant active = SessionProperty("Active");
+QString LinuxSession::OwnSessionPath() {
+  const QDBusMessage byPid = Ask(*bus_, kManagerPath, kManager, QStringLiteral("GetSessionByPID"),
+                                 QVariant::fromValue(static_cast<quint32>(getpid())));
+  if (IsReply(byPid)) return qvariant_cast<QDBusObjectPath>(byPid.arguments().constFirst()).path();
+  noAnswer_ = IsSilence(byPid);
+  const QString id = qEnvironmentVariable("XDG_SESSION_ID");
+  if (noAnswer_ || id.isEmpty()) return {};
+  const QDBusMessage byId = Ask(*bus_, kManagerPath, kManager, QStringLiteral("GetSession"), id);
+  noAnswer_ = IsSilence(byId);
+  if (!IsReply(byId)) return {};
+  const QString path = qvariant_cast<QDBusObjectPath>(byId.arguments().constFirst()).path();
+  // The variable is anybody's to set: another user's session would not be ours to follow.
+  const std::optional<QVariantMap> session = ReadSession(path);
+  return session && IsOurs(*session) ? path : QString();
+}
+
+std::optional<QVariantMap> LinuxSession::ReadSession(const QString& path) {
+  const QDBusMessage answer =
+      Ask(*bus_, path, kProperties, QStringLiteral("GetAll"), QString(kSession));
+  noAnswer_ = IsSilence(answer);
+  if (!IsReply(answer)) return std::nullopt;
+  return qdbus_cast<QVariantMap>(answer.arguments().constFirst());
+}
+
+void LinuxSession::Follow(const QString& path) {
+  if (path == path_) return;
+  const char* const slot = SLOT(PropertiesChanged(QString, QVariantMap, QStringList));
+  const QString signal = QStringLiteral("PropertiesChanged");
+  if (!path_.isEmpty()) bus_->disconnect(kService, path_, kProperties, signal, this, slot);
+  path_ = path;
+  bus_->connect(kService, path_, kProperties, signal, this, slot);
+}
+
+void LinuxSession::Learn(const QVariantMap& properties) {
+  const QVariant leader = properties.value(QStringLiteral("Leader"));
+  if (leader.isValid()) leader_ = static_cast<std::int32_t>(leader.toUInt());
+  const QVariant active = properties.value(QStringLiteral("Active"));
   if (active.typeId() == QMetaType::Bool) SetActive(active.toBool());
 }
 
+void LinuxSession::Forget() {
+  leader_ = 0;
+  SetActive(true);
+}
+
 void LinuxSession::SetActive(bool active) {
-  if (active_ == active) return;
-  active_ = active;
-  if (changed_) changed_(active);
+  if (std::exchange(active_, active) != active && changed_) changed_(active);
 }
 
 void LinuxSession::PropertiesChanged(const QString& interface, const QVariantMap& changed,
                                      const QStringList& invalidated) {
   if (interface != kSession) return;
-  const QVariant active = changed.value(QStringLiteral("Active"));
-  if (active.typeId() == QMetaType::Bool) {
-    SetActive(active.toBool());
-  } else if (invalidated.contains(QStringLiteral("Active"))) {
-    Read();
+  Learn(changed);
+  if (invalidated.contains(QStringLiteral("Active")) ||
+      invalidated.contains(QStringLiteral("Leader"))) {
+    FindSession();
   }
 }
 
 std::int32_t LinuxSession::LeaderPid() {
-  bool known = false;
-  const std::uint32_t leader = SessionProperty("Leader").toUInt(&known);
-  const pid_t pid = known && leader > 1 ? static_cast<pid_t>(leader) : getsid(0);
+  const std::int32_t pid = leader_ > kInit ? leader_ : getsid(0);
   return pid == getpid() ? 0 : pid;
 }
 

@@ -1,11 +1,13 @@
-// Session by login1 on the system bus. Where login1 does not answer, or does not know this process,
+// Session by login1 on the system bus. Where nobody answers, or login1 does not know this process,
 // the session counts as active and its leader is the process whose pid is getsid of this one.
-// login1 that comes later, or goes and comes back, is noticed.
+// A login1 that comes later, goes, or comes back is noticed. Each question waits at most 2 s.
 #pragma once
 
 #include <QDBusConnection>
 #include <QObject>
+#include <QTimer>
 #include <QVariantMap>
+#include <optional>
 
 #include "platform/Session.h"
 
@@ -16,6 +18,8 @@ class LinuxSession : public QObject, public Session {
 
  public:
   LinuxSession();
+  ~LinuxSession() override;
+
   bool IsActive() override { return active_; }
   std::int32_t LeaderPid() override;
   void Watch(std::function<void(bool active)> changed) override { changed_ = std::move(changed); }
@@ -23,16 +27,26 @@ class LinuxSession : public QObject, public Session {
  private Q_SLOTS:
   void PropertiesChanged(const QString& interface, const QVariantMap& changed,
                          const QStringList& invalidated);
+  void BusLost();
 
  private:
+  void Connect();
+  void OwnerChanged(const QString& owner);
   void FindSession();
-  void Read();
+  QString OwnSessionPath();
+  std::optional<QVariantMap> ReadSession(const QString& path);
+  void Follow(const QString& path);
+  void Learn(const QVariantMap& properties);
+  void Forget();
   void SetActive(bool active);
-  QVariant SessionProperty(const char* name);
 
-  QDBusConnection bus_;
-  QString path_;  // of the session's object; empty: login1 does not know us
+  QString name_;  // of the connection
+  std::optional<QDBusConnection> bus_;
+  QString path_;             // of the session's object; empty: login1 does not know us
+  std::int32_t leader_ = 0;  // as login1 says; 0: unknown
   bool active_ = true;
+  bool noAnswer_ = false;  // a question timed out: ask again later
+  QTimer again_;
   std::function<void(bool)> changed_;
 };
 

@@ -1,12 +1,18 @@
 #include "platform/linux/ProcessEvents.h"
 
+#include <arpa/inet.h>
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
+#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace vardell {
@@ -14,6 +20,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause{100};
 constexpr int kMaxReads = 256;
+constexpr std::size_t kEventAt = NLMSG_HDRLEN + sizeof(cn_msg);
+constexpr auto kExec = decltype(proc_event::what)(proc_event::PROC_EVENT_EXEC);
 
 int OpenConnector() {
   const int fd = socket(PF_NETLINK, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_CONNECTOR);
@@ -43,19 +51,30 @@ bool Subscribe(int fd) {
   return send(fd, buffer, header->nlmsg_len, 0) > 0;
 }
 
+// Forks and exits are far more frequent, and wake this program for nothing.
+void ReceiveExecOnly(int fd) {
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kEventAt + offsetof(proc_event, what)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(static_cast<std::uint32_t>(kExec)), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFF), BPF_STMT(BPF_RET | BPF_K, 0)};
+  const sock_fprog filter{std::size(program), program};
+  (void)setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter);
+}
+
 bool IsExec(const char* bytes, ssize_t size) {
-  constexpr std::size_t kEventAt = NLMSG_HDRLEN + sizeof(cn_msg);
   decltype(proc_event::what) what{};
   if (size < static_cast<ssize_t>(kEventAt + sizeof what)) return false;
   std::memcpy(&what, bytes + kEventAt + offsetof(proc_event, what), sizeof what);
-  return what == decltype(what)(proc_event::PROC_EVENT_EXEC);
+  return what == kExec;
 }
 
 }  // namespace
 
 ProcessEvents::ProcessEvents(std::function<void()> hint)
     : socket_(OpenConnector()), hint_(std::move(hint)) {
-  if (socket_ < 0 || !Subscribe(socket_)) return;
+  if (socket_ < 0) return;
+  ReceiveExecOnly(socket_);
+  if (!Subscribe(socket_)) return;
   notifier_ = std::make_unique<QSocketNotifier>(socket_, QSocketNotifier::Read);
   connect(notifier_.get(), &QSocketNotifier::activated, this, [this] {
     notifier_->setEnabled(false);

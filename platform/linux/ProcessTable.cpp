@@ -3,108 +3,220 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
+#include <charconv>
 #include <memory>
+
+#include "Common Sources/Caps.h"
+#include "platform/linux/Interpreters.h"
 
 namespace vardell {
 namespace {
 
-constexpr qsizetype kMaxFileBytes = 16384;
+constexpr int kFirstFieldAfterName = 3;  // as proc(5) counts them
+constexpr std::uint64_t kKernelThread = 0x00200000;
 
 QByteArray ProcPath(pid_t pid, const char* name) {
-  return "/proc/" + QByteArray::number(pid) + "/" + name;
+  return "/proc/" + QByteArray::number(pid) + '/' + name;
 }
 
-QByteArray ReadBounded(const QByteArray& path) {
-  const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+QByteArray ReadBounded(const QByteArray& path, int flags = 0) {
+  const int fd = open(path.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags);
   if (fd < 0) return {};
-  QByteArray bytes(kMaxFileBytes, Qt::Uninitialized);
-  qsizetype size = 0;
-  while (size < kMaxFileBytes) {
-    const ssize_t got =
-        read(fd, bytes.data() + size, static_cast<std::size_t>(kMaxFileBytes - size));
+  QByteArray bytes;
+  char part[4096];
+  while (bytes.size() < static_cast<qsizetype>(kMaxProcessFileBytes)) {
+    const ssize_t got = read(fd, part, sizeof part);
     if (got <= 0) break;
-    size += got;
+    bytes.append(part, got);
   }
   close(fd);
-  bytes.truncate(size);
   return bytes;
 }
 
+QByteArray ReadLink(const QByteArray& path) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(path.constData(), target, sizeof target);
+  return length <= 0 ? QByteArray() : QByteArray(target, length);
+}
+
+QByteArray RealFile(const QByteArray& path) {
+  char resolved[PATH_MAX];
+  struct stat status {};
+  if (!realpath(path.constData(), resolved) || stat(resolved, &status) != 0) return {};
+  return S_ISREG(status.st_mode) ? QByteArray(resolved) : QByteArray();
+}
+
+template <typename Take>
+void ListNumbers(const QByteArray& path, const Take& take) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.constData()), closedir);
+  if (!folder) return;
+  while (const dirent* item = readdir(folder.get())) {
+    const QByteArrayView name(item->d_name);
+    pid_t number = 0;
+    const auto [end, error] = std::from_chars(name.begin(), name.end(), number);
+    const bool isNumber = error == std::errc() && end == name.end();
+    if (isNumber && !take(ListedProcess{number, item->d_ino})) return;
+  }
+}
+
+std::uint64_t Number(const QList<QByteArray>& fields, int field) {
+  return fields.value(field - kFirstFieldAfterName).toULongLong();
+}
+
 // The name in brackets may hold blanks and brackets: what counts comes after the last one.
-bool ParseStat(const QByteArray& stat, ProcessFacts* facts) {
-  const qsizetype nameEnd = stat.lastIndexOf(')');
-  if (nameEnd < 0) return false;
-  const QList<QByteArray> fields = stat.mid(nameEnd + 2).split(' ');
-  if (fields.size() < 20) return false;
-  facts->state = fields[0].isEmpty() ? '?' : fields[0][0];
-  facts->parent = fields[1].toInt();
-  facts->started = fields[19].toULongLong();
-  return true;
+std::optional<ProcessStat> ParseStat(pid_t pid, const QByteArray& text) {
+  const qsizetype nameBegin = text.indexOf('(');
+  const qsizetype nameEnd = text.lastIndexOf(')');
+  if (nameBegin < 0 || nameEnd < nameBegin) return std::nullopt;
+  const QList<QByteArray> fields = text.mid(nameEnd + 2).split(' ');
+  if (fields.size() < 26 || fields[0].isEmpty()) return std::nullopt;
+  ProcessStat stat;
+  stat.pid = pid;
+  stat.name = text.mid(nameBegin + 1, nameEnd - nameBegin - 1);
+  stat.state = fields[0][0];
+  stat.parent = static_cast<pid_t>(Number(fields, 4));
+  stat.isKernel = (Number(fields, 9) & kKernelThread) != 0;
+  stat.threads = static_cast<int>(Number(fields, 20));
+  stat.started = Number(fields, 22);
+  stat.startCode = Number(fields, 26);
+  stat.endCode = Number(fields, 27);
+  stat.startStack = Number(fields, 28);
+  return stat;
 }
 
-QByteArray ParseCgroup(const QByteArray& text) {
-  for (const QByteArray& line : text.split('\n')) {
-    if (line.startsWith("0::")) return line.mid(3);
-    const qsizetype named = line.indexOf(":name=systemd:");
-    if (named > 0) return line.mid(named + 14);
-  }
-  return {};
+void ReadScript(ProcessFacts& facts, const QByteArray& workingFolder) {
+  if (!IsInterpreter(facts.executable)) return;
+  const QByteArray word = ScriptArgument(facts.executable, facts.arguments);
+  if (word.isEmpty()) return;
+  facts.script = RealFile(word.startsWith('/') ? word : workingFolder + word);
+  facts.scriptFile = IdOfFile(facts.script);
 }
 
-QByteArray ParseFlatpak(const QByteArray& text) {
-  for (const QByteArray& line : text.split('\n')) {
-    if (line.startsWith("name=")) return line.mid(5).trimmed();
+// Another mount namespace is the mark of a sandbox; without one the file would be the machine's.
+QByteArray ReadFlatpak(pid_t pid) {
+  const QByteArray own = ReadLink("/proc/self/ns/mnt");
+  const QByteArray other = ReadLink(ProcPath(pid, "ns/mnt"));
+  if (other.isEmpty() || other == own) return {};
+  return ParseFlatpakInfo(ReadBounded(ProcPath(pid, "root/.flatpak-info"), O_NOFOLLOW));
+}
+
+// Inherited by everything that the application starts: good only where it names this very process.
+QByteArray ReadLaunchEntry(pid_t thread, pid_t pid) {
+  QByteArray entry;
+  QByteArray launched;
+  for (const QByteArray& variable : ReadBounded(ProcPath(thread, "environ")).split('\0')) {
+    if (variable.startsWith("GIO_LAUNCHED_DESKTOP_FILE=")) entry = variable.mid(26);
+    if (variable.startsWith("GIO_LAUNCHED_DESKTOP_FILE_PID=")) launched = variable.mid(30);
   }
-  return {};
+  return launched == QByteArray::number(pid) ? entry : QByteArray();
+}
+
+// The first thread, or where that one has ended and tells nothing any more, another one.
+pid_t TellingThread(const ProcessStat& stat) {
+  if (stat.state != 'Z') return stat.pid;
+  pid_t thread = stat.pid;
+  ListNumbers(ProcPath(stat.pid, "task"), [&](const ListedProcess& listed) {
+    thread = listed.pid;
+    return thread == stat.pid;
+  });
+  return thread;
+}
+
+QList<QByteArray> ReadArguments(pid_t pid) {
+  QByteArray text = ReadBounded(ProcPath(pid, "cmdline"));
+  if (text.endsWith('\0')) text.chop(1);
+  return text.isEmpty() ? QList<QByteArray>() : text.split('\0');
 }
 
 }  // namespace
 
-std::vector<pid_t> ListProcesses() {
-  std::vector<pid_t> pids;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), closedir);
-  if (!directory) return pids;
-  while (const dirent* entry = readdir(directory.get())) {
-    char* end = nullptr;
-    const long pid = std::strtol(entry->d_name, &end, 10);
-    if (end != entry->d_name && *end == '\0' && pid > 0) pids.push_back(static_cast<pid_t>(pid));
-  }
-  return pids;
+std::vector<ListedProcess> ListProcesses() {
+  std::vector<ListedProcess> processes;
+  ListNumbers("/proc", [&processes](const ListedProcess& listed) {
+    processes.push_back(listed);
+    return processes.size() < kMaxScannedProcesses;
+  });
+  return processes;
+}
+
+std::optional<ProcessStat> ReadProcessStat(pid_t pid) {
+  return ParseStat(pid, ReadBounded(ProcPath(pid, "stat")));
+}
+
+bool IsLive(const ProcessStat& stat) {
+  return (stat.state != 'Z' && stat.state != 'X') || stat.threads > 1;
 }
 
 QByteArray ReadExecutable(pid_t pid) {
-  char target[PATH_MAX];
-  const ssize_t length = readlink(ProcPath(pid, "exe").constData(), target, sizeof target);
-  if (length <= 0) return {};
-  QByteArray path(target, length);
+  QByteArray path = ReadLink(ProcPath(pid, "exe"));
   if (path.endsWith(" (deleted)")) path.chop(10);
   return path;
 }
 
-std::optional<ProcessFacts> ReadProcessStat(pid_t pid) {
+QByteArray ReadCgroup(pid_t pid) {
+  return ParseCgroup(ReadBounded(ProcPath(pid, "cgroup")));
+}
+
+ProcessImage ReadProcessImage(const ProcessStat& stat) {
+  ProcessImage image{
+      stat.startCode, stat.endCode, stat.startStack, IdOfFile(ProcPath(stat.pid, "exe")), {}};
+  if (!image.file.IsValid()) image.name = stat.name;
+  return image;
+}
+
+ProcessFacts ReadProcessFacts(const ProcessStat& stat) {
+  const pid_t thread = TellingThread(stat);
   ProcessFacts facts;
-  facts.pid = pid;
-  if (!ParseStat(ReadBounded(ProcPath(pid, "stat")), &facts)) return std::nullopt;
+  facts.pid = stat.pid;
+  facts.name = stat.name;
+  facts.executable = ReadExecutable(thread);
+  facts.executableFile = IdOfFile(ProcPath(thread, "exe"));
+  facts.arguments = ReadArguments(thread);
+  ReadScript(facts, ProcPath(thread, "cwd/"));
+  facts.cgroup = ReadCgroup(thread);
+  facts.flatpak = ReadFlatpak(thread);
+  facts.launchEntry = ReadLaunchEntry(thread, stat.pid);
   return facts;
 }
 
-std::optional<ProcessFacts> ReadProcess(pid_t pid) {
-  std::optional<ProcessFacts> facts = ReadProcessStat(pid);
-  struct stat owner {};
-  if (!facts || stat(ProcPath(pid, "").constData(), &owner) != 0) return std::nullopt;
-  facts->user = owner.st_uid;
-  facts->exe = ReadExecutable(pid);
-  QByteArray arguments = ReadBounded(ProcPath(pid, "cmdline"));
-  if (arguments.endsWith('\0')) arguments.chop(1);
-  if (!arguments.isEmpty()) facts->arguments = arguments.split('\0');
-  facts->cgroup = ParseCgroup(ReadBounded(ProcPath(pid, "cgroup")));
-  facts->flatpak = ParseFlatpak(ReadBounded(ProcPath(pid, "root/.flatpak-info")));
-  return facts;
+std::optional<uid_t> ReadRealUser(pid_t pid) {
+  const QByteArray text = ReadBounded(ProcPath(pid, "status"));
+  const qsizetype at = text.indexOf("\nUid:\t");
+  if (at < 0) return std::nullopt;
+  const qsizetype begin = at + 6;
+  bool isNumber = false;
+  const uid_t user = text.mid(begin, text.indexOf('\t', begin) - begin).toUInt(&isNumber);
+  return isNumber ? std::optional(user) : std::nullopt;
+}
+
+std::optional<uid_t> ReadFolderOwner(pid_t pid) {
+  struct stat status {};
+  if (stat(ProcPath(pid, "").constData(), &status) != 0) return std::nullopt;
+  return status.st_uid;
+}
+
+QByteArray ParseFlatpakInfo(const QByteArray& text) {
+  bool inside = false;
+  for (const QByteArray& line : text.split('\n')) {
+    if (line.startsWith('[')) inside = line.trimmed() == "[Application]";
+    if (inside && line.startsWith("name=")) return line.mid(5).trimmed();
+  }
+  return {};
+}
+
+QByteArray ParseCgroup(const QByteArray& text) {
+  QByteArray unified;
+  for (const QByteArray& line : text.split('\n')) {
+    const qsizetype named = line.indexOf(":name=systemd:");
+    if (named > 0) return line.mid(named + 14);
+    if (line.startsWith("0::")) unified = line.mid(3);
+  }
+  return unified;
 }
 
 }  // namespace vardell

@@ -1,0 +1,235 @@
+#include "platform/linux/ApplicationScan.h"
+
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <QFile>
+#include <algorithm>
+#include <utility>
+
+#include "Common Sources/Caps.h"
+#include "Common Sources/FileSystem.h"
+#include "Common Sources/TestHooks.h"
+#include "platform/HotKeys.h"
+#include "platform/linux/Interpreters.h"
+
+namespace vardell {
+namespace {
+
+constexpr std::chrono::seconds kSettling{5};
+constexpr std::size_t kMaxSessionFileBytes = 16u << 10;
+
+std::uint32_t CodeOf(const QByteArray& text) {
+  std::uint32_t code = 0;
+  for (int i = 0; i < 4; ++i) {
+    code = code << 8 | static_cast<unsigned char>(i < text.size() ? text[i] : ' ');
+  }
+  return code;
+}
+
+std::uint32_t CreatorOf(const QByteArray& path) {
+  char creator[4];
+  if (getxattr(path.constData(), "user.creator", creator, sizeof creator) == sizeof creator) {
+    return CodeOf(QByteArray(creator, sizeof creator));
+  }
+  return CodeOf(BaseName(path));
+}
+
+ApplicationInfo InfoOf(const DesktopEntry& entry) {
+  ApplicationInfo info;
+  info.path = entry.path;
+  info.isBundle = true;
+  info.identifier = entry.id;
+  info.typeCode = FourCharCode("APPL");
+  info.displayName = entry.name;
+  return info;
+}
+
+ApplicationInfo InfoOfBare(const QByteArray& path) {
+  ApplicationInfo info;
+  info.path = QFile::decodeName(path);
+  info.creatorCode = CreatorOf(path);
+  info.displayName = QFile::decodeName(BaseName(path));
+  return info;
+}
+
+bool IsGraphicalSession(const QByteArray& session) {
+  const QString path =
+      ProductPath(QStringLiteral("/run/systemd/sessions/")) + QFile::decodeName(session);
+  const std::optional<QByteArray> text = LoadFile(QFile::encodeName(path), kMaxSessionFileBytes);
+  if (!text) return false;
+  const QList<QByteArray> lines = text->split('\n');
+  return lines.contains("TYPE=x11") || lines.contains("TYPE=wayland");
+}
+
+}  // namespace
+
+ApplicationScan::Found ApplicationScan::FoundEntry(const Identity& identity) {
+  return {identity.entry->id, identity.entry->path, identity.isWrapper, false};
+}
+
+ApplicationScan::ApplicationScan(DesktopEntries entries, Windows windows)
+    : entries_(std::move(entries)),
+      windows_(std::move(windows)),
+      ownSession_(SessionOfCgroup(ReadCgroup(getpid()))),
+      ownProgram_(IdOfFile("/proc/self/exe")) {}
+
+std::vector<RunningApplication> ApplicationScan::Look(pid_t leader) {
+  entriesChanged_ = entries_.Update();
+  ++look_;
+  unknown_.clear();
+  for (const ListedProcess& listed : ListProcesses()) LookAt(listed);
+  std::erase_if(known_, [this](const auto& item) { return item.second.look != look_; });
+  JoinWrappers();
+  LookAtWindows();
+
+  std::vector<RunningApplication> found;
+  for (const auto& [pid, known] : known_) {
+    if (known.found.key.isEmpty() || pid == leader || !IsTopmost(known)) continue;
+    found.push_back({{pid, known.stat.started}, known.found.key});
+  }
+  std::sort(found.begin(), found.end(),
+            [](const auto& one, const auto& other) { return one.process.pid < other.process.pid; });
+  return found;
+}
+
+void ApplicationScan::LookAt(const ListedProcess& listed) {
+  Known& known = known_[listed.pid];
+  const bool isNew = known.inode != listed.inode;
+  if (isNew) Begin(known, listed);
+  known.look = look_;
+  if (known.whose == Whose::Kernel) return;
+  if (known.whose == Whose::Others) {
+    // A login begins as root's.
+    if (!isNew && ReadFolderOwner(listed.pid) != getuid()) return;
+    if (ReadRealUser(listed.pid) != getuid()) return;
+    known.whose = Whose::Ours;
+  }
+  LookAtOwn(known);
+}
+
+void ApplicationScan::Begin(Known& known, const ListedProcess& listed) {
+  known = {};
+  known.inode = listed.inode;
+  known.firstSeen = std::chrono::steady_clock::now();
+  known.stat.pid = listed.pid;
+  const std::optional<ProcessStat> stat = ReadProcessStat(listed.pid);
+  if (stat && stat->isKernel) known.whose = Whose::Kernel;
+}
+
+void ApplicationScan::LookAtOwn(Known& known) {
+  const std::optional<ProcessStat> stat = ReadProcessStat(known.stat.pid);
+  if (!stat || !IsLive(*stat)) {
+    known.look = 0;
+    return;
+  }
+  known.stat = *stat;
+  // The table says nothing any more of a process whose first thread has ended: it stays what it
+  // was.
+  if (stat->state == 'Z' && known.isExamined) return;
+  ProcessImage image = ReadProcessImage(*stat);
+  const bool isSame = known.isExamined && image == known.image;
+  known.image = std::move(image);
+  if (!isSame || entriesChanged_ || !IsSettled(known)) Examine(known, isSame);
+}
+
+// True when another look at where it came from would tell nothing new.
+bool ApplicationScan::IsSettled(const Known& known) const {
+  if (std::chrono::steady_clock::now() - known.firstSeen > kSettling) return true;
+  return ReadCgroup(known.stat.pid) == known.cgroup;
+}
+
+void ApplicationScan::Examine(Known& known, bool isSame) {
+  const ProcessFacts facts = ReadProcessFacts(known.stat);
+  const Found before = std::exchange(known.found, {});
+  known.isExamined = true;
+  known.cgroup = facts.cgroup;
+  known.subject = facts.script.isEmpty() ? facts.executable : facts.script;
+  known.isNone = IsSessionPart(facts, entries_) || known.stat.pid == getpid() ||
+                 facts.executableFile == ownProgram_ || IsElsewhere(facts.cgroup);
+  if (known.isNone) return;
+
+  if (const Identity identity = Identify(facts, entries_); identity.entry) {
+    known.found = FoundEntry(identity);
+  } else if (const DesktopEntry* entry = entries_.ById(before.entryId); entry && before.isWrapper) {
+    known.found = FoundEntry({entry, true});
+  } else if (before.isBare && isSame) {
+    known.found = before;
+  } else {
+    unknown_.push_back(known.stat.pid);
+  }
+}
+
+void ApplicationScan::JoinWrappers() {
+  for (const pid_t pid : unknown_) {
+    const auto at = known_.find(pid);
+    if (at == known_.end()) continue;
+    if (const Known* parent = Parent(at->second); parent && parent->found.isWrapper) {
+      at->second.found = parent->found;
+    }
+  }
+}
+
+bool ApplicationScan::IsElsewhere(const QByteArray& cgroup) const {
+  const QByteArray session = SessionOfCgroup(cgroup);
+  if (session.isEmpty() || ownSession_.isEmpty() || session == ownSession_) return false;
+  return IsGraphicalSession(session);
+}
+
+void ApplicationScan::LookAtWindows() {
+  if (!windows_.owners) return;
+  for (const pid_t pid : windows_.owners()) {
+    const auto at = known_.find(pid);
+    if (at == known_.end()) continue;
+    Known& known = at->second;
+    if (known.whose != Whose::Ours || known.isNone || !known.found.key.isEmpty()) continue;
+    ProcessFacts facts = ReadProcessFacts(known.stat);
+    if (windows_.classes) facts.windowClasses = windows_.classes(pid);
+    if (const Identity identity = Identify(facts, entries_); identity.entry) {
+      known.found = FoundEntry(identity);
+    } else {
+      MakeBare(known);
+    }
+  }
+}
+
+// A program without an entry may show its window in a process below its main one.
+void ApplicationScan::MakeBare(Known& known) {
+  if (known.subject.isEmpty()) return;
+  Known* member = &known;
+  for (int i = 0; member && i < kMaxAncestors; ++i) {
+    if (member->subject == known.subject && member->found.key.isEmpty()) {
+      member->found.key = QFile::decodeName(known.subject);
+      member->found.isBare = true;
+    }
+    member = Parent(*member);
+  }
+}
+
+ApplicationScan::Known* ApplicationScan::Parent(const Known& known) {
+  const auto at = known_.find(known.stat.parent);
+  if (at == known_.end() || at->second.stat.started > known.stat.started) return nullptr;
+  return at->second.whose == Whose::Ours ? &at->second : nullptr;
+}
+
+bool ApplicationScan::IsTopmost(const Known& known) {
+  const Known* above = Parent(known);
+  for (int i = 0; above && i < kMaxAncestors; ++i) {
+    if (above->found.key == known.found.key) return false;
+    above = Parent(*above);
+  }
+  return true;
+}
+
+std::optional<ApplicationInfo> ApplicationScan::Application(
+    const ProcessSerialNumber& process) const {
+  const auto at = known_.find(process.pid);
+  if (at == known_.end() || at->second.found.key.isEmpty()) return std::nullopt;
+  const std::optional<ProcessStat> now = ReadProcessStat(process.pid);
+  if (!now || now->started != process.started || !IsLive(*now)) return std::nullopt;
+  if (at->second.found.isBare) return InfoOfBare(at->second.subject);
+  const DesktopEntry* entry = entries_.ById(at->second.found.entryId);
+  return entry ? std::optional(InfoOf(*entry)) : std::nullopt;
+}
+
+}  // namespace vardell

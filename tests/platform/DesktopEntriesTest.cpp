@@ -1,0 +1,135 @@
+#include "platform/linux/DesktopEntries.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
+#include "Common Sources/Caps.h"
+#include "tests/platform/Installation.h"
+#include "tests/support/Waiting.h"
+
+namespace vardell {
+namespace {
+
+using test::Installation;
+
+std::optional<DesktopEntry> Parse(const QByteArray& lines, const QStringList& languages = {}) {
+  return ParseDesktopEntry("[Desktop Entry]\nType=Application\n" + lines, languages);
+}
+
+TEST(ParseDesktopEntry, TakesTheNameInTheUsersLanguage) {
+  const QByteArray text =
+      "Exec=/bin/true\nName=Chess\nName[de]=Schach\nName[de_AT]=Schach\\s(A)\n[Other]\nName=No\n";
+  EXPECT_EQ(Parse(text)->name, QStringLiteral("Chess"));
+  EXPECT_EQ(Parse(text, {QStringLiteral("fr"), QStringLiteral("de")})->name,
+            QStringLiteral("Schach"));
+  EXPECT_EQ(Parse(text, {QStringLiteral("de_AT"), QStringLiteral("de")})->name,
+            QStringLiteral("Schach (A)"));
+}
+
+TEST(ParseDesktopEntry, RefusesWhatCannotBeStarted) {
+  EXPECT_TRUE(Parse("Exec=/bin/true\nName=N\n"));
+  EXPECT_TRUE(Parse("TryExec=true\nExec=/bin/true\nName=N\n"));
+  const char* const broken[] = {
+      "Name=N\n",
+      "Exec=/bin/true\n",
+      "Exec=\nName=N\n",
+      "Exec=/bin/true\nName=N\nHidden=true\n",
+      "Exec=/bin/true\nName=N\nTryExec=/no/such/program\n",
+      "Exec=/bin/true\nName=\xff\xfe\n",
+      "[Other]\nExec=/bin/true\nName=N\n",
+  };
+  for (const char* lines : broken) EXPECT_FALSE(Parse(lines)) << lines;
+  EXPECT_FALSE(ParseDesktopEntry({}, {}));
+  EXPECT_FALSE(ParseDesktopEntry("[Desktop Entry]\nType=Link\nName=N\nExec=/bin/true\n", {}));
+  EXPECT_FALSE(ParseDesktopEntry(QByteArray(1000, '\0'), {}));
+}
+
+class DesktopEntriesTest : public testing::Test {
+ protected:
+  Installation installed_;
+  DesktopEntries entries_{ApplicationFolders(QString::fromUtf8(getpwuid(getuid())->pw_dir))};
+};
+
+TEST_F(DesktopEntriesTest, FindsManyAndSkipsBrokenOnes) {
+  for (int i = 0; i < 3000; ++i) {
+    installed_.Write(installed_.SystemFolder() + QStringLiteral("/app%1.desktop").arg(i),
+                     "[Desktop Entry]\nType=Application\nName=A\nExec=/bin/true --number=" +
+                         QByteArray::number(i) + "\n");
+  }
+  installed_.Write(installed_.SystemFolder() + QStringLiteral("/broken.desktop"), "\xff[[[=\n=\0=");
+  installed_.Write(installed_.SystemFolder() + QStringLiteral("/huge.desktop"),
+                   QByteArray(kMaxDesktopEntryBytes + 1, '#'));
+  ASSERT_EQ(mkfifo((installed_.SystemFolder() + QStringLiteral("/pipe.desktop")).toUtf8(), 0600),
+            0);
+  installed_.AddSystemEntry("works", "/bin/true");
+  ASSERT_TRUE(entries_.Update());
+  EXPECT_NE(entries_.ById(QStringLiteral("works")), nullptr);
+  EXPECT_NE(entries_.ById(QStringLiteral("app2999")), nullptr);
+  for (const char* id : {"broken", "huge", "pipe"}) {
+    EXPECT_EQ(entries_.ById(QString::fromUtf8(id)), nullptr) << id;
+  }
+}
+
+TEST_F(DesktopEntriesTest, TakesNoMoreThanItsShareFromTheUser) {
+  for (std::size_t i = 0; i < kMaxUserDesktopEntries + 50; ++i) {
+    installed_.AddUserEntry(("own" + std::to_string(i)).c_str(), "/bin/true");
+  }
+  installed_.AddSystemEntry("works", "/bin/false");
+  entries_.Update();
+  std::size_t found = 0;
+  for (std::size_t i = 0; i < kMaxUserDesktopEntries + 50; ++i) {
+    found += entries_.ById(QStringLiteral("own%1").arg(i)) != nullptr;
+  }
+  EXPECT_EQ(found, kMaxUserDesktopEntries);
+  EXPECT_NE(entries_.ById(QStringLiteral("works")), nullptr);
+}
+
+TEST_F(DesktopEntriesTest, SystemEntriesCannotBeHiddenOrRenamedByTheUser) {
+  installed_.AddProgram("bin/chess");
+  installed_.AddSystemEntry("chess", "@/bin/chess");
+  installed_.AddUserEntry("chess", "@/bin/chess", "Hidden=true");
+  installed_.AddUserEntry("aaa", "@/bin/chess");
+  entries_.Update();
+  const QByteArray program = installed_.Native("bin/chess");
+  const DesktopEntries::List found = entries_.ByProgram(program, IdOfFile(program));
+  ASSERT_EQ(found.size(), 2);
+  EXPECT_EQ(found[0]->id, QStringLiteral("chess"));
+  EXPECT_TRUE(found[0]->isTrusted);
+  EXPECT_FALSE(found[1]->isTrusted);
+}
+
+TEST_F(DesktopEntriesTest, OfTheSystemThatOthersMayWriteAreNotTrusted) {
+  installed_.AddSystemEntry("safe", "/bin/true");
+  installed_.AddSystemEntry("open", "/bin/true");
+  ASSERT_EQ(chmod((installed_.SystemFolder() + QStringLiteral("/open.desktop")).toUtf8(), 0666), 0);
+  entries_.Update();
+  EXPECT_TRUE(entries_.ById(QStringLiteral("safe"))->isTrusted);
+  EXPECT_FALSE(entries_.ById(QStringLiteral("open"))->isTrusted);
+}
+
+TEST_F(DesktopEntriesTest, SubfoldersBecomePartOfTheId) {
+  QDir().mkpath(installed_.SystemFolder() + QStringLiteral("/kde/deep"));
+  installed_.AddSystemEntry("kde/deep/chess", "/bin/true");
+  entries_.Update();
+  EXPECT_NE(entries_.ById(QStringLiteral("kde-deep-chess")), nullptr);
+}
+
+TEST_F(DesktopEntriesTest, AreReadAgainWhenAFolderChanges) {
+  installed_.AddSystemEntry("first", "/bin/true");
+  EXPECT_TRUE(entries_.Update());
+  installed_.AddSystemEntry("second", "/bin/true");
+  EXPECT_TRUE(test::WaitUntil([&] {
+    entries_.Update();
+    return entries_.ById(QStringLiteral("second")) != nullptr;
+  }));
+  QFile::remove(installed_.SystemFolder() + QStringLiteral("/first.desktop"));
+  EXPECT_TRUE(test::WaitUntil([&] {
+    entries_.Update();
+    return entries_.ById(QStringLiteral("first")) == nullptr;
+  }));
+  EXPECT_TRUE(test::WaitUntil([&] { return !entries_.Update(); }));
+}
+
+}  // namespace
+}  // namespace vardell

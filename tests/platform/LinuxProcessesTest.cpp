@@ -1,0 +1,334 @@
+#include "platform/linux/LinuxProcesses.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+
+#include <QCoreApplication>
+
+#include "platform/HotKeys.h"
+#include "tests/platform/Installation.h"
+#include "tests/support/FakeSession.h"
+#include "tests/support/Program.h"
+
+namespace vardell {
+namespace {
+
+using namespace std::chrono_literals;
+using test::Installation;
+using test::Program;
+using test::WaitUntil;
+
+// Real processes. "quiet" programs are copies of sleep; "shells" are copies of bash, so that one
+// file can fork, wait for the test's word and run another.
+class LinuxProcessesTest : public testing::Test {
+ protected:
+  LinuxProcessesTest() {
+    installed_.CopyProgram("bin/quiet", "/bin/sleep");
+    installed_.CopyProgram("bin/other", "/bin/sleep");
+    installed_.CopyProgram("bin/shell", "/bin/bash");
+    installed_.AddSystemEntry("quiet", "@/bin/quiet");
+    installed_.AddSystemEntry("other", "@/bin/other");
+    installed_.AddSystemEntry("shell", "@/bin/shell");
+    if (mkfifo(installed_.Native("word").constData(), 0600) != 0) abort();
+    word_ = open(installed_.Native("word").constData(), O_RDWR | O_CLOEXEC);
+  }
+  ~LinuxProcessesTest() override { close(word_); }
+
+  std::string Path(const char* relative) const { return installed_.Native(relative).toStdString(); }
+  Program Start(std::vector<std::string> words) const { return Program(words, {}); }
+  Program StartQuiet(const char* program = "bin/quiet") const {
+    return Start({Path(program), "1000"});
+  }
+  // What the text does after the test's word.
+  std::string AfterWord(const std::string& text) const {
+    return "read word < " + Path("word") + "; " + text;
+  }
+  void SayWord() const { EXPECT_EQ(write(word_, "\n", 1), 1); }
+
+  void Watch() {
+    processes_.Watch([this](const auto& process) { Note("launched", process); },
+                     [this](const auto& process) { Note("terminated", process); });
+  }
+  void Note(const std::string& what, const ProcessSerialNumber& process) {
+    const auto info = processes_.Application(process);
+    events_.push_back(what + " " + std::to_string(process.pid) +
+                      (info ? " " + info->path.section(u'/', -1).toStdString() : ""));
+  }
+  bool Told(const std::string& event) {
+    return std::find(events_.begin(), events_.end(), event) != events_.end();
+  }
+  bool WaitTold(const std::string& what, pid_t pid, const std::string& who = {}) {
+    const std::string event = what + " " + std::to_string(pid) + (who.empty() ? "" : " " + who);
+    return WaitUntil([&] { return Told(event); }, 5s);
+  }
+  // The identifier or the path of the application that the process is the main one of.
+  QString Running(pid_t pid) {
+    for (const ProcessSerialNumber& process : processes_.RunningApplications()) {
+      if (process.pid != pid) continue;
+      const auto info = processes_.Application(process);
+      return info ? info->identifier.value_or(info->path) : QString();
+    }
+    return {};
+  }
+  bool WaitRunning(pid_t pid, const char* id) {
+    return WaitUntil([&] { return Running(pid) == QString::fromUtf8(id); }, 5s);
+  }
+
+  int argc_ = 1;
+  char name_[5] = "test";
+  char* argv_[2] = {name_, nullptr};
+  QCoreApplication application_{argc_, argv_};
+  Installation installed_;
+  int word_ = -1;
+  FakeSession session_;
+  std::vector<pid_t> owners_;
+  std::map<pid_t, QList<QByteArray>> classes_;
+  LinuxProcesses processes_{session_,
+                            {[this] { return owners_; }, [this](pid_t p) { return classes_[p]; }}};
+  std::vector<std::string> events_;
+};
+
+TEST_F(LinuxProcessesTest, LaunchIsToldWithinASecondAndItsEndAtOnce) {
+  Watch();
+  Program program = StartQuiet();
+  const auto begin = test::Clock::now();
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "quiet.desktop"));
+  EXPECT_LT(test::Clock::now() - begin, 1s);
+  // Killed from outside, and not yet reaped: a zombie has ended.
+  program.Signal(SIGKILL);
+  ASSERT_TRUE(test::WaitForExit(program.pidfd()));
+  const auto killed = test::Clock::now();
+  ASSERT_TRUE(WaitTold("terminated", program.pid()));
+  EXPECT_LT(test::Clock::now() - killed, 500ms);
+  EXPECT_FALSE(processes_.IsAlive(program.pid()));
+  EXPECT_EQ(events_.size(), 2u);
+}
+
+TEST_F(LinuxProcessesTest, WhatRunsAlreadyIsNotToldButItsEndIs) {
+  Program program = StartQuiet();
+  ASSERT_TRUE(WaitRunning(program.pid(), "quiet"));
+  Watch();
+  program.Signal(SIGTERM);
+  ASSERT_TRUE(WaitTold("terminated", program.pid()));
+  EXPECT_EQ(events_.size(), 1u);
+}
+
+TEST_F(LinuxProcessesTest, WhatEndsBeforeTheWatchBeginsIsToldAfterwards) {
+  Program program = StartQuiet();
+  ASSERT_TRUE(WaitRunning(program.pid(), "quiet"));
+  const pid_t pid = program.pid();
+  program.End(SIGKILL);
+  Watch();
+  EXPECT_TRUE(events_.empty()) << "from inside a call";
+  EXPECT_TRUE(WaitTold("terminated", pid));
+}
+
+TEST_F(LinuxProcessesTest, LaunchThatIsListedFirstIsStillTold) {
+  Watch();
+  Program program = StartQuiet();
+  ASSERT_TRUE(WaitRunning(program.pid(), "quiet"));
+  EXPECT_TRUE(WaitTold("launched", program.pid(), "quiet.desktop"));
+}
+
+TEST_F(LinuxProcessesTest, StartedTwiceIsTwo) {
+  Program one = StartQuiet();
+  Program two = StartQuiet();
+  EXPECT_TRUE(WaitRunning(one.pid(), "quiet"));
+  EXPECT_TRUE(WaitRunning(two.pid(), "quiet"));
+}
+
+TEST_F(LinuxProcessesTest, ExecOverEndsOneApplicationAndLaunchesAnother) {
+  Watch();
+  Program program =
+      Start({Path("bin/shell"), "-c", AfterWord("exec " + Path("bin/other") + " 1000")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "shell.desktop"));
+  SayWord();
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "other.desktop"));
+  ASSERT_EQ(events_.size(), 3u);
+  EXPECT_EQ(events_[1].find("terminated " + std::to_string(program.pid())), 0u);
+  EXPECT_EQ(Running(program.pid()), QStringLiteral("other"));
+}
+
+TEST_F(LinuxProcessesTest, ExecOverToNoApplicationEndsIt) {
+  Watch();
+  Program program = Start({Path("bin/shell"), "-c", AfterWord("exec /bin/sleep 1000")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "shell.desktop"));
+  SayWord();
+  EXPECT_TRUE(WaitTold("terminated", program.pid()));
+  EXPECT_EQ(events_.size(), 2u);
+}
+
+TEST_F(LinuxProcessesTest, HelpersBelongToTheirMainProcessAndSucceedIt) {
+  Watch();
+  const std::string helper = Path("bin/shell") + " -c '" + AfterWord("true") + "' & ";
+  Program main = Start({Path("bin/shell"), "-c", helper + helper + "wait"});
+  ASSERT_TRUE(WaitTold("launched", main.pid(), "shell.desktop"));
+  EXPECT_EQ(processes_.RunningApplications().size(), 2u) << "the login window and one";
+  main.Signal(SIGKILL);
+  ASSERT_TRUE(WaitTold("terminated", main.pid()));
+  // What outlives it is watched on.
+  ASSERT_TRUE(WaitUntil([&] { return events_.size() == 4; }));
+  EXPECT_EQ(processes_.RunningApplications().size(), 3u);
+  SayWord();
+  SayWord();
+  EXPECT_TRUE(WaitUntil([&] { return events_.size() == 6; }));
+}
+
+TEST_F(LinuxProcessesTest, ScriptIsFoundUnderItsInterpreterAlsoByARelativePath) {
+  installed_.AddProgram("bin/painter.py", "import time\ntime.sleep(1000)\n");
+  installed_.AddSystemEntry("painter", "python3 @/bin/painter.py");
+  Program direct = Start({"/usr/bin/python3", Path("bin/painter.py")});
+  Program relative = Start(
+      {"/bin/sh", "-c", "cd " + Path("bin") + "; exec /usr/bin/python3 -B -X utf8 ./painter.py"});
+  Program other = Start({"/usr/bin/python3", "-c", "import time; time.sleep(1000)"});
+  EXPECT_TRUE(WaitRunning(direct.pid(), "painter"));
+  EXPECT_TRUE(WaitRunning(relative.pid(), "painter"));
+  EXPECT_EQ(Running(other.pid()), QString());
+}
+
+TEST_F(LinuxProcessesTest, ProgramThatItsWrapperBecomesStaysTheApplication) {
+  installed_.AddProgram("bin/wrapper", "#!/bin/bash\nread word < @/word\nexec @/home/real 1000\n");
+  installed_.CopyProgram("home/real", "/bin/sleep");
+  installed_.AddSystemEntry("wrapped", "@/bin/wrapper");
+  Watch();
+  Program program = Start({Path("bin/wrapper")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "wrapped.desktop"));
+  SayWord();
+  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(program.pid()).endsWith("/home/real"); }));
+  EXPECT_EQ(Running(program.pid()), QStringLiteral("wrapped"));
+  program.Signal(SIGKILL);
+  ASSERT_TRUE(WaitTold("terminated", program.pid()));
+  EXPECT_EQ(events_.size(), 2u);
+}
+
+TEST_F(LinuxProcessesTest, ProgramThatAWaitingWrapperLeavesBehindIsStillTheApplication) {
+  installed_.AddProgram("bin/wrapper",
+                        "#!/bin/bash\n@/bin/unnamed -c 'read word < @/word'\ntrue\n");
+  installed_.CopyProgram("bin/unnamed", "/bin/bash");
+  installed_.AddSystemEntry("wrapped", "@/bin/wrapper");
+  Watch();
+  Program program = Start({Path("bin/wrapper")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "wrapped.desktop"));
+  // Until the wrapper has forked and the program runs.
+  ASSERT_TRUE(WaitUntil([&] {
+    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(program.pid()));
+    return children.open(QIODevice::ReadOnly) &&
+           ReadExecutable(children.readAll().split(' ')[0].toInt()).endsWith("/bin/unnamed");
+  }));
+  (void)processes_.RunningApplications();
+  program.Signal(SIGKILL);
+  ASSERT_TRUE(WaitTold("terminated", program.pid()));
+  ASSERT_TRUE(WaitUntil([&] { return events_.size() == 3; }));
+  EXPECT_NE(events_[2].find("wrapped.desktop"), std::string::npos) << events_[2];
+  SayWord();
+  EXPECT_TRUE(WaitUntil([&] { return events_.size() == 4; }));
+}
+
+TEST_F(LinuxProcessesTest, MainThreadThatEndsIsNotTheEndOfItsProcess) {
+  installed_.AddProgram("bin/hollow.py",
+                        "import ctypes, threading, time\n"
+                        "threading.Thread(target=time.sleep, args=(1000,)).start()\n"
+                        "ctypes.CDLL(None).syscall(60, 0)\n");
+  installed_.AddSystemEntry("hollow", "python3 @/bin/hollow.py");
+  Watch();
+  Program program = Start({"/usr/bin/python3", Path("bin/hollow.py")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "hollow.desktop"));
+  ASSERT_TRUE(WaitUntil([&] {
+    const auto stat = ReadProcessStat(program.pid());
+    return stat && stat->state == 'Z';
+  }));
+  EXPECT_TRUE(processes_.IsAlive(program.pid()));
+  EXPECT_EQ(Running(program.pid()), QStringLiteral("hollow"));
+  program.Signal(SIGKILL);
+  EXPECT_TRUE(WaitTold("terminated", program.pid()));
+}
+
+TEST_F(LinuxProcessesTest, BareExecutableIsAnApplicationOnceItOwnsAWindow) {
+  installed_.CopyProgram("home/ab", "/bin/sleep");
+  Program program = StartQuiet("home/ab");
+  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(program.pid()).endsWith("/home/ab"); }));
+  Watch();
+  EXPECT_EQ(Running(program.pid()), QString());
+  owners_ = {program.pid()};
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "ab"));
+  const auto stat = ReadProcessStat(program.pid());
+  const auto info = processes_.Application({program.pid(), stat->started});
+  ASSERT_TRUE(info);
+  EXPECT_FALSE(info->isBundle);
+  EXPECT_EQ(info->creatorCode, FourCharCode("ab  "));
+  if (setxattr(Path("home/ab").c_str(), "user.creator", "GAME", 4, 0) == 0) {
+    EXPECT_EQ(processes_.Application({program.pid(), stat->started})->creatorCode,
+              FourCharCode("GAME"));
+  }
+  // The window goes, the application does not.
+  owners_.clear();
+  EXPECT_EQ(Running(program.pid()), QString::fromStdString(Path("home/ab")));
+}
+
+TEST_F(LinuxProcessesTest, WindowClassNamesAnApplicationThatNothingElseDoes) {
+  installed_.AddSystemEntry("classy", "@/bin/none", "StartupWMClass=Classy");
+  installed_.CopyProgram("home/ab", "/bin/sleep");
+  Program program = StartQuiet("home/ab");
+  owners_ = {program.pid()};
+  classes_[program.pid()] = {"ab", "classy"};
+  EXPECT_TRUE(WaitRunning(program.pid(), "classy"));
+}
+
+TEST_F(LinuxProcessesTest, EntryThatComesLaterIsTaken) {
+  installed_.CopyProgram("bin/late", "/bin/sleep");
+  Program program = StartQuiet("bin/late");
+  Watch();
+  installed_.AddSystemEntry("late", "@/bin/late");
+  EXPECT_TRUE(WaitTold("launched", program.pid(), "late.desktop"));
+}
+
+TEST_F(LinuxProcessesTest, OtherUsersProcessesAreNotOurs) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
+  ASSERT_EQ(chmod(Path("").c_str(), 0755), 0);
+  Program ours = StartQuiet();
+  Program theirs({Path("bin/quiet"), "1000"}, {.uid = 65534});
+  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(theirs.pid()).endsWith("/bin/quiet"); }));
+  ASSERT_TRUE(WaitRunning(ours.pid(), "quiet"));
+  EXPECT_EQ(Running(theirs.pid()), QString());
+}
+
+TEST_F(LinuxProcessesTest, LoginWindowIsTheSessionsLeader) {
+  Program leader = StartQuiet();
+  session_.leaderPid = leader.pid();
+  const ProcessSerialNumber login = processes_.RunningApplications().at(0);
+  EXPECT_EQ(login.pid, leader.pid());
+  EXPECT_EQ(processes_.Application(login)->identifier, QLatin1String(kLoginWindowIdentifier));
+  EXPECT_EQ(processes_.RunningApplications().size(), 1u) << "it is no application besides";
+  session_.leaderPid = 0;
+  EXPECT_EQ(processes_.RunningApplications().at(0), ProcessSerialNumber{});
+  EXPECT_EQ(processes_.Application({})->identifier, QLatin1String(kLoginWindowIdentifier));
+}
+
+TEST_F(LinuxProcessesTest, ThisProgramIsNoApplication) {
+  installed_.AddSystemEntry("self", QFile::encodeName(QCoreApplication::applicationFilePath()));
+  owners_ = {getpid()};
+  EXPECT_EQ(Running(getpid()), QString());
+}
+
+TEST_F(LinuxProcessesTest, AliveMeansThereAndNoZombie) {
+  Program program = StartQuiet();
+  EXPECT_TRUE(processes_.IsAlive(getpid()));
+  EXPECT_TRUE(processes_.IsAlive(1));
+  EXPECT_TRUE(processes_.IsAlive(program.pid()));
+  program.Signal(SIGKILL);
+  ASSERT_TRUE(test::WaitForExit(program.pidfd()));
+  EXPECT_FALSE(processes_.IsAlive(program.pid()));
+  for (const int pid : {0, -1, -getpid(), INT_MAX}) EXPECT_FALSE(processes_.IsAlive(pid)) << pid;
+}
+
+TEST_F(LinuxProcessesTest, ApplicationOfAnotherLifeOfThePidIsAbsent) {
+  Program program = StartQuiet();
+  ASSERT_TRUE(WaitRunning(program.pid(), "quiet"));
+  const auto stat = ReadProcessStat(program.pid());
+  EXPECT_TRUE(processes_.Application({program.pid(), stat->started}));
+  EXPECT_FALSE(processes_.Application({program.pid(), stat->started - 1}));
+}
+
+}  // namespace
+}  // namespace vardell
