@@ -41,9 +41,9 @@ LinuxProcesses::LinuxProcesses(Session& session, Windows windows)
       scan_(DesktopEntries(ApplicationFolders(HomeFolder())), std::move(windows)) {
   compareSoon_.setSingleShot(true);
   connect(&compareSoon_, &QTimer::timeout, this, [this] { Compare(); });
-  // A coarse timer may be late by a twentieth.
+  // A coarse timer may be late by a twentieth, and a look takes its time on a busy machine.
   compareAlways_.setInterval(
-      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(900), SecondLength() * 9 / 10));
+      std::min<std::chrono::milliseconds>(std::chrono::milliseconds(800), SecondLength() * 8 / 10));
   connect(&compareAlways_, &QTimer::timeout, this, [this] { Compare(); });
 }
 
