@@ -46,8 +46,10 @@ bool IsOurs(const QVariantMap& session) {
   const QDBusArgument argument = user.value<QDBusArgument>();
   if (argument.currentType() != QDBusArgument::StructureType) return false;
   quint32 uid = 0;
+  QDBusObjectPath object;
   argument.beginStructure();
-  argument >> uid;
+  argument >> uid >> object;
+  argument.endStructure();  // left open, it would leak
   return uid == getuid();
 }
 
