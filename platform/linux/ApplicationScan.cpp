@@ -16,7 +16,7 @@
 namespace vardell {
 namespace {
 
-constexpr std::chrono::seconds kSettling{5};
+constexpr int kSettlingSeconds = 5;
 constexpr std::size_t kMaxSessionFileBytes = 16u << 10;
 
 std::uint32_t CodeOf(const QByteArray& text) {
@@ -71,6 +71,7 @@ ApplicationScan::Found ApplicationScan::FoundEntry(const Identity& identity) {
 ApplicationScan::ApplicationScan(DesktopEntries entries, Windows windows)
     : entries_(std::move(entries)),
       windows_(std::move(windows)),
+      settling_(kSettlingSeconds * SecondLength()),
       ownSession_(SessionOfCgroup(ReadCgroup(getpid()))),
       ownProgram_(IdOfFile("/proc/self/exe")) {}
 
@@ -79,12 +80,14 @@ std::vector<RunningApplication> ApplicationScan::Look(pid_t leader) {
   ++look_;
   unknown_.clear();
   for (const ListedProcess& listed : ListProcesses()) LookAt(listed);
-  std::erase_if(known_, [this](const auto& item) { return item.second.look != look_; });
+  // Whatever had an ended one for its parent has another parent now.
+  const auto isGone = [this](const auto& item) { return item.second.look != look_; };
+  if (std::erase_if(known_, isGone) > 0) ++families_;
   JoinWrappers();
   LookAtWindows();
 
   std::vector<RunningApplication> found;
-  for (const auto& [pid, known] : known_) {
+  for (auto& [pid, known] : known_) {
     if (known.found.key.isEmpty() || pid == leader || !IsTopmost(known)) continue;
     found.push_back({{pid, known.stat.started}, known.found.key});
   }
@@ -117,26 +120,31 @@ void ApplicationScan::Begin(Known& known, const ListedProcess& listed) {
   if (stat && stat->isKernel) known.whose = Whose::Kernel;
 }
 
+// Cheap, and true of nearly every process at nearly every look. A file that is kept from this user
+// tells nothing.
+bool ApplicationScan::IsUnchanged(const Known& known) const {
+  return known.isExamined && known.isSettled && !known.isToldByArguments && !entriesChanged_ &&
+         known.image.file.IsValid() && IdOfExecutable(known.stat.pid) == known.image.file;
+}
+
 void ApplicationScan::LookAtOwn(Known& known) {
+  if (IsUnchanged(known)) return;
   const std::optional<ProcessStat> stat = ReadProcessStat(known.stat.pid);
   if (!stat || !IsLive(*stat)) {
     known.look = 0;
     return;
   }
   known.stat = *stat;
+  known.family = families_;
   // The table says nothing any more of a process whose first thread has ended: it stays what it
   // was.
   if (stat->state == 'Z' && known.isExamined) return;
   ProcessImage image = ReadProcessImage(*stat);
   const bool isSame = known.isExamined && image == known.image;
   known.image = std::move(image);
-  if (!isSame || entriesChanged_ || !IsSettled(known)) Examine(known, isSame);
-}
-
-// True when another look at where it came from would tell nothing new.
-bool ApplicationScan::IsSettled(const Known& known) const {
-  if (std::chrono::steady_clock::now() - known.firstSeen > kSettling) return true;
-  return ReadCgroup(known.stat.pid) == known.cgroup;
+  known.isSettled = std::chrono::steady_clock::now() - known.firstSeen > settling_;
+  const bool mayBeMoved = !known.isSettled && ReadCgroup(stat->pid) != known.cgroup;
+  if (!isSame || entriesChanged_ || mayBeMoved) Examine(known, isSame);
 }
 
 void ApplicationScan::Examine(Known& known, bool isSame) {
@@ -144,6 +152,8 @@ void ApplicationScan::Examine(Known& known, bool isSame) {
   const Found before = std::exchange(known.found, {});
   known.isExamined = true;
   known.cgroup = facts.cgroup;
+  known.isToldByArguments = IsInterpreter(facts.executable) ||
+                            entries_.ByProgram(facts.executable, facts.executableFile).size() > 1;
   known.subject = facts.script.isEmpty() ? facts.executable : facts.script;
   known.isNone = IsSessionPart(facts, entries_) || known.stat.pid == getpid() ||
                  facts.executableFile == ownProgram_ || IsElsewhere(facts.cgroup);
@@ -206,14 +216,19 @@ void ApplicationScan::MakeBare(Known& known) {
   }
 }
 
-ApplicationScan::Known* ApplicationScan::Parent(const Known& known) {
+ApplicationScan::Known* ApplicationScan::Parent(Known& known) {
+  if (known.family != families_) {
+    known.family = families_;
+    const std::optional<ProcessStat> stat = ReadProcessStat(known.stat.pid);
+    if (stat && stat->started == known.stat.started) known.stat.parent = stat->parent;
+  }
   const auto at = known_.find(known.stat.parent);
   if (at == known_.end() || at->second.stat.started > known.stat.started) return nullptr;
   return at->second.whose == Whose::Ours ? &at->second : nullptr;
 }
 
-bool ApplicationScan::IsTopmost(const Known& known) {
-  const Known* above = Parent(known);
+bool ApplicationScan::IsTopmost(Known& known) {
+  Known* above = Parent(known);
   for (int i = 0; above && i < kMaxAncestors; ++i) {
     if (above->found.key == known.found.key) return false;
     above = Parent(*above);

@@ -1,6 +1,7 @@
 // The applications of this session by what /proc shows at each look. Keeps what it has learnt, so
 // that a look costs little: a process is examined when it is new, when it runs another program than
-// before, and for a few seconds after its start, while a launcher may still move it to its unit.
+// before, and for a few seconds after its start, while a launcher may still move it to its unit. Of
+// the others no more than the file that they run is looked at, or their user where it is another.
 // Main thread only; never blocks beyond the look itself.
 #pragma once
 
@@ -55,9 +56,12 @@ class ApplicationScan {
     std::uint64_t look = 0;  // the number of the last look that saw it
     Whose whose = Whose::Others;
     std::chrono::steady_clock::time_point firstSeen;
-    ProcessStat stat;
+    ProcessStat stat;          // of the last close look; the parent's may be older than `families_`
+    std::uint64_t family = 0;  // what `families_` was when the parent was read
     // As it was when it was examined last.
     bool isExamined = false;
+    bool isSettled = false;          // no launcher will move it any more
+    bool isToldByArguments = false;  // an interpreter, or one program of several entries
     bool isNone = false;  // whatever it shows: this program, a part of the session, another session
     ProcessImage image;
     QByteArray cgroup;
@@ -67,22 +71,24 @@ class ApplicationScan {
 
   void LookAt(const ListedProcess& listed);
   void Begin(Known& known, const ListedProcess& listed);
+  bool IsUnchanged(const Known& known) const;
   void LookAtOwn(Known& known);
   void Examine(Known& known, bool isSame);
   static Found FoundEntry(const Identity& identity);
   void JoinWrappers();
   void LookAtWindows();
   void MakeBare(Known& known);
-  bool IsSettled(const Known& known) const;
   bool IsElsewhere(const QByteArray& cgroup) const;
-  Known* Parent(const Known& known);
-  bool IsTopmost(const Known& known);
+  Known* Parent(Known& known);
+  bool IsTopmost(Known& known);
 
   DesktopEntries entries_;
   Windows windows_;
+  std::chrono::milliseconds settling_;  // how long a process counts as new
   QByteArray ownSession_;
   FileId ownProgram_;
   std::uint64_t look_ = 0;
+  std::uint64_t families_ = 1;  // grows when a process has ended
   bool entriesChanged_ = false;
   std::unordered_map<pid_t, Known> known_;
   std::vector<pid_t> unknown_;  // examined at this look, and nothing by themselves

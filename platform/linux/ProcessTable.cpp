@@ -158,13 +158,16 @@ QByteArray ReadExecutable(pid_t pid) {
   return path;
 }
 
+FileId IdOfExecutable(pid_t pid) {
+  return IdOfFile(ProcPath(pid, "exe"));
+}
+
 QByteArray ReadCgroup(pid_t pid) {
   return ParseCgroup(ReadBounded(ProcPath(pid, "cgroup")));
 }
 
 ProcessImage ReadProcessImage(const ProcessStat& stat) {
-  ProcessImage image{
-      stat.startCode, stat.endCode, stat.startStack, IdOfFile(ProcPath(stat.pid, "exe")), {}};
+  ProcessImage image{stat.startCode, stat.endCode, stat.startStack, IdOfExecutable(stat.pid), {}};
   if (!image.file.IsValid()) image.name = stat.name;
   return image;
 }
@@ -175,7 +178,7 @@ ProcessFacts ReadProcessFacts(const ProcessStat& stat) {
   facts.pid = stat.pid;
   facts.name = stat.name;
   facts.executable = ReadExecutable(thread);
-  facts.executableFile = IdOfFile(ProcPath(thread, "exe"));
+  facts.executableFile = IdOfExecutable(thread);
   facts.arguments = ReadArguments(thread);
   ReadScript(facts, ProcPath(thread, "cwd/"));
   facts.cgroup = ReadCgroup(thread);

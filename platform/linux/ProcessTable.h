@@ -62,6 +62,8 @@ bool IsLive(const ProcessStat& stat);
 ProcessImage ReadProcessImage(const ProcessStat& stat);
 ProcessFacts ReadProcessFacts(const ProcessStat& stat);
 QByteArray ReadExecutable(pid_t pid);
+// The file alone, as in ProcessImage: the cheap part of it.
+FileId IdOfExecutable(pid_t pid);
 QByteArray ReadCgroup(pid_t pid);
 
 // The user who started it, whatever rights it has got since.

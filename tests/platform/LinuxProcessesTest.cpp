@@ -330,5 +330,72 @@ TEST_F(LinuxProcessesTest, ApplicationOfAnotherLifeOfThePidIsAbsent) {
   EXPECT_FALSE(processes_.Application({program.pid(), stat->started - 1}));
 }
 
+// Processes that are not new any more are looked at less closely.
+class OldProcessesTest : public LinuxProcessesTest {
+ protected:
+  static void SetUpTestSuite() { setenv("VARDELL_TEST_SECOND_MS", "20", 1); }
+  static void TearDownTestSuite() { unsetenv("VARDELL_TEST_SECOND_MS"); }
+  // Lets scans go by until what runs is old.
+  void GrowOld() {
+    const auto end = test::Clock::now() + 300ms;
+    ASSERT_TRUE(WaitUntil([&] { return test::Clock::now() > end; }));
+    (void)processes_.RunningApplications();
+  }
+};
+
+TEST_F(OldProcessesTest, ExecOverIsStillSeen) {
+  Watch();
+  Program program =
+      Start({Path("bin/shell"), "-c", AfterWord("exec " + Path("bin/other") + " 1000")});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "shell.desktop"));
+  GrowOld();
+  SayWord();
+  EXPECT_TRUE(WaitTold("launched", program.pid(), "other.desktop"));
+}
+
+TEST_F(OldProcessesTest, ExecOfItselfWithTheArgumentsOfASiblingIsStillSeen) {
+  installed_.CopyProgram("bin/office", "/bin/bash");
+  installed_.AddSystemEntry("calc", "@/bin/office --posix");
+  installed_.AddSystemEntry("writer", "@/bin/office --norc");
+  Watch();
+  const std::string again = "exec " + Path("bin/office") + " --norc -c 'read word < @'";
+  Program program =
+      Start({Path("bin/office"), "--posix", "-c",
+             AfterWord(std::string(again).replace(again.find('@'), 1, Path("word")))});
+  ASSERT_TRUE(WaitTold("launched", program.pid(), "calc.desktop"));
+  GrowOld();
+  SayWord();
+  EXPECT_TRUE(WaitTold("launched", program.pid(), "writer.desktop"));
+}
+
+TEST_F(OldProcessesTest, HelperThatItsMainProcessTakesBackStaysAHelper) {
+  installed_.CopyProgram("bin/unnamed", "/bin/bash");
+  ASSERT_EQ(mkfifo(Path("never").c_str(), 0600), 0);
+  const std::string wait = "read word < " + Path("never");
+  const std::string between = Path("bin/unnamed") + " -c '" + Path("bin/shell") + " -c \"" + wait +
+                              "; :\" & echo $! > " + Path("helper") + "; read word < " +
+                              Path("word") + "'";
+  // A process that orphans below it come back to (prctl 36).
+  Program main = Start({"/usr/bin/python3", "-c",
+                        "import ctypes, os, sys; ctypes.CDLL(None).prctl(36, 1); "
+                        "os.execv(sys.argv[1], sys.argv[1:])",
+                        Path("bin/shell"), "-c", between + "; " + wait});
+  ASSERT_TRUE(WaitRunning(main.pid(), "shell"));
+  QFile helper(installed_.Path("helper"));
+  ASSERT_TRUE(WaitUntil([&] { return helper.size() > 0; }));
+  ASSERT_TRUE(helper.open(QIODevice::ReadOnly));
+  const pid_t pid = helper.readAll().trimmed().toInt();
+  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(pid).endsWith("/bin/shell"); }));
+  const std::size_t before = processes_.RunningApplications().size();
+  ASSERT_EQ(before, 2u) << "the login window and one";
+  GrowOld();
+  SayWord();
+  ASSERT_TRUE(WaitUntil([&] { return ReadProcessStat(pid)->parent == main.pid(); }));
+  EXPECT_EQ(processes_.RunningApplications().size(), before);
+  main.Signal(SIGKILL);
+  EXPECT_TRUE(WaitRunning(pid, "shell")) << "what outlives it is the application";
+  kill(pid, SIGKILL);
+}
+
 }  // namespace
 }  // namespace vardell
