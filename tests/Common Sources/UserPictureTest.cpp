@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QBuffer>
 #include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
+
+#include "Common Sources/FileSystem.h"
 
 namespace vardell {
 namespace {
@@ -32,15 +34,9 @@ class UserPicture : public ::testing::Test {
     qputenv("VARDELL_TEST_ROOT", folder.path().toUtf8());
     path = qgetenv("PATH");
     qputenv("PATH", folder.path().toUtf8() + ":" + path);
-    Put(QStringLiteral("dscl"),
-        "#!/bin/sh\n"
-        "cd " +
-            folder.path().toUtf8() +
-            "\n"
-            "echo \"$*\" >> asked\n"
-            "cat \"answer-$4\" 2>/dev/null\n");
-    QFile::setPermissions(folder.filePath(QStringLiteral("dscl")),
-                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    Put(QStringLiteral("dscl"), "#!/bin/sh\ncd " + folder.path().toUtf8() +
+                                    "\necho \"$*\" >> asked\ncat \"answer-$4\" 2>/dev/null\n");
+    ASSERT_EQ(::chmod(folder.filePath(QStringLiteral("dscl")).toUtf8().constData(), 0700), 0);
   }
   void TearDown() override {
     qputenv("PATH", path);
@@ -50,17 +46,14 @@ class UserPicture : public ::testing::Test {
   void Put(const QString& name, const QByteArray& bytes) {
     const QString file = folder.filePath(name);
     ASSERT_TRUE(QDir().mkpath(QFileInfo(file).path()));
-    QFile out(file);
-    ASSERT_TRUE(out.open(QIODevice::WriteOnly));
-    out.write(bytes);
+    ASSERT_EQ(StoreFile(file.toUtf8(), bytes), 0);
   }
-  void AnswerPhoto(const QColor& colour) {
-    Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n " + Png(colour).toHex() + "\n");
+  void AnswerPhoto(const QByteArray& image) {
+    Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n " + image.toHex() + "\n");
   }
   void AnswerPicture(const QByteArray& text) { Put(QStringLiteral("answer-Picture"), text); }
   QByteArray Asked() const {
-    QFile file(folder.filePath(QStringLiteral("asked")));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return LoadFile(folder.filePath(QStringLiteral("asked")).toUtf8(), 4096).value_or("");
   }
   void ExpectColour(const QString& name, const QColor& colour) {
     const QImage image = CopyUserPicture(name);
@@ -75,7 +68,8 @@ class UserPicture : public ::testing::Test {
 };
 
 TEST_F(UserPicture, EachSourceGivesWayToTheOneBefore) {
-  EXPECT_TRUE(CopyUserPicture(user).isNull());
+  EXPECT_TRUE(CopyUserPicture(QStringLiteral("tim-2")).isNull());
+  EXPECT_EQ(Asked(), ". -read /Users/tim-2 JPEGPhoto\n. -read /Users/tim-2 Picture\n");
   Put(home.mid(1) + QStringLiteral("/.face"), Png(Qt::red));
   ExpectColour(user, Qt::red);
   Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
@@ -83,14 +77,8 @@ TEST_F(UserPicture, EachSourceGivesWayToTheOneBefore) {
   Put(QStringLiteral("pic ture.png"), Png(Qt::blue));
   AnswerPicture("Picture:  \r\n " + folder.path().toUtf8() + "/pic ture.png\n");
   ExpectColour(user, Qt::blue);
-  AnswerPhoto(Qt::yellow);
+  AnswerPhoto(Png(Qt::yellow));
   ExpectColour(user, Qt::yellow);
-}
-
-TEST_F(UserPicture, AsksTheDirectoryInItsWords) {
-  AnswerPicture("Picture: \n");
-  EXPECT_TRUE(CopyUserPicture(QStringLiteral("tim-2")).isNull());
-  EXPECT_EQ(Asked(), ". -read /Users/tim-2 JPEGPhoto\n. -read /Users/tim-2 Picture\n");
 }
 
 TEST_F(UserPicture, ANameThatIsNotPortableNeverReachesTheShell) {
@@ -113,14 +101,13 @@ TEST_F(UserPicture, ANameThatIsNotPortableStillHasItsIcon) {
 
 TEST_F(UserPicture, WhatIsNoImageIsPassedOver) {
   Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
-  Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n 68656c6c6f\n");
-  for (const char* answer : {"", "\n", "Picture: \n", "Picture: /dev/zero\n", "Picture: /\n",
-                             "Picture: relative\n", "No such key: Picture"}) {
+  AnswerPhoto("hello");
+  for (const QByteArray& answer :
+       {QByteArray(), QByteArray("\n"), QByteArray("Picture: /dev/zero\n"),
+        QByteArray("No such key: Picture"), QByteArray("Picture: ") + QByteArray(4000, 'a')}) {
     AnswerPicture(answer);
     ExpectColour(user, Qt::green);
   }
-  AnswerPicture("Picture: " + QByteArray(4000, 'a') + "\n");
-  ExpectColour(user, Qt::green);
 }
 
 }  // namespace
