@@ -11,6 +11,7 @@
 #include "Common Sources/Caps.h"
 #include "Common Sources/FileSystem.h"
 #include "Common Sources/TestHooks.h"
+#include "platform/Processes.h"
 #include "platform/linux/ExecLine.h"
 #include "platform/linux/Interpreters.h"
 
@@ -51,6 +52,17 @@ constexpr std::array<const char*, 31> kSessionParts = {"openbox",
                                                        "tint2",
                                                        "sway",
                                                        "budgie-panel"};
+
+// Identifiers that mean something else than an application: an entry of such a name would be taken
+// for the session itself.
+constexpr std::array<const char*, 3> kReserved = {kLoginWindowIdentifier, "com.brenwick.",
+                                                  "com.tovmark.unknownapp"};
+
+bool IsReserved(const QString& id) {
+  return std::any_of(kReserved.begin(), kReserved.end(), [&](const char* name) {
+    return id.startsWith(QLatin1String(name), Qt::CaseInsensitive);
+  });
+}
 
 QStringList Languages() {
   QStringList languages;
@@ -169,6 +181,7 @@ void DesktopEntries::ReadFolder(const QString& path, const QString& prefix, int 
 }
 
 void DesktopEntries::ReadFile(const QString& path, const QString& id, const Reading& reading) {
+  if (IsReserved(id)) return;
   const QByteArray file = QFile::encodeName(path);
   const std::optional<QByteArray> text = LoadFile(file, kMaxDesktopEntryBytes);
   if (!text) return;

@@ -120,7 +120,13 @@ const DesktopEntry* BestByOrigin(const ProcessFacts& process, const DesktopEntri
   return entries.ById(QString::fromUtf8(process.flatpak));
 }
 
+List ByAppImage(const ProcessFacts& process, const DesktopEntries& entries) {
+  if (process.appImage.isEmpty()) return {};
+  return entries.ByProgram(process.appImage, IdOfFile(process.appImage));
+}
+
 const DesktopEntry* BestByHints(const ProcessFacts& process, const DesktopEntries& entries) {
+  if (const DesktopEntry* entry = Best(ByAppImage(process, entries), process, false)) return entry;
   if (const DesktopEntry* entry = Best(ByBaseName(process, entries), process, false)) return entry;
   if (!process.launchEntry.isEmpty()) {
     const DesktopEntry* entry = entries.ByPath(QFile::decodeName(process.launchEntry));

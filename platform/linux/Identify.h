@@ -21,9 +21,10 @@ struct Identity {
 //   1. the script that its interpreter runs, or its executable, where a trusted entry names it
 //   2. its cgroup unit        3. its sandbox
 //   4. its script             5. its executable, where an entry of the user's names it
-//   6. the base name of either, which a program keeps that is started through a wrapper
-//   7. the entry that its launcher names         8. the class of its windows
-// 2, 3, 7 and 8 can be chosen by whoever starts the process; 1 cannot.
+//   6. the image that its executable is mounted from
+//   7. the base name of either, which a program keeps that is started through a wrapper
+//   8. the entry that its launcher names         9. the class of its windows
+// 2, 3, 6, 8 and 9 can be chosen by whoever starts the process; 1 cannot.
 Identity Identify(const ProcessFacts& process, const DesktopEntries& entries);
 
 // True for window managers, panels and the like: they are no applications, with windows or without.

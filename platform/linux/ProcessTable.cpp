@@ -105,15 +105,19 @@ QByteArray ReadFlatpak(pid_t pid) {
   return ParseFlatpakInfo(ReadBounded(ProcPath(pid, "root/.flatpak-info"), O_NOFOLLOW));
 }
 
-// Inherited by everything that the application starts: good only where it names this very process.
-QByteArray ReadLaunchEntry(pid_t thread, pid_t pid) {
+// Variables are inherited by everything that the application starts. A launcher's word is good only
+// where it names this very process, an image's only for what runs out of one.
+void ReadEnvironment(ProcessFacts& facts, pid_t thread) {
   QByteArray entry;
   QByteArray launched;
+  QByteArray image;
   for (const QByteArray& variable : ReadBounded(ProcPath(thread, "environ")).split('\0')) {
     if (variable.startsWith("GIO_LAUNCHED_DESKTOP_FILE=")) entry = variable.mid(26);
     if (variable.startsWith("GIO_LAUNCHED_DESKTOP_FILE_PID=")) launched = variable.mid(30);
+    if (variable.startsWith("APPIMAGE=")) image = variable.mid(9);
   }
-  return launched == QByteArray::number(pid) ? entry : QByteArray();
+  if (launched == QByteArray::number(facts.pid)) facts.launchEntry = entry;
+  if (facts.executable.startsWith("/tmp/.mount_")) facts.appImage = RealFile(image);
 }
 
 // The first thread, or where that one has ended and tells nothing any more, another one.
@@ -183,7 +187,7 @@ ProcessFacts ReadProcessFacts(const ProcessStat& stat) {
   ReadScript(facts, ProcPath(thread, "cwd/"));
   facts.cgroup = ReadCgroup(thread);
   facts.flatpak = ReadFlatpak(thread);
-  facts.launchEntry = ReadLaunchEntry(thread, stat.pid);
+  ReadEnvironment(facts, thread);
   return facts;
 }
 

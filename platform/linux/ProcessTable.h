@@ -49,7 +49,8 @@ struct ProcessFacts {
   QByteArray cgroup;   // path in the unified hierarchy, or in systemd's own
   QByteArray flatpak;  // application id, where it runs in such a sandbox
   QByteArray
-      launchEntry;  // the desktop entry that a launcher says it started this very process for
+      launchEntry;      // the desktop entry that a launcher says it started this very process for
+  QByteArray appImage;  // the image that holds the executable, where one is mounted for it
   QList<QByteArray> windowClasses;  // not read here
 };
 

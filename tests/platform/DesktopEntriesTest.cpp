@@ -99,6 +99,16 @@ TEST_F(DesktopEntriesTest, SystemEntriesCannotBeHiddenOrRenamedByTheUser) {
   EXPECT_FALSE(found[1]->isTrusted);
 }
 
+TEST_F(DesktopEntriesTest, CannotPassForTheLoginWindow) {
+  const char* const reserved[] = {"com.apple.loginwindow", "com.Apple.LoginWindow",
+                                  "com.brenwick.globalSettings"};
+  for (const char* id : reserved) installed_.AddUserEntry(id, "/bin/true");
+  installed_.AddUserEntry("com.apple.other", "/bin/true");
+  entries_.Update();
+  for (const char* id : reserved) EXPECT_EQ(entries_.ById(QString::fromUtf8(id)), nullptr) << id;
+  EXPECT_NE(entries_.ById(QStringLiteral("com.apple.other")), nullptr);
+}
+
 TEST_F(DesktopEntriesTest, OfTheSystemThatOthersMayWriteAreNotTrusted) {
   installed_.AddSystemEntry("safe", "/bin/true");
   installed_.AddSystemEntry("open", "/bin/true");

@@ -187,6 +187,19 @@ TEST_F(LinuxProcessesTest, ScriptIsFoundUnderItsInterpreterAlsoByARelativePath) 
   EXPECT_EQ(Running(other.pid()), QString());
 }
 
+TEST_F(LinuxProcessesTest, ProgramOutOfAMountedImageBelongsToTheImage) {
+  installed_.AddProgram("home/Painter.AppImage");
+  installed_.AddUserEntry("painter", "@/home/Painter.AppImage %F");
+  QTemporaryDir mounted(QStringLiteral("/tmp/.mount_PainteXXXXXX"));
+  const std::string inside = mounted.filePath(QStringLiteral("paint")).toStdString();
+  ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), QString::fromStdString(inside)));
+  const std::map<std::string, std::string> image{{"APPIMAGE", Path("home/Painter.AppImage")}};
+  Program program({inside, "1000"}, {.environment = image});
+  Program outside({Path("bin/other"), "1000"}, {.environment = image});
+  EXPECT_TRUE(WaitRunning(program.pid(), "painter"));
+  EXPECT_TRUE(WaitRunning(outside.pid(), "other"));
+}
+
 TEST_F(LinuxProcessesTest, ProgramThatItsWrapperBecomesStaysTheApplication) {
   installed_.AddProgram("bin/wrapper", "#!/bin/bash\nread word < @/word\nexec @/home/real 1000\n");
   installed_.CopyProgram("home/real", "/bin/sleep");
