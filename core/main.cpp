@@ -17,6 +17,7 @@
 #include "platform/linux/XcbFrontApplication.h"
 #include "platform/linux/XcbHotKeys.h"
 #include "platform/linux/XcbScreens.h"
+#include "platform/linux/XcbWindowOwners.h"
 
 int main(int argc, char** argv) {
   using namespace vardell;
@@ -30,7 +31,8 @@ int main(int argc, char** argv) {
   LinuxSystem system;
   LinuxPreferences preferences;
   LinuxSession session;
-  LinuxProcesses processes(session, {WindowOwners, WindowClasses});
+  XcbWindowOwners windowOwners(WindowOwners);
+  LinuxProcesses processes(session, {[&] { return windowOwners.Owners(); }, WindowClasses});
   AvahiDiscovery discovery;
   XcbHotKeys hotKeys;
   XcbFrontApplication frontApplication;

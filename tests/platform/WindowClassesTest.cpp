@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <algorithm>
+#include <utility>
 
 #include "platform/HotKeys.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/XcbDesktop.h"
+#include "platform/linux/XcbWindowOwners.h"
 #include "tests/platform/Installation.h"
 #include "tests/support/FakeSession.h"
 #include "tests/support/Program.h"
@@ -53,6 +56,33 @@ TEST_F(RealWindowsTest, ClassOfTheWindowNamesTheEntry) {
   ASSERT_TRUE(WaitUntil([&] { return Running(toy.pid()).has_value(); }));
   EXPECT_EQ(Running(toy.pid())->identifier, QStringLiteral("org.toys.Clock"));
   EXPECT_TRUE(WindowClasses(getpid()).isEmpty());
+}
+
+TEST(XcbWindowOwnersTest, AsksTheServerOnlyAfterAChange) {
+  int asked = 0;
+  XcbWindowOwners owners([&asked] {
+    ++asked;
+    return WindowOwners();
+  });
+  const auto owns = [&owners](pid_t pid) {
+    const std::vector<pid_t> all = owners.Owners();
+    return std::find(all.begin(), all.end(), pid) != all.end();
+  };
+  const auto askedNoMore = [&] {
+    return WaitUntil([&, before = -1, quiet = 0]() mutable {
+      (void)owners.Owners();
+      quiet = std::exchange(before, asked) == asked ? quiet + 1 : 0;
+      return quiet >= 20;
+    });
+  };
+  Program managed({"xclock"}, {});
+  ASSERT_TRUE(WaitUntil([&] { return owns(managed.pid()); }));
+  EXPECT_TRUE(askedNoMore());
+
+  const pid_t pid = managed.pid();
+  managed.End(SIGTERM);
+  EXPECT_TRUE(WaitUntil([&] { return !owns(pid); }));
+  EXPECT_TRUE(askedNoMore());
 }
 
 }  // namespace
