@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "link/VardellLoader.h"
 #include "tests/support/FakeServiceDiscovery.h"
@@ -37,20 +39,23 @@ Observed Observe(Operation operation) {
   const auto began = std::chrono::steady_clock::now();
   operation();
   const auto took = std::chrono::steady_clock::now() - began;
-  Observed observed;
-  observed.took = std::chrono::duration_cast<std::chrono::milliseconds>(took);
-  observed.out = testing::internal::GetCapturedStdout();
-  observed.err = testing::internal::GetCapturedStderr();
-  return observed;
+  return {testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr(),
+          std::chrono::duration_cast<std::chrono::milliseconds>(took)};
 }
 
 class LinkTest : public testing::Test {
  protected:
   LinkTest() { link.second = 100ms; }
 
+  // A peer that the link will find, in the place of the one before.
+  ScriptedPeer& Serve(std::vector<ScriptedPeer::Script> scripts) {
+    DropServerConnection(link);
+    server_ = std::make_unique<ScriptedPeer>(std::move(scripts));
+    discovery.ServeAt(server_->Port());
+    return *server_;
+  }
   void Connect() {
     (void)Observe([&] { ASSERT_EQ(ConnectToServer(link), 0); });
-    ASSERT_TRUE(link.shared);
   }
   // Until something (bytes, the end, a reset) has come from the peer.
   void WaitForPeer() {
@@ -59,6 +64,9 @@ class LinkTest : public testing::Test {
 
   FakeServiceDiscovery discovery;
   ServerLink link{discovery};
+
+ private:
+  std::unique_ptr<ScriptedPeer> server_;
 };
 
 // A port of 127.0.0.1 on which nobody listens.

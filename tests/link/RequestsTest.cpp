@@ -38,8 +38,7 @@ class RequestsTest : public LinkTest {
 };
 
 TEST_F(RequestsTest, ALaunchAndAMinuteOnTheWire) {
-  ScriptedPeer peer({AnswerWith(Xml(kLimits))});
-  discovery.ServeAt(peer.Port());
+  const ScriptedPeer& peer = Serve({AnswerWith(Xml(kLimits))});
   LimitsRecord record;
   record.credit = 6;
   record.enabled = 1;
@@ -50,28 +49,27 @@ TEST_F(RequestsTest, ALaunchAndAMinuteOnTheWire) {
                           AppendLimitsRecordToData(kUser, kApp, record), 3, false, nullptr),
               0);
     EXPECT_EQ(CopyLimitsDictionary(link, kUser, kApp), QVariant(kLimitsRead));
+    SendQuery(link, kUser);
   });
   const QByteArray packed = Hex(
       "00000000 00000000 06000000 00 00 00 00000000 00000000 00000000 00000000 01 00 00 00000000"
       "00 00000000");
   const std::vector<QByteArray> expected = {
-      Hex("000000230300000000") + kNames,
-      Hex("000000230100000000") + kNames,
-      Hex("0000004e0600000000") + kNames + packed,
-      Hex("000000230100000000") + kNames,
+      Hex("000000230300000000") + kNames,          Hex("000000230100000000") + kNames,
+      Hex("0000004e0600000000") + kNames + packed, Hex("000000230100000000") + kNames,
+      Hex("000000100400000000") + kNames.first(7),
   };
   EXPECT_EQ(peer.Frames(), expected);
   EXPECT_EQ(peer.ConnectionCount(), 1u);
 }
 
 TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
-  struct Row {
+  const struct {
     const char* behaviour;
     QByteArray body;
     QVariant limits;
     bool missed;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"a dictionary", Xml(kLimits), kLimitsRead, false},
       {"an empty dictionary is an answer", Xml(QVariantMap()), QVariantMap(), false},
       {"a string is handed on and answers nothing", Xml(QStringLiteral("no")), QStringLiteral("no"),
@@ -80,12 +78,10 @@ TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
       {"half a property list", Xml(kLimits).chopped(9), QVariant(), true},
       {"a length of 0", "", QVariantMap(), true},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.behaviour);
-    DropServerConnection(link);
+    const ScriptedPeer& peer = Serve({AnswerWith(row.body)});
     link.replyMissed = link.offerAgain = false;
-    ScriptedPeer peer({AnswerWith(row.body)});
-    discovery.ServeAt(peer.Port());
     const QVariant limits = Fetch();
     EXPECT_EQ(limits, row.limits);
     EXPECT_EQ(limits.isValid(), row.limits.isValid());
@@ -96,8 +92,7 @@ TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
 }
 
 TEST_F(RequestsTest, ASilentServerCostsOneTimeOutAndIsAskedOnNoFurther) {
-  ScriptedPeer peer({StaySilent, AnswerWith(Xml(kLimits))});
-  discovery.ServeAt(peer.Port());
+  const ScriptedPeer& peer = Serve({StaySilent, AnswerWith(Xml(kLimits))});
   EXPECT_EQ(Fetch(), QVariant(QVariantMap()));
   EXPECT_GE(observed.took, 2 * link.second);
   EXPECT_EQ(observed.err, "");
@@ -112,77 +107,56 @@ TEST_F(RequestsTest, ASilentServerCostsOneTimeOutAndIsAskedOnNoFurther) {
 }
 
 TEST_F(RequestsTest, AFetchThatFailsIsTriedOnceMore) {
-  ScriptedPeer peer({[](PeerConnection&) {}, AnswerWith(Xml(kLimits))});
-  discovery.ServeAt(peer.Port());
+  Serve({[](PeerConnection&) {}, AnswerWith(Xml(kLimits))});
   Connect();
   WaitForPeer();
   EXPECT_EQ(Fetch(), QVariant(kLimitsRead));
   EXPECT_EQ(observed.err, std::string(kLostText) + kReconnectText);
-  EXPECT_FALSE(link.replyMissed);
-  EXPECT_FALSE(link.offerAgain);
+  EXPECT_FALSE(link.replyMissed || link.offerAgain);
 }
 
 TEST_F(RequestsTest, WithoutAServerBothAttemptsSaySo) {
   EXPECT_EQ(Fetch(), QVariant(QVariantMap()));
   EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
   EXPECT_TRUE(link.replyMissed);
-  std::int32_t started = 0;
-  (void)Observe([&] { started = SendAppStarted(link, kUser, kApp); });
-  EXPECT_EQ(started, -1);
+  EXPECT_EQ(SendAppStarted(link, kUser, kApp), -1);
 }
 
 TEST_F(RequestsTest, AnUnsendableNameIsLeftOut) {
-  ScriptedPeer peer({AnswerWith(Xml(kLimits))});
-  discovery.ServeAt(peer.Port());
+  const ScriptedPeer& peer = Serve({AnswerWith(Xml(kLimits))});
   (void)Observe([&] { (void)CopyLimitsDictionary(link, QString(QChar(0xDC00)), kApp); });
   EXPECT_EQ(peer.Frames().front(), Hex("0000001c0100000000") + kNames.mid(7));
 }
 
 TEST_F(RequestsTest, AQueryIsAnsweredByADictionaryOnly) {
-  ScriptedPeer peer({AnswerWith(Xml(QStringLiteral("no"))), AnswerWith(Xml(kLimits))});
-  discovery.ServeAt(peer.Port());
   std::optional<QVariantMap> dictionary;
-  observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+  const auto query = [&] {
+    observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+  };
+  const ScriptedPeer& peer =
+      Serve({AnswerWith(Xml(QStringLiteral("no"))), AnswerWith(Xml(kLimits))});
+  query();
   EXPECT_EQ(dictionary, kLimitsRead);
   EXPECT_EQ(observed.err, kReconnectText);
   EXPECT_EQ(peer.Frames().front(), Hex("000000230500000000") + kNames);
 
-  ScriptedPeer useless({AnswerWith("garbage")});
-  DropServerConnection(link);
-  discovery.ServeAt(useless.Port());
-  observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+  Serve({AnswerWith("garbage")});
+  query();
   EXPECT_EQ(dictionary, std::nullopt);
   EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
-  EXPECT_EQ(useless.Frames().size(), 2u);
   EXPECT_FALSE(link.shared);
-}
-
-TEST_F(RequestsTest, ASingleQueryIsAnsweredByAnything) {
-  ScriptedPeer peer({AnswerWith("garbage")});
-  discovery.ServeAt(peer.Port());
-  observed = Observe([&] { SendQuery(link, kUser); });
-  EXPECT_EQ(observed.err, "");
-  const std::vector<QByteArray> expected = {Hex("000000100400000000") + kNames.first(7)};
-  EXPECT_EQ(peer.Frames(), expected);
 }
 
 // --- Ending a process.
 
 class KillTest : public RequestsTest {
  protected:
-  KillTest() {
-    discovery.ServeAt(shared.Port());
-    link.killPort = listener.Port();
-  }
+  KillTest() : shared(Serve({AnswerWith(Xml(kLimits))})) { link.killPort = listener.Port(); }
   void Kill(std::int32_t pid) {
     observed = Observe([&] { KillProcess(link, pid); });
   }
-  std::string Said(const char* text) {
-    const std::size_t at = observed.out.find(text);
-    return at == std::string::npos ? observed.out : observed.out.substr(at);
-  }
 
-  ScriptedPeer shared{{AnswerWith(Xml(kLimits))}};
+  const ScriptedPeer& shared;
   ScriptedPeer listener{{StaySilent}};
 };
 
@@ -232,12 +206,11 @@ TEST_F(KillTest, WhatItCannotEndGoesToTheListenerOfThisMachine) {
   const pid_t pid = VanishedPid();
   Kill(pid);
   EXPECT_EQ(observed.out + observed.err, "");
-  const QByteArray digits = QByteArray::number(pid);
+  QByteArray digits;
+  AppendStringToData(digits, QString::number(pid));
   std::uint32_t reservedWord = 0;
-  const QByteArray frame = BuildRequestFrame(
-      RequestKind::KillProcess, QByteArray(1, char(digits.size())) + QByteArray(3, '\0') + digits,
-      reservedWord);
-  EXPECT_EQ(listener.WaitForFrames(1), std::vector<QByteArray>{frame});
+  EXPECT_EQ(listener.WaitForFrames(1),
+            std::vector{BuildRequestFrame(RequestKind::KillProcess, digits, reservedWord)});
   EXPECT_TRUE(shared.Frames().empty());
 
   Kill(pid);
@@ -247,9 +220,7 @@ TEST_F(KillTest, WhatItCannotEndGoesToTheListenerOfThisMachine) {
 
 TEST_F(KillTest, AProcessThatMayNotBeSignalledGoesToTheListenerToo) {
   observed = Observe([&] { EXPECT_EQ(RunUnprivileged([&] { KillProcess(link, 1); }), 0); });
-  EXPECT_EQ(listener.WaitForFrames(1), std::vector<QByteArray>{Hex("0000000e0700000000"
-                                                                   "01000000") +
-                                                               "1"});
+  EXPECT_EQ(listener.WaitForFrames(1), std::vector{Hex("0000000e 07 00000000 01000000 31")});
   EXPECT_EQ(observed.out.find("ourself"), std::string::npos);
 }
 
@@ -260,24 +231,24 @@ TEST_F(KillTest, NothingHappensForAPidOfNothing) {
   }
 }
 
-TEST_F(KillTest, WithoutAListenerItSaysSoAtOnce) {
+TEST_F(KillTest, WithoutAListenerOrAServerItSaysSoAtOnce) {
+  const pid_t pid = VanishedPid();
+  const std::string text =
+      "Could not make vardell server kill process " + std::to_string(pid) + ".\n";
+  Connect();
   link.killPort = ClosedPort();
   link.second = 10s;
-  const pid_t pid = VanishedPid();
   Kill(pid);
-  EXPECT_EQ(Said("Could"),
-            "Could not make vardell server kill process " + std::to_string(pid) + ".\n");
+  EXPECT_EQ(observed.out, text);
   EXPECT_EQ(observed.err, kLostText);
   EXPECT_LT(observed.took, 10 * link.second);
   EXPECT_FALSE(link.shared);
-}
 
-TEST_F(KillTest, WithoutAServerNothingIsSentToTheListener) {
-  discovery.Withdraw();
-  const pid_t pid = VanishedPid();
+  discovery.daemonRuns = false;
+  link.rememberedService.reset();
+  link.killPort = listener.Port();
   Kill(pid);
-  EXPECT_EQ(observed.out,
-            "Could not make vardell server kill process " + std::to_string(pid) + ".\n");
+  EXPECT_EQ(observed.out, text);
   EXPECT_EQ(listener.ConnectionCount(), 0u);
 }
 
