@@ -4,6 +4,7 @@
 #include "Common Sources/PropertyList.h"
 #include "link/MessageEncoding.h"
 #include "server/Household.h"
+#include "server/PeerIdentity.h"
 
 namespace vardell::server {
 namespace {
@@ -27,10 +28,9 @@ RequestOutcome Answer(const QVariantMap& dictionary) {
   return {BuildReply(*body), std::nullopt};
 }
 
-}  // namespace
-
-RequestOutcome HandleAgentRequest(Household& household, const AgentConnection& connection,
-                                  const RequestFrame& frame) {
+// Waits for the disk where the request changes something.
+RequestOutcome Handle(Household& household, const AgentConnection& connection,
+                      const RequestFrame& frame) {
   QString user;
   QString identifier;
   LimitsRecord record;
@@ -62,6 +62,28 @@ RequestOutcome HandleAgentRequest(Household& household, const AgentConnection& c
       return Malformed(QStringLiteral("a kill request, which only the kill listener takes"));
   }
   return Malformed(QStringLiteral("unknown request kind %1").arg(frame.kind));
+}
+
+}  // namespace
+
+FrameListener ListenForAgents(boost::asio::io_context& network, Household& household,
+                              const QString& address, std::uint16_t port,
+                              std::function<void(const QString& line)> log) {
+  FrameListener::Options options;
+  options.address = address;
+  options.port = port;
+  options.whose = QStringLiteral("agents");
+  options.advice =
+      QStringLiteral("Choose another --listen ADDR:PORT, or stop the program that has this port");
+  options.mostConnections = kMaxAgentConnections;
+  options.mostOfOnePeer = kMaxConnectionsPerAddress;
+  options.userBehind = UserBehind;
+  options.handle = [&](const AgentConnection& from, const RequestFrame& frame) {
+    return Handle(household, from, frame);
+  };
+  options.closed = [&](std::uint64_t connection) { household.ConnectionClosed(connection); };
+  options.log = std::move(log);
+  return FrameListener(network, std::move(options));
 }
 
 }  // namespace vardell::server

@@ -1,24 +1,22 @@
-// What one request of an agent does, and the bytes that answer it.
+// The listener that agents talk to: request kinds 1, 3 and 6, and 4 and 5, as docs/protocol.md has
+// them. One request is served after the other, so that a fetch that follows a report on the same
+// connection shows it, on disk. A malformed payload, an unknown kind and a kill request close the
+// connection, besides what FrameListener closes.
 #pragma once
 
-#include <QByteArray>
 #include <QString>
-#include <optional>
+#include <cstdint>
+#include <functional>
 
-#include "link/Frame.h"
+#include "server/FrameListener.h"
 
 namespace vardell::server {
 
 class Household;
-struct AgentConnection;
 
-struct RequestOutcome {
-  QByteArray reply;                // whole, with its length; empty where none is due
-  std::optional<QString> problem;  // why the connection must be closed
-};
-
-// Waits for the disk where the request changes something.
-RequestOutcome HandleAgentRequest(Household& household, const AgentConnection& connection,
-                                  const RequestFrame& frame);
+// Listens at once; throws as FrameListener does. `household` must outlive it.
+FrameListener ListenForAgents(boost::asio::io_context& network, Household& household,
+                              const QString& address, std::uint16_t port,
+                              std::function<void(const QString& line)> log);
 
 }  // namespace vardell::server

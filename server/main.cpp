@@ -13,7 +13,7 @@
 #include <stdexcept>
 
 #include "Common Sources/TestHooks.h"
-#include "server/AgentServer.h"
+#include "server/AgentRequests.h"
 #include "server/BootClock.h"
 #include "server/ControlServer.h"
 #include "server/Household.h"
@@ -68,8 +68,8 @@ void ServeEverything(asio::io_context& network, const Options& options) {
   KillServer::Options killOptions;
   killOptions.log = Say;
   KillServer killServer(network, killOptions);
-  AgentServer::Options agentOptions{options.listenAddress, options.listenPort, UserBehind, Say};
-  AgentServer agents(network, *household, agentOptions);
+  const FrameListener agents =
+      ListenForAgents(network, *household, options.listenAddress, options.listenPort, Say);
   const auto status = [&] {
     return ServerStatus{QStringLiteral(VARDELL_VERSION), agents.Address(), published,
                         agents.Connections(), started};

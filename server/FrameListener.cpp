@@ -1,4 +1,4 @@
-#include "server/AgentServer.h"
+#include "server/FrameListener.h"
 
 #include <QByteArray>
 #include <algorithm>
@@ -6,19 +6,17 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/v6_only.hpp>
-#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
-#include <list>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 
 #include "Common Sources/Caps.h"
-#include "link/Frame.h"
-#include "server/AgentRequests.h"
 #include "server/Household.h"
+#include "server/PeerIdentity.h"
 
 namespace vardell::server {
 namespace {
@@ -41,8 +39,9 @@ struct Connection {
   QByteArray received;  // at most a frame and a chunk
   QByteArray sending;
   QByteArray unsent;  // behind `sending`
+  bool isWaiting = false;
 };
-using ConnectionPtr = std::shared_ptr<Connection>;  // held by the list and by the pending handlers
+using ConnectionPtr = std::shared_ptr<Connection>;  // held by the map and by the pending handlers
 
 QString AddressText(const asio::ip::address& address) {
   if (address.is_v6() && address.to_v6().is_v4_mapped()) {
@@ -59,13 +58,9 @@ void Close(Connection& connection) {
 
 }  // namespace
 
-struct AgentServer::Impl : std::enable_shared_from_this<Impl> {
-  Impl(asio::io_context& context, Household& itsHousehold, Options given)
-      : network(context),
-        household(itsHousehold),
-        acceptor(context),
-        pause(context),
-        options(std::move(given)) {}
+struct FrameListener::Impl : std::enable_shared_from_this<Impl> {
+  Impl(asio::io_context& context, Options given)
+      : acceptor(context), pause(context), options(std::move(given)) {}
 
   void Listen();
   void Accept();
@@ -83,12 +78,10 @@ struct AgentServer::Impl : std::enable_shared_from_this<Impl> {
   void Log(const QString& line);
   void Stop();
 
-  asio::io_context& network;
-  Household& household;
   tcp::acceptor acceptor;
   asio::steady_timer pause;
   Options options;
-  std::list<ConnectionPtr> connections;  // oldest first
+  std::map<std::uint64_t, ConnectionPtr> connections;  // by id: oldest first
   std::unordered_map<QString, std::size_t> connectionsOf;
   std::uint64_t lastId = 0;
   bool stopped = false;
@@ -96,7 +89,7 @@ struct AgentServer::Impl : std::enable_shared_from_this<Impl> {
   int linesInWindow = 0;
 };
 
-void AgentServer::Impl::Listen() {
+void FrameListener::Impl::Listen() {
   const std::string where = options.address.toStdString();
   try {
     const tcp::endpoint endpoint(asio::ip::make_address(where), options.port);
@@ -106,14 +99,13 @@ void AgentServer::Impl::Listen() {
     acceptor.bind(endpoint);
     acceptor.listen();
   } catch (const boost::system::system_error& error) {
-    throw std::runtime_error("cannot listen for agents on " + where + ":" +
-                             std::to_string(options.port) + ": " + error.code().message() +
-                             ". Choose another --listen ADDR:PORT, or stop the program that has "
-                             "this port");
+    throw std::runtime_error("cannot listen for " + options.whose.toStdString() + " on " + where +
+                             ":" + std::to_string(options.port) + ": " + error.code().message() +
+                             ". " + options.advice.toStdString());
   }
 }
 
-void AgentServer::Impl::Accept() {
+void FrameListener::Impl::Accept() {
   acceptor.async_accept([self = shared_from_this()](const error_code& error, tcp::socket socket) {
     if (self->stopped) return;
     if (error) return self->AcceptAgainLater();
@@ -123,7 +115,7 @@ void AgentServer::Impl::Accept() {
 }
 
 // Out of descriptors, mostly: trying at once would spin.
-void AgentServer::Impl::AcceptAgainLater() {
+void FrameListener::Impl::AcceptAgainLater() {
   Log(QStringLiteral("connections cannot be taken at the moment; trying again"));
   pause.expires_after(kAcceptPause);
   pause.async_wait([self = shared_from_this()](const error_code&) {
@@ -131,11 +123,11 @@ void AgentServer::Impl::AcceptAgainLater() {
   });
 }
 
-void AgentServer::Impl::Admit(tcp::socket socket) {
+void FrameListener::Impl::Admit(tcp::socket socket) {
   const auto connection = std::make_shared<Connection>(std::move(socket));
   if (!Identify(*connection)) return;
   MakeRoomFor(connection->sharedBy);
-  if (connections.size() >= kMaxAgentConnections) {
+  if (connections.size() >= options.mostConnections) {
     return Log(
         QStringLiteral("too many connections; closed one from %1").arg(connection->agent.host));
   }
@@ -143,12 +135,12 @@ void AgentServer::Impl::Admit(tcp::socket socket) {
   connection->socket.set_option(tcp::no_delay(true), ignored);
   connection->socket.set_option(asio::socket_base::keep_alive(true), ignored);
   connection->agent.id = ++lastId;
-  connections.push_back(connection);
+  connections.emplace(lastId, connection);
   ++connectionsOf[connection->sharedBy];
   Read(connection);
 }
 
-bool AgentServer::Impl::Identify(Connection& connection) {
+bool FrameListener::Impl::Identify(Connection& connection) {
   error_code error;
   const tcp::endpoint peer = connection.socket.remote_endpoint(error);
   if (error) return false;
@@ -167,16 +159,16 @@ bool AgentServer::Impl::Identify(Connection& connection) {
 
 // The newest always gets in: whoever holds connections open must not keep the agent of the same
 // user out.
-void AgentServer::Impl::MakeRoomFor(const QString& sharedBy) {
+void FrameListener::Impl::MakeRoomFor(const QString& sharedBy) {
   const auto count = connectionsOf.find(sharedBy);
-  if (count == connectionsOf.end() || count->second < kMaxConnectionsPerAddress) return;
-  const auto oldest =
-      std::find_if(connections.begin(), connections.end(),
-                   [&](const ConnectionPtr& one) { return one->sharedBy == sharedBy; });
-  DropBecause(*oldest, QStringLiteral("too many connections of one peer"));
+  if (count == connectionsOf.end() || count->second < options.mostOfOnePeer) return;
+  const auto oldest = std::find_if(connections.begin(), connections.end(), [&](const auto& one) {
+    return one.second->sharedBy == sharedBy;
+  });
+  DropBecause(oldest->second, QStringLiteral("too many connections of one peer"));
 }
 
-void AgentServer::Impl::Read(const ConnectionPtr& connection) {
+void FrameListener::Impl::Read(const ConnectionPtr& connection) {
   connection->socket.async_read_some(
       asio::buffer(connection->chunk),
       [self = shared_from_this(), connection](const error_code& error, std::size_t size) {
@@ -187,32 +179,33 @@ void AgentServer::Impl::Read(const ConnectionPtr& connection) {
       });
 }
 
-void AgentServer::Impl::HandleReceived(const ConnectionPtr& connection) {
+void FrameListener::Impl::HandleReceived(const ConnectionPtr& connection) {
   QByteArrayView rest = connection->received;
-  RequestFrame frame;
-  FrameStatus status = TakeFrame(&rest, &frame);
-  while (status == FrameStatus::Complete) {
-    if (!HandleFrame(connection, frame)) return;
+  FrameStatus status = FrameStatus::Complete;
+  while (status == FrameStatus::Complete && !connection->isWaiting) {
+    RequestFrame frame;
     status = TakeFrame(&rest, &frame);
+    if (status == FrameStatus::Complete && !HandleFrame(connection, frame)) return;
   }
   if (status == FrameStatus::Malformed) {
     return DropBecause(connection, QStringLiteral("a malformed frame"));
   }
   connection->received.remove(0, connection->received.size() - rest.size());
-  Read(connection);
+  if (!connection->isWaiting) Read(connection);
 }
 
-bool AgentServer::Impl::HandleFrame(const ConnectionPtr& connection, const RequestFrame& frame) {
-  const RequestOutcome outcome = HandleAgentRequest(household, connection->agent, frame);
+bool FrameListener::Impl::HandleFrame(const ConnectionPtr& connection, const RequestFrame& frame) {
+  const RequestOutcome outcome = options.handle(connection->agent, frame);
   if (outcome.problem) {
     DropBecause(connection, *outcome.problem);
     return false;
   }
+  connection->isWaiting = outcome.isUnderWay;
   if (!outcome.reply.isEmpty()) Send(connection, outcome.reply);
   return connection->socket.is_open();
 }
 
-void AgentServer::Impl::Send(const ConnectionPtr& connection, const QByteArray& reply) {
+void FrameListener::Impl::Send(const ConnectionPtr& connection, const QByteArray& reply) {
   const auto waiting = connection->sending.size() + connection->unsent.size();
   if (static_cast<std::size_t>(waiting + reply.size()) > kMaxUnsentReplyBytes) {
     return DropBecause(connection, QStringLiteral("it does not read its replies"));
@@ -221,7 +214,7 @@ void AgentServer::Impl::Send(const ConnectionPtr& connection, const QByteArray& 
   if (connection->sending.isEmpty()) WriteOn(connection);
 }
 
-void AgentServer::Impl::WriteOn(const ConnectionPtr& connection) {
+void FrameListener::Impl::WriteOn(const ConnectionPtr& connection) {
   connection->sending = std::exchange(connection->unsent, QByteArray());
   if (connection->sending.isEmpty()) return;
   asio::async_write(connection->socket,
@@ -234,22 +227,22 @@ void AgentServer::Impl::WriteOn(const ConnectionPtr& connection) {
                     });
 }
 
-void AgentServer::Impl::Drop(const ConnectionPtr& connection) {
-  const ConnectionPtr kept = connection;  // the argument may be the list's own element
+void FrameListener::Impl::Drop(const ConnectionPtr& connection) {
+  const ConnectionPtr kept = connection;  // the argument may be the map's own element
   if (!kept->socket.is_open()) return;
   Close(*kept);
-  connections.remove(kept);
+  connections.erase(kept->agent.id);
   const auto count = connectionsOf.find(kept->sharedBy);
   if (--count->second == 0) connectionsOf.erase(count);
-  household.ConnectionClosed(kept->agent.id);
+  if (options.closed) options.closed(kept->agent.id);
 }
 
-void AgentServer::Impl::DropBecause(const ConnectionPtr& connection, const QString& why) {
+void FrameListener::Impl::DropBecause(const ConnectionPtr& connection, const QString& why) {
   Log(QStringLiteral("connection from %1 closed: %2").arg(connection->agent.host, why));
   Drop(connection);
 }
 
-void AgentServer::Impl::Log(const QString& line) {
+void FrameListener::Impl::Log(const QString& line) {
   const auto now = std::chrono::steady_clock::now();
   if (now - logWindow >= std::chrono::seconds(1)) {
     const int dropped = linesInWindow - kMaxLinesPerSecond;
@@ -262,30 +255,38 @@ void AgentServer::Impl::Log(const QString& line) {
   if (++linesInWindow <= kMaxLinesPerSecond && options.log) options.log(line);
 }
 
-void AgentServer::Impl::Stop() {
+void FrameListener::Impl::Stop() {
   stopped = true;
   error_code ignored;
   acceptor.close(ignored);
   pause.cancel();
-  for (const ConnectionPtr& connection : connections) Close(*connection);
+  for (const auto& [id, connection] : connections) Close(*connection);
   connections.clear();
 }
 
-AgentServer::AgentServer(asio::io_context& network, Household& household, Options options)
-    : impl_(std::make_shared<Impl>(network, household, std::move(options))) {
+FrameListener::FrameListener(asio::io_context& network, Options options)
+    : impl_(std::make_shared<Impl>(network, std::move(options))) {
   impl_->Listen();
   impl_->Accept();
 }
 
-AgentServer::~AgentServer() {
+FrameListener::~FrameListener() {
   impl_->Stop();
 }
 
-std::uint16_t AgentServer::Port() const {
+void FrameListener::ReadOn(std::uint64_t connection) {
+  const auto found = impl_->connections.find(connection);
+  if (found == impl_->connections.end()) return;
+  const ConnectionPtr kept = found->second;
+  kept->isWaiting = false;
+  impl_->HandleReceived(kept);
+}
+
+std::uint16_t FrameListener::Port() const {
   return impl_->acceptor.local_endpoint().port();
 }
 
-QString AgentServer::Address() const {
+QString FrameListener::Address() const {
   const asio::ip::address address = impl_->acceptor.local_endpoint().address();
   const QString text = QString::fromStdString(address.to_string());
   return (address.is_v6() ? QStringLiteral("[%1]:%2") : QStringLiteral("%1:%2"))
@@ -293,7 +294,7 @@ QString AgentServer::Address() const {
       .arg(Port());
 }
 
-int AgentServer::Connections() const {
+int FrameListener::Connections() const {
   return static_cast<int>(impl_->connections.size());
 }
 
