@@ -1,15 +1,6 @@
-// The keys of a limit as an administrator may write them, and the values that they take.
-//
-//   "Credit"                                     minutes, 0 to 2147483647, but not 12345
-//   "Enabled", "Report Credit", "WD Curfew Enabled", "WE Curfew Enabled", "DQ Enabled"
-//                                                true or false (also yes/no, on/off, 1/0)
-//   "WD start", "WE start"                       minute of the day, 0 to 1439, or 00:00 to 23:59
-//   "WD stop", "WE stop"                         minute of the day, 0 to 1440, or 00:00 to 24:00
-//   "AutoUpdateValue", "WE Value", "DQ Value"    0 to 2147483647
-//   "AutoUpdateCoeff"                            60 or 1
-//   "WE Coeff"                                   60, 1 or 0 (none)
-//   "NextAutoUpdate"                             seconds since 2001 (GMT), 0 to 4294967295, or a
-//                                                local date and time: 2026-12-24T07:00
+// The keys of a limit as an administrator may write them: the values of limits/LimitsKeys.h, and
+// besides true and false yes/no, on/off and 1/0, for a minute of the day 08:00 (a stop up to
+// 24:00), for a time a local date and time: 2026-12-24T07:00.
 //
 // Pure functions; nothing blocks.
 #pragma once

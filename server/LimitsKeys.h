@@ -24,7 +24,7 @@ struct KeyProblem {
 // What a record without any key says: coefficient 1, both stops 1439, all else 0 or off.
 LimitsRecord DefaultLimits();
 
-// `before` with `keys` applied (names as in limits/LimitsDictionary.h), or the first problem, in
+// `before` with `keys` applied (those of limits/LimitsKeys.h), or the first problem, in
 // the keys' order. Numbers may be whole doubles (a JSON 480.0); booleans must be booleans. For the
 // global settings only the quota's keys exist.
 std::optional<KeyProblem> ApplyLimitsKeys(const QString& identifier, const LimitsRecord& before,
