@@ -11,6 +11,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -21,6 +23,7 @@ namespace vardell::server {
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{1000};
+constexpr std::chrono::seconds kDaemonsTime{1};   // to answer a caller who cannot wait for long
 constexpr std::size_t kMaxServiceNameBytes = 63;  // of a DNS label
 
 struct FreePoll {
@@ -50,10 +53,10 @@ std::string ServiceNameFrom(const QString& wanted) {
 
 }  // namespace
 
-// The client, its poll and its entry group belong to the thread once that has been started.
+// The client, its poll and its entry group belong to the thread.
 struct Publisher::Impl {
-  Impl(std::uint16_t servicePort, const QString& serviceName, StateHandler handler)
-      : port(servicePort), name(ServiceNameFrom(serviceName)), changed(std::move(handler)) {
+  Impl(std::uint16_t servicePort, const QString& serviceName, StateHandler stateHandler)
+      : port(servicePort), name(ServiceNameFrom(serviceName)), handler(std::move(stateHandler)) {
     poll.reset(avahi_simple_poll_new());
     if (!poll) throw std::runtime_error("cannot publish _vardell5._tcp: out of memory");
   }
@@ -61,24 +64,27 @@ struct Publisher::Impl {
   bool Connect();
   void Disconnect();
   void Run();
+  void End();
   void OnClientState(AvahiClient* from, AvahiClientState state);
   void OnGroupState(AvahiEntryGroup* from, AvahiEntryGroupState state);
   void Register(AvahiClient* from);
   bool AddService();
   void Rename();
   void Lost(const QString& why);
-  void Report(const std::optional<QString>& published, const QString& message) const;
+  void Report(const std::optional<QString>& published, const QString& message);
 
   const std::uint16_t port;
   std::string name;
-  const StateHandler changed;
   std::unique_ptr<AvahiSimplePoll, FreePoll> poll;
   std::unique_ptr<AvahiClient, FreeClient> client;
   AvahiEntryGroup* group = nullptr;  // the client's
   int error = 0;                     // why the last Connect failed
   bool isLost = false;               // the client is of no use any more
   std::atomic<bool> stopping{false};
-  std::thread thread;
+  std::promise<int> connected;  // 0, or the error of the first Connect
+  std::promise<void> ended;
+  std::mutex handlerMutex;
+  StateHandler handler;
 };
 
 // The callback may come before avahi_client_new has returned.
@@ -174,13 +180,15 @@ void Publisher::Impl::Lost(const QString& why) {
                            .arg(why));
 }
 
-void Publisher::Impl::Report(const std::optional<QString>& published,
-                             const QString& message) const {
-  if (changed) changed(published, message);
+void Publisher::Impl::Report(const std::optional<QString>& published, const QString& message) {
+  const std::lock_guard lock(handlerMutex);
+  if (handler) handler(published, message);
 }
 
 // Avahi keeps no client through a restart of its daemon: it is made anew until that works.
 void Publisher::Impl::Run() {
+  const bool isConnected = Connect();
+  connected.set_value(isConnected ? 0 : error);
   while (!stopping) {
     if (client && isLost) Disconnect();
     if (!client && !Connect()) {
@@ -190,23 +198,35 @@ void Publisher::Impl::Run() {
     if (!isLost) (void)avahi_simple_poll_iterate(poll.get(), -1);
   }
   Disconnect();
+  ended.set_value();
+}
+
+void Publisher::Impl::End() {
+  stopping = true;
+  avahi_simple_poll_wakeup(poll.get());
+  (void)ended.get_future().wait_for(kDaemonsTime);
+  const std::lock_guard lock(handlerMutex);
+  handler = nullptr;
 }
 
 Publisher::Publisher(std::uint16_t port, const QString& serviceName, StateHandler changed)
-    : impl_(std::make_unique<Impl>(port, serviceName, std::move(changed))) {
-  if (!impl_->Connect()) {
+    : impl_(std::make_shared<Impl>(port, serviceName, std::move(changed))) {
+  std::future<int> connected = impl_->connected.get_future();
+  std::thread([impl = impl_] { impl->Run(); }).detach();
+  if (connected.wait_for(kDaemonsTime) != std::future_status::ready) {
+    impl_->Report(std::nullopt,
+                  QStringLiteral("not published yet: the Avahi daemon does not answer"));
+  } else if (const int error = connected.get(); error != 0) {
+    impl_->End();
     throw std::runtime_error(
-        std::string("cannot publish _vardell5._tcp: ") + avahi_strerror(impl_->error) +
+        std::string("cannot publish _vardell5._tcp: ") + avahi_strerror(error) +
         ". Start the system bus and avahi-daemon, or use --no-publish and name this Server to the "
         "agents");
   }
-  impl_->thread = std::thread([impl = impl_.get()] { impl->Run(); });
 }
 
 Publisher::~Publisher() {
-  impl_->stopping = true;
-  avahi_simple_poll_wakeup(impl_->poll.get());
-  impl_->thread.join();
+  impl_->End();
 }
 
 }  // namespace vardell::server

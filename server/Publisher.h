@@ -15,19 +15,21 @@ namespace vardell::server {
 class Publisher {
  public:
   // The name that agents see now, or none while the service is not published; `message` is a line
-  // for the log. Called on the Publisher's thread at each change.
+  // for the log. Called at each change, on the Publisher's thread or from its constructor.
   using StateHandler =
       std::function<void(const std::optional<QString>& name, const QString& message)>;
 
   // `serviceName` empty: "Vardell on HOST". Throws std::runtime_error with a line for people when
-  // no Avahi daemon runs; one that goes later is waited for.
+  // no Avahi daemon runs; one that goes later is waited for, and so is one that says nothing for a
+  // second.
   Publisher(std::uint16_t port, const QString& serviceName, StateHandler changed);
-  // Withdraws the service. Waits for a call to the daemon that is under way.
+  // Withdraws the service. Waits for a call to the daemon that is under way, but for no more than a
+  // second: the thread is then left behind, and the handler is called no more.
   ~Publisher();
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // shared with the thread
 };
 
 }  // namespace vardell::server
