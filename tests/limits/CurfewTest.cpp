@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "limits/DiskQuota.h"
+
 namespace vardell {
 namespace {
 
@@ -22,6 +24,10 @@ LimitsRecord Hours(int start, int stop) {
   return limits;
 }
 
+QString Alert(bool isEarly, std::int32_t minutes) {
+  return (isEarly ? QStringLiteral("early %1") : QStringLiteral("late %1")).arg(minutes);
+}
+
 TEST(Curfew, DecidesByDayHourAndWarning) {
   const LimitsRecord day = Hours(480, 1200);
   const LimitsRecord never = Hours(0, 0);
@@ -30,56 +36,51 @@ TEST(Curfew, DecidesByDayHourAndWarning) {
   weekEndOnly.weekDayCurfewEnabled = 0;
   LimitsRecord weekDayOnly = day;
   weekDayOnly.weekEndCurfewEnabled = 0;
-  const char* const none = "-";
+  const QString none;
   const struct {
     const char* behaviour;
     LimitsRecord limits;
     bool warned;
     QDateTime now;
-    const char* alert;  // "early 480", "late 1200"
+    QString alert;  // "early 480", "late 1200"
     Kill kill;
     bool warnedAfter;
   } kRows[] = {
       {"allowed from the start", day, false, At(Tuesday, 8, 0), none, Kill::None, false},
       {"allowed in the last minute", day, false, At(Tuesday, 19, 59), none, Kill::None, false},
-      {"a warning is kept within the hours", day, true, At(Tuesday, 12, 0), none, Kill::None, true},
-      {"too early warns", day, false, At(Tuesday, 7, 58), "early 480", Kill::None, true},
+      {"too early warns", day, false, At(Tuesday, 7, 58), Alert(true, 480), Kill::None, true},
       {"too early again ends the application", day, true, At(Tuesday, 7, 59), none, Kill::Entry,
        true},
-      {"too late warns", day, false, At(Friday, 20, 0), "late 1200", Kill::None, true},
+      {"too late warns", day, false, At(Friday, 20, 0), Alert(false, 1200), Kill::None, true},
       {"too late again ends the session", day, true, At(Friday, 20, 1), none, Kill::Session, true},
-      {"midnight is early", day, false, At(Monday, 0, 0), "early 480", Kill::None, true},
-      {"the last minute of the day is late", day, false, At(Monday, 23, 59), "late 1200",
+      {"midnight is early", day, false, At(Monday, 0, 0), Alert(true, 480), Kill::None, true},
+      {"the last minute of the day is late", day, false, At(Monday, 23, 59), Alert(false, 1200),
        Kill::None, true},
-      {"week-end, too early warns", day, false, At(Saturday, 7, 0), "early 480", Kill::None, true},
+      {"week-end, too early warns", day, false, At(Saturday, 7, 0), Alert(true, 480), Kill::None,
+       true},
       {"week-end, too early again ends the session", day, true, At(Saturday, 7, 1), none,
        Kill::Session, true},
-      {"week-end, too late again ends the session", day, true, At(Sunday, 21, 0), none,
-       Kill::Session, true},
       {"no curfew on week-days", weekEndOnly, true, At(Friday, 3, 0), none, Kill::None, true},
-      {"but on Saturday", weekEndOnly, false, At(Saturday, 3, 0), "early 480", Kill::None, true},
+      {"but on Saturday", weekEndOnly, false, At(Saturday, 3, 0), Alert(true, 480), Kill::None,
+       true},
       {"no curfew on week-ends", weekDayOnly, true, At(Sunday, 3, 0), none, Kill::None, true},
-      {"0 to 0 allows nothing", never, false, At(Monday, 0, 0), "late 0", Kill::None, true},
+      {"0 to 0 allows nothing", never, false, At(Monday, 0, 0), Alert(false, 0), Kill::None, true},
       {"a stop of 1440 is never reached", Hours(0, 1440), false, At(Monday, 23, 59), none,
        Kill::None, false},
       {"both bounds: one alert and the session's end", backwards, false, At(Monday, 12, 0),
-       "early 1200", Kill::Session, true},
+       Alert(true, 1200), Kill::Session, true},
       {"both bounds, warned, week-day: both ends", backwards, true, At(Monday, 12, 0), none,
        Kill::EntryThenSession, true},
       {"both bounds, warned, week-end: one end", backwards, true, At(Sunday, 12, 0), none,
        Kill::Session, true},
       {"bounds beyond all sense", Hours(2147483647, -2147483647 - 1), false, At(Monday, 12, 0),
-       "early 2147483647", Kill::Session, true},
+       Alert(true, 2147483647), Kill::Session, true},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.behaviour);
     const CurfewDecision decision = DecideCurfew(row.limits, row.warned, row.now);
-    const QString alert = decision.alert ? QStringLiteral("%1 %2")
-                                               .arg(decision.alertIsEarly ? QStringLiteral("early")
-                                                                          : QStringLiteral("late"))
-                                               .arg(decision.boundaryMinutes)
-                                         : QStringLiteral("-");
-    EXPECT_EQ(alert, QLatin1String(row.alert));
+    EXPECT_EQ(decision.alert ? Alert(decision.alertIsEarly, decision.boundaryMinutes) : none,
+              row.alert);
     EXPECT_EQ(decision.kill, row.kill);
     EXPECT_EQ(decision.warned, row.warnedAfter);
     EXPECT_EQ(decision.killAfterAlert, decision.alert && row.kill != Kill::None);
@@ -94,14 +95,10 @@ class CurfewCheck : public ::testing::Test {
     actions.showAlert = [this](const WatchedAppPtr& about, bool isEarly, std::int32_t minutes,
                                std::function<void()> seen) {
       EXPECT_EQ(about, entry);
-      happened << QStringLiteral("%1 %2")
-                      .arg(isEarly ? QStringLiteral("early") : QStringLiteral("late"))
-                      .arg(minutes);
+      happened << Alert(isEarly, minutes);
       dismiss = std::move(seen);
     };
-    actions.killProcess = [this](std::int32_t pid) {
-      happened << QStringLiteral("kill %1").arg(pid);
-    };
+    actions.killProcess = [this](int pid) { happened << QStringLiteral("kill %1").arg(pid); };
     actions.loginPid = [this] { return loginPid; };
   }
 
@@ -126,39 +123,23 @@ class CurfewCheck : public ::testing::Test {
 const QStringList kNothing;
 const QStringList kKillEntry{QStringLiteral("kill 40")};
 const QStringList kKillSession{QStringLiteral("kill 77")};
-const QStringList kLate{QStringLiteral("late 1200")};
-const QStringList kEarly{QStringLiteral("early 480")};
+const QStringList kEarly{Alert(true, 480)};
 
-TEST_F(CurfewCheck, WarnsOnceThenEndsTheSession) {
-  entry->limits = Hours(480, 1200);
-  EXPECT_EQ(CheckAt(Monday, 19, 59), kNothing);
-  EXPECT_EQ(CheckAt(Monday, 20, 0), kLate);
-  EXPECT_TRUE(entry->lastMinuteUsed);
-  EXPECT_EQ(Dismiss(), kNothing);
-  EXPECT_EQ(CheckAt(Monday, 20, 1), kKillSession);
-}
-
-TEST_F(CurfewCheck, AnEarlyApplicationIsEndedUnlessItsHourHasCome) {
+TEST_F(CurfewCheck, TheWarningOfTheMorningStillCountsInTheEvening) {
   entry->limits = Hours(480, 1200);
   EXPECT_EQ(CheckAt(Tuesday, 7, 58), kEarly);
+  EXPECT_TRUE(entry->lastMinuteUsed);
+  EXPECT_EQ(Dismiss(), kNothing);
   EXPECT_EQ(CheckAt(Tuesday, 7, 59), kKillEntry);
   EXPECT_EQ(CheckAt(Tuesday, 8, 0), kNothing);
-  EXPECT_EQ(CheckAt(Tuesday, 20, 0), kKillSession) << "the warning of the morning still counts";
-}
-
-TEST_F(CurfewCheck, ALastMinuteThatWasUsedCountsAsTheWarning) {
-  entry->limits = Hours(480, 1200);
-  entry->lastMinuteUsed = true;
-  EXPECT_EQ(CheckAt(Tuesday, 7, 58), kKillEntry);
+  EXPECT_EQ(CheckAt(Tuesday, 20, 0), kKillSession);
 }
 
 TEST_F(CurfewCheck, ABreachOfBothBoundsWaitsForItsAlert) {
   entry->limits = Hours(1200, 480);
-  EXPECT_EQ(CheckAt(Monday, 12, 0), QStringList{QStringLiteral("early 1200")});
-  EXPECT_TRUE(entry->curfewKillPending);
+  EXPECT_EQ(CheckAt(Monday, 12, 0), QStringList{Alert(true, 1200)});
   loginPid = 78;
   EXPECT_EQ(Dismiss(), QStringList{QStringLiteral("kill 78")});
-  EXPECT_FALSE(entry->curfewKillPending);
   EXPECT_EQ(Dismiss(), kNothing);
 }
 
@@ -175,6 +156,20 @@ TEST_F(CurfewCheck, BothBoundsAgainEndTheApplicationThenTheSession) {
   entry->limits = Hours(1200, 480);
   (void)CheckAt(Monday, 12, 0);
   EXPECT_EQ(CheckAt(Monday, 12, 1), kKillEntry + kKillSession);
+}
+
+TEST(DiskQuota, KeepsItsEntryAliveAndTellsThatTheQuotaIsOff) {
+  for (const bool enabled : {false, true}) {
+    WatchedApp entry;
+    entry.limits.diskQuotaEnabled = enabled;
+    QStringList told;
+    const auto line = [&told](bool on, std::uint64_t limit, std::uint64_t usage) {
+      told << QStringLiteral("%1 %2 %3").arg(on).arg(limit).arg(usage);
+    };
+    CheckDiskQuota(entry, {line});
+    EXPECT_EQ(entry.limits.credit, 10);
+    EXPECT_EQ(told, enabled ? kNothing : QStringList{QStringLiteral("0 0 0")});
+  }
 }
 
 }  // namespace

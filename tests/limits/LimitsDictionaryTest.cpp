@@ -5,9 +5,9 @@
 #include <cstring>
 #include <limits>
 
+#include "Common Sources/PropertyList.h"
 #include "link/VardellLoader.h"
 #include "tests/support/FakeServiceDiscovery.h"
-#include "tests/support/RecordingServer.h"
 #include "tests/support/ScriptedPeer.h"
 
 namespace vardell {
@@ -80,7 +80,12 @@ TEST(LimitsDictionary, ReadsItsSixteenKeys) {
   EXPECT_EQ(Parse(dictionary), Full());
   EXPECT_EQ(MakeLimitsDictionary(Full()), dictionary);
   EXPECT_EQ(Parse({}), Defaults());
-  EXPECT_EQ(Parse(MakeLimitsDictionary(Defaults())), Defaults());
+
+  LimitsRecord record = Full();
+  ParseLimitsDictionary(nullptr, &record);
+  EXPECT_EQ(record, Full());
+  record.enabled = 0xFF;  // a flag from outside
+  EXPECT_EQ(MakeLimitsDictionary(record)[QStringLiteral("Enabled")], QVariant(true));
 }
 
 TEST(LimitsDictionary, ConvertsValues) {
@@ -88,42 +93,25 @@ TEST(LimitsDictionary, ConvertsValues) {
     const char* behaviour;
     const char* key;
     QVariant value;
-    const char* shown;
     qlonglong expected;
   } kRows[] = {
-      {"a real credit loses its fraction", "Credit", 12.9, "Credit", 12},
-      {"a negative credit stays", "Credit", qlonglong(-1), "Credit", -1},
-      {"a credit that is text counts as absent", "Credit", QStringLiteral("12"), "Credit", 0},
-      {"a huge real is cut", "Credit", 1e300, "Credit", std::numeric_limits<std::int32_t>::max()},
-      {"coefficient 60 stays", "AutoUpdateCoeff", qlonglong(60), "AutoUpdateCoeff", 60},
-      {"coefficient 59 becomes 1", "AutoUpdateCoeff", qlonglong(59), "AutoUpdateCoeff", 1},
-      {"coefficient 0 becomes 1", "AutoUpdateCoeff", qlonglong(0), "AutoUpdateCoeff", 1},
-      {"coefficient -60 becomes 1", "AutoUpdateCoeff", qlonglong(-60), "AutoUpdateCoeff", 1},
-      {"a coefficient of 60.9 is 60", "AutoUpdateCoeff", 60.9, "AutoUpdateCoeff", 60},
-      {"the week-end's is kept", "WE Coeff", qlonglong(59), "WE Coeff", 59},
-      {"a stop of 0 is no absent one", "WD stop", qlonglong(0), "WD stop", 0},
-      {"a stop of the wrong type is", "WE stop", true, "WE stop", 1439},
-      {"a flag that is a number counts as absent", "Enabled", qlonglong(1), "Enabled", 0},
+      {"a real credit loses its fraction", "Credit", 12.9, 12},
+      {"a negative credit stays", "Credit", qlonglong(-1), -1},
+      {"a credit that is text counts as absent", "Credit", QStringLiteral("12"), 0},
+      {"a huge real is cut", "Credit", 1e300, std::numeric_limits<std::int32_t>::max()},
+      {"coefficient 59 becomes 1", "AutoUpdateCoeff", qlonglong(59), 1},
+      {"coefficient 0 becomes 1", "AutoUpdateCoeff", qlonglong(0), 1},
+      {"coefficient -60 becomes 1", "AutoUpdateCoeff", qlonglong(-60), 1},
+      {"a coefficient of 60.9 is 60", "AutoUpdateCoeff", 60.9, 60},
+      {"a stop of 0 is no absent one", "WD stop", qlonglong(0), 0},
+      {"a stop of the wrong type is", "WE stop", true, 1439},
+      {"a flag that is a number counts as absent", "Enabled", qlonglong(1), 0},
   };
   for (const auto& row : kRows) {
-    const LimitsRecord record = Parse({{QLatin1String(row.key), row.value}});
-    EXPECT_EQ(MakeLimitsDictionary(record)[QLatin1String(row.shown)].toLongLong(), row.expected)
+    const QString key = QLatin1String(row.key);
+    EXPECT_EQ(MakeLimitsDictionary(Parse({{key, row.value}}))[key].toLongLong(), row.expected)
         << row.behaviour;
   }
-}
-
-TEST(LimitsDictionary, FlagsFromOutsideAreTrueForAnyByte) {
-  LimitsRecord record = Full();
-  record.enabled = 0xFF;
-  EXPECT_EQ(MakeLimitsDictionary(record)[QStringLiteral("Enabled")], QVariant(true));
-}
-
-TEST(LimitsDictionary, AMissingArgumentChangesNothing) {
-  LimitsRecord record = Full();
-  ParseLimitsDictionary(nullptr, &record);
-  EXPECT_EQ(record, Full());
-  const QVariantMap empty;
-  ParseLimitsDictionary(&empty, nullptr);
 }
 
 // ---- Asking the Server ----
@@ -137,31 +125,21 @@ LimitsRecord FetchFrom(const QString& address) {
   return FetchLimits(link, QStringLiteral("anna"), QStringLiteral("org.game"));
 }
 
-TEST(FetchLimits, GivesWhatTheServerSays) {
-  test::RecordingServer server;
-  server.Answer(QStringLiteral("org.game"), MakeLimitsDictionary(Full()));
-  EXPECT_EQ(FetchFrom(server.Address()), Full());
-  const auto frames = server.TakeFrames();
-  ASSERT_EQ(frames.size(), 1u);
-  EXPECT_EQ(frames[0].kind, 1);
-  EXPECT_EQ(frames[0].user, QStringLiteral("anna"));
-  EXPECT_EQ(frames[0].identifier, QStringLiteral("org.game"));
-}
-
 TEST(FetchLimits, AnythingButADictionaryMeansNoLimits) {
-  const auto list = WritePropertyListXml(QVariantList{true}).value();
   const struct {
     const char* behaviour;
     test::ScriptedPeer::Script script;
+    LimitsRecord limits;
   } kRows[] = {
-      {"a list", test::AnswerWith(list)},
-      {"no property list", test::AnswerWith("hello")},
-      {"silence", test::StaySilent},
-      {"a hang-up", [](test::PeerConnection& peer) { peer.Close(); }},
+      {"limits", test::AnswerWith(WritePropertyListXml(MakeLimitsDictionary(Full())).value()),
+       Full()},
+      {"a list", test::AnswerWith(WritePropertyListXml(QVariantList{true}).value()), Defaults()},
+      {"no property list", test::AnswerWith("hello"), Defaults()},
+      {"silence", test::StaySilent, Defaults()},
   };
   for (const auto& row : kRows) {
     test::ScriptedPeer peer({row.script});
-    EXPECT_EQ(FetchFrom(QStringLiteral("127.0.0.1:%1").arg(peer.Port())), Defaults())
+    EXPECT_EQ(FetchFrom(QStringLiteral("127.0.0.1:%1").arg(peer.Port())), row.limits)
         << row.behaviour;
   }
   EXPECT_EQ(FetchFrom(QString()), Defaults()) << "no Server";

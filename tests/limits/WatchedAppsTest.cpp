@@ -1,10 +1,11 @@
 #include "limits/WatchedApps.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <QFile>
 #include <QTemporaryDir>
 
+#include "Common Sources/FileSystem.h"
 #include "limits/ApplicationIdentifier.h"
 #include "link/VardellLoader.h"
 #include "platform/HotKeys.h"
@@ -70,21 +71,12 @@ class WatchedApps : public ::testing::Test {
   bool Add(const ApplicationInfo& application, std::int32_t pid, bool lastMinuteCredit = true) {
     return AddWatchedApp(Context(lastMinuteCredit), processes.Run(application, pid), table);
   }
-  WatchedAppPtr Put(const QString& identifier, std::int32_t pid) {
-    auto entry = std::make_shared<WatchedApp>();
-    entry->identifier = identifier;
-    entry->pid = pid;
-    table.push_back(entry);
-    return entry;
-  }
   // "identifier pid credit" of each entry.
   QStringList Table() const {
     QStringList rows;
     for (const WatchedAppPtr& entry : table) {
-      rows << QStringLiteral("%1 %2 %3")
-                  .arg(entry->identifier)
-                  .arg(entry->pid)
-                  .arg(entry->limits.credit);
+      const QString pid = QString::number(entry->pid);
+      rows << entry->identifier + u' ' + pid + u' ' + QString::number(entry->limits.credit);
     }
     return rows;
   }
@@ -116,12 +108,10 @@ TEST_F(WatchedApps, AnApplicationIsAnnouncedThenFetchedThenAdded) {
   EXPECT_EQ(Table(), QStringList{QStringLiteral("org.game 40 7")});
   EXPECT_EQ(Frames(), (QStringList{QStringLiteral("3 org.game"), QStringLiteral("1 org.game")}));
   EXPECT_EQ(table[0]->displayName, QStringLiteral("Game"));
-  EXPECT_EQ(table[0]->ticks, 0u);
-  EXPECT_FALSE(table[0]->lastMinuteUsed);
 }
 
 TEST_F(WatchedApps, SpentCreditEntersAsALastMinuteOrAsItsEnd) {
-  for (const int credit : {0, -1, -5}) {
+  for (const int credit : {0, -5}) {
     server.AnswerCredit(game, credit);
     EXPECT_TRUE(Add(Bundle(game), 40, true));
     EXPECT_TRUE(Add(Bundle(game), 41, false));
@@ -156,21 +146,11 @@ TEST_F(WatchedApps, AnApplicationWithoutANameIsWatchedButCannotBeKilled) {
   EXPECT_EQ(Table(), QStringList{QStringLiteral("com.tovmark.unknownapp 0 3")});
 }
 
-TEST_F(WatchedApps, TheLoginWindowStandsForTheComputer) {
-  server.AnswerCredit(session, 30);
-  EXPECT_TRUE(Add(Bundle(session, QStringLiteral("Login")), 77));
-  EXPECT_EQ(loginPid, 77);
-  EXPECT_EQ(Table(), QStringList{QStringLiteral("com.apple.loginwindow 77 30")});
-  EXPECT_EQ(table[0]->displayName, QStringLiteral("computer"));
-}
-
-TEST_F(WatchedApps, TheLoginPidComesFromWhereTheSystemsVersionSays) {
+TEST_F(WatchedApps, TheLoginWindowStandsForTheComputerWithThePidOfTheSystemsVersion) {
   QTemporaryDir folder;
-  QFile ps(folder.filePath(QStringLiteral("ps")));
-  ASSERT_TRUE(ps.open(QIODevice::WriteOnly));
-  ps.write("#!/bin/sh\necho 'root 99 WindowServer'\n");
-  ps.close();
-  ps.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+  const QByteArray ps = folder.filePath(QStringLiteral("ps")).toUtf8();
+  ASSERT_EQ(StoreFile(ps, "#!/bin/sh\necho 'root 99 WindowServer'\n"), 0);
+  ASSERT_EQ(::chmod(ps.constData(), 0700), 0);
   const QByteArray path = qgetenv("PATH");
   qputenv("PATH", folder.path().toUtf8() + ":" + path);
   const struct {
@@ -178,10 +158,8 @@ TEST_F(WatchedApps, TheLoginPidComesFromWhereTheSystemsVersionSays) {
     std::int32_t pid;
     const char* printed;
   } kRows[] = {
-      {{10, 3}, 77, ""},
       {{10, 10}, 77, ""},
       {{10, 11}, 99, "Login pid is 99\n"},
-      {{10, 15}, 99, "Login pid is 99\n"},
       {{11, 0}, 77, ""},
   };
   server.AnswerCredit(session, 30);
@@ -190,10 +168,11 @@ TEST_F(WatchedApps, TheLoginPidComesFromWhereTheSystemsVersionSays) {
     system.version = row.version;
     table.clear();
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(Add(Bundle(session), 77));
+    EXPECT_TRUE(Add(Bundle(session, QStringLiteral("Login")), 77));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed);
     EXPECT_EQ(loginPid, row.pid);
-    EXPECT_EQ(table[0]->pid, row.pid);
+    EXPECT_EQ(Table(), QStringList{QStringLiteral("com.apple.loginwindow %1 30").arg(row.pid)});
+    EXPECT_EQ(table[0]->displayName, QStringLiteral("computer"));
   }
   qputenv("PATH", path);
 }
@@ -218,7 +197,6 @@ TEST_F(WatchedApps, FillingOffersEverythingThatRunsAndTheGlobalSettings) {
   EXPECT_EQ(settings.limits.diskQuotaValue, 500);
   EXPECT_EQ(settings.limits.weekDayCurfewEnabled, 0);
   EXPECT_EQ(settings.limits.weekDayStop, 0);
-  EXPECT_EQ(settings.displayName, QString());
 }
 
 TEST_F(WatchedApps, ARefreshTakesTheServersLimits) {
@@ -255,32 +233,37 @@ TEST_F(WatchedApps, ARefreshTakesTheServersLimits) {
   }
 }
 
-TEST_F(WatchedApps, FindsAnExactIdentifierOnly) {
-  const WatchedAppPtr first = Put(game, 1);
-  Put(game, 2);
-  EXPECT_EQ(FindWatchedApp(table, game), first);
-  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("org.Game")), nullptr);
-  EXPECT_EQ(FindWatchedApp(table, QString()), nullptr);
-}
-
 TEST_F(WatchedApps, RemovesByPidAndLetsTheSecondNeighbourLive) {
-  Put(QStringLiteral("a"), 1);
-  Put(QStringLiteral("b"), 1);
-  Put(QStringLiteral("c"), 2);
-  Put(QStringLiteral("d"), 1);
+  for (const auto& [identifier, pid] : {std::pair("a", 1), {"b", 1}, {"c", 2}, {"d", 1}}) {
+    table.push_back(std::make_shared<WatchedApp>());
+    table.back()->identifier = QLatin1String(identifier);
+    table.back()->pid = pid;
+  }
   const WatchedAppPtr shown = table[0];
   RemoveWatchedAppsWithPid(1, table);
   EXPECT_EQ(Table(), (QStringList{QStringLiteral("b 1 0"), QStringLiteral("c 2 0")}));
   EXPECT_EQ(shown->identifier, QStringLiteral("a")) << "an alert's entry stays valid";
   RemoveWatchedAppForProcess({2, 5}, table);
   EXPECT_EQ(Table(), QStringList{QStringLiteral("b 1 0")});
+  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("b")), table[0]);
+  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("B")), nullptr);
+  table[0]->pid = 0;
+  RemoveWatchedAppForProcess({0, 0}, table);
+  EXPECT_EQ(table.size(), 1u) << "the login window without a leader";
 }
 
 // ---- What adds nothing ----
 
-TEST_F(WatchedApps, NothingIsAdded) {
-  server.Answer(QStringLiteral("org.off"), {{QStringLiteral("Credit"), 5}});
-  EXPECT_FALSE(Add(Bundle(QStringLiteral("org.off")), 40)) << "not enabled";
+TEST_F(WatchedApps, NothingIsAddedAndARefreshTellsThatAnEntryMustGo) {
+  server.Answer(game, {{QStringLiteral("Credit"), 5}});
+  EXPECT_FALSE(Add(Bundle(game), 40)) << "not enabled";
+  WatchedApp entry;
+  entry.identifier = game;
+  entry.ticks = 60;
+  entry.limits.credit = 4;
+  EXPECT_TRUE(RefreshWatchedApp(Context(), entry, true));
+  EXPECT_EQ(entry.limits.credit, 4);
+  EXPECT_EQ(entry.ticks, 60u);
   (void)Frames();
   EXPECT_FALSE(AddWatchedApp(Context(), {41, 1}, table)) << "no location";
   EXPECT_EQ(Frames(), QStringList());
@@ -288,23 +271,6 @@ TEST_F(WatchedApps, NothingIsAdded) {
   link.shared.reset();
   EXPECT_FALSE(Add(Bundle(game), 42)) << "no Server";
   EXPECT_EQ(Table(), QStringList());
-}
-
-TEST_F(WatchedApps, ARefreshTellsThatAnEntryMustGo) {
-  WatchedApp entry;
-  entry.identifier = QStringLiteral("org.off");
-  entry.ticks = 60;
-  entry.limits.credit = 4;
-  server.Answer(entry.identifier, {{QStringLiteral("Credit"), 5}});
-  EXPECT_TRUE(RefreshWatchedApp(Context(), entry, true));
-  EXPECT_EQ(entry.limits.credit, 4);
-  EXPECT_EQ(entry.ticks, 60u);
-}
-
-TEST_F(WatchedApps, TheLoginWindowWithoutALeaderRemovesNothing) {
-  Put(QString::fromLatin1(kGlobalSettingsIdentifier), 0);
-  RemoveWatchedAppForProcess({0, 0}, table);
-  EXPECT_EQ(table.size(), 1u);
 }
 
 }  // namespace
