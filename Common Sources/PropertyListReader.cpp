@@ -251,7 +251,7 @@ std::optional<QVariant> Reader::Dictionary(int depth) {
     if (NextElement() != Next::Start) return std::nullopt;
     std::optional<QVariant> value = Value(depth);
     if (!value) return std::nullopt;
-    map.insert(*key, std::move(*value));
+    map.insert(*key, *value);
   }
 }
 

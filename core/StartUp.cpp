@@ -18,6 +18,11 @@ constexpr int kRetrySeconds = 120;
 
 enum class Outcome { Run, EndHere };
 
+void Say(const char* text) {
+  std::fputs(text, stdout);
+  std::fflush(stdout);
+}
+
 template <typename... Arguments>
 void Say(const char* format, Arguments... arguments) {
   std::printf(format, arguments...);
