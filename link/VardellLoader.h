@@ -1,7 +1,7 @@
-// Finding the Server by DNS service discovery, opening the stream pair to it, and the second pair to
-// the kill listener of this machine. Main thread only. ConnectToServer blocks for at most 3.2 s of
-// browsing, 5 s of resolving and 5 s of opening; it waits in poll(2) and runs no Qt event loop. A
-// connection that is refused fails at once.
+// Finding the Server by DNS service discovery, opening the stream pair to it, and the second pair
+// to the kill listener of this machine. Main thread only. ConnectToServer blocks for at most 3.2 s
+// of browsing, 5 s of resolving and 5 s of opening; it waits in poll(2) and runs no Qt event loop.
+// A connection that is refused fails at once.
 //
 // Which Server: the one that the preference "Server" names; otherwise a service that this machine
 // itself publishes (waited for 0.2 s after the first find); otherwise the first that is found; and
@@ -41,8 +41,8 @@ struct ServerLink {
   std::shared_ptr<StreamPair> shared;  // present: the Agent counts itself connected
   std::shared_ptr<StreamPair> local;   // kill requests only
   std::optional<NetService> rememberedService;
-  std::unique_ptr<NetServiceBrowser> domainBrowser;                           // during one connect
-  std::map<QString, std::unique_ptr<NetServiceBrowser>> serviceBrowsers;      // by domain, likewise
+  std::unique_ptr<NetServiceBrowser> domainBrowser;                       // during one connect
+  std::map<QString, std::unique_ptr<NetServiceBrowser>> serviceBrowsers;  // by domain, likewise
   bool foundInThisBrowse = false;
   std::uint32_t reservedWord = 0;  // byte-swapped in place at each frame; stays zero
 
@@ -62,9 +62,10 @@ void DropServerConnection(ServerLink& link);
 // DropServerConnection, announced on standard error.
 void ReconnectAfterDrop(ServerLink& link);
 
-// A pair to "localhost", port 49308. 0, with the pair in `out`, or -1. A healthy pair is replaced by
-// a new connection, a broken one is handed out as it is.
-[[nodiscard]] std::int32_t OpenLocalServerStreams(ServerLink& link, std::shared_ptr<StreamPair>* out);
+// A pair to "localhost", port 49308. 0, with the pair in `out`, or -1. A healthy pair is replaced
+// by a new connection, a broken one is handed out as it is.
+[[nodiscard]] std::int32_t OpenLocalServerStreams(ServerLink& link,
+                                                  std::shared_ptr<StreamPair>* out);
 
 // What select(2) returns for the one descriptor.
 int WaitForReadable(int descriptor, struct timeval timeout);
