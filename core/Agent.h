@@ -75,9 +75,10 @@ struct Agent {
 
   AlertQueue alerts;
 
-  // After a fetch without an answer: ticks to the next look for the Server, and the pause after it.
-  std::int32_t serverRetryCountdown = 0;
-  std::int32_t serverRetryPause = 0;
+  // After a fetch without an answer: when to look for the Server next, by `monotonic`, and the
+  // pause after that, in seconds; 0: nothing was missed.
+  std::chrono::milliseconds serverRetryAt{0};
+  int serverRetryPause = 0;
 };
 
 // Ticks of a sixtieth of a second, by the agent's monotonic clock.

@@ -16,8 +16,8 @@
 namespace vardell {
 namespace {
 
-constexpr std::int32_t kFirstRetryPause = 5;
-constexpr std::int32_t kLongestRetryPause = 60;
+constexpr int kFirstRetryPause = 5;
+constexpr int kLongestRetryPause = 60;
 constexpr std::int16_t kReportTimeout = 3;
 
 bool IsSession(const WatchedApp& entry) {
@@ -65,6 +65,15 @@ void EndAfterAlert(Agent& agent, const WatchedAppPtr& entry) {
   ForgetEntry(agent, *entry);
 }
 
+// Who leads the session may have become known, or have changed, since the entry was made.
+std::int32_t SessionPid(Agent& agent) {
+  const SystemVersion version = agent.platform.system.Version();
+  const bool isLedByWindowServer = version.major == 10 && version.minor >= 11;
+  const std::int32_t leader = isLedByWindowServer ? 0 : agent.platform.session.LeaderPid();
+  if (leader > 0) agent.loginPid = leader;
+  return agent.loginPid;
+}
+
 void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
   CurfewActions actions;
   actions.localNow = [] {
@@ -78,7 +87,7 @@ void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
                      });
   };
   actions.killProcess = [&agent](std::int32_t pid) { KillProcess(agent.link, pid); };
-  actions.loginPid = [&agent] { return agent.loginPid; };
+  actions.loginPid = [&agent] { return SessionPid(agent); };
   CheckCurfew(entry, actions);
 }
 
@@ -128,6 +137,17 @@ void CountSecond(Agent& agent, std::size_t index) {
   ++entry->ticks;
 }
 
+bool ReachesServer(Agent& agent) {
+  if (agent.link.offerAgain) return true;
+  // A pair that is still there would answer "connected" without asking the network.
+  DropServerConnection(agent.link);
+  return ConnectToServer(agent.link) == 0;
+}
+
+void WaitBeforeNextLook(Agent& agent) {
+  agent.serverRetryAt = agent.monotonic() + agent.serverRetryPause * agent.secondLength;
+}
+
 // A Server that accepts and says nothing would cost every application its time-out: the pause grows
 // with each vain offer too.
 void LookForLostServer(Agent& agent) {
@@ -136,18 +156,16 @@ void LookForLostServer(Agent& agent) {
     return;
   }
   if (agent.serverRetryPause == 0) {
-    agent.serverRetryPause = agent.serverRetryCountdown = kFirstRetryPause;
+    agent.serverRetryPause = kFirstRetryPause;
+    WaitBeforeNextLook(agent);
   }
-  if (--agent.serverRetryCountdown > 0) return;
+  if (agent.monotonic() < agent.serverRetryAt) return;
+  if (ReachesServer(agent)) {
+    agent.link.offerAgain = false;
+    OfferRunningApplications(agent);
+  }
   agent.serverRetryPause = std::min(2 * agent.serverRetryPause, kLongestRetryPause);
-  agent.serverRetryCountdown = agent.serverRetryPause;
-  if (!agent.link.offerAgain) {
-    // A pair that is still there would answer "connected" without asking the network.
-    DropServerConnection(agent.link);
-    if (ConnectToServer(agent.link) != 0) return;
-  }
-  agent.link.offerAgain = false;
-  OfferRunningApplications(agent);
+  WaitBeforeNextLook(agent);
 }
 
 }  // namespace
@@ -167,7 +185,7 @@ void EndWatchedApp(Agent& agent, const WatchedApp& entry) {
       std::this_thread::sleep_for(5 * agent.secondLength);
     }
   }
-  KillProcess(agent.link, entry.pid);
+  KillProcess(agent.link, IsSession(entry) ? SessionPid(agent) : entry.pid);
 }
 
 void RemoveEntriesWithPid(Agent& agent, std::int32_t pid) {

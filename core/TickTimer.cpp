@@ -8,6 +8,11 @@ namespace vardell {
 
 using std::chrono::milliseconds;
 
+namespace {
+// Of one turn of the event loop.
+constexpr milliseconds kLongestCatchUp{1000};
+}  // namespace
+
 milliseconds MonotonicNow() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -26,35 +31,34 @@ void TickTimer::Start(std::function<void()> action) {
   Restart();
 }
 
-void TickTimer::StopOrRestart(bool wasSuspended) {
-  if (IsSuspended()) {
-    timer_.stop();
-  } else if (wasSuspended) {
-    Restart();
-  }
-}
-
 void TickTimer::SetSessionAway(bool away) {
-  const bool was = IsSuspended();
+  if (away == sessionAway_) return;
+  if (away) Stop();
   sessionAway_ = away;
-  StopOrRestart(was);
+  Restart();
 }
 
 void TickTimer::BeginMessage() {
+  Stop();
   ++messages_;
-  StopOrRestart(true);
 }
 
 void TickTimer::EndMessage() {
   if (messages_ == 0) return;
   --messages_;
-  StopOrRestart(true);
+  Restart();
+}
+
+void TickTimer::Stop() {
+  if (!action_ || IsSuspended()) return;
+  owed_ = (monotonic_() - counted_) / second_ * second_;
+  timer_.stop();
 }
 
 void TickTimer::Restart() {
   if (!action_ || IsSuspended()) return;
-  counted_ = monotonic_();
-  ScheduleNext();
+  counted_ = monotonic_() - std::exchange(owed_, milliseconds(0));
+  timer_.start(second_);
 }
 
 void TickTimer::ScheduleNext() {
@@ -62,10 +66,11 @@ void TickTimer::ScheduleNext() {
 }
 
 void TickTimer::Fire() {
-  const auto due = (monotonic_() - counted_) / second_;
-  for (std::int64_t i = 0; i < due && !IsSuspended(); ++i) {
+  const milliseconds began = monotonic_();
+  while (!IsSuspended() && monotonic_() - counted_ >= second_) {
     counted_ += second_;
     action_();
+    if (monotonic_() - began > kLongestCatchUp) break;
   }
   if (!IsSuspended()) ScheduleNext();
 }

@@ -1,7 +1,8 @@
 // The timer behind the enforcement tick. It counts seconds by a monotonic clock: a timer that fires
 // late (a blocked request, a stopped process, a busy machine) calls its action once for each whole
-// second that passed. Nothing is counted while there is a reason to stand still, and the first tick
-// afterwards comes one second after the last such reason has ended. Main thread only.
+// second that passed, letting the event loop run in between when there are many. Nothing is counted
+// while there is a reason to stand still; what was owed before it is counted with the first tick
+// afterwards, one second after the last such reason has ended. Main thread only.
 #pragma once
 
 #include <QTimer>
@@ -30,7 +31,7 @@ class TickTimer {
 
  private:
   void Fire();
-  void StopOrRestart(bool wasSuspended);
+  void Stop();
   void Restart();
   void ScheduleNext();
 
@@ -38,6 +39,7 @@ class TickTimer {
   std::chrono::milliseconds second_;
   std::function<void()> action_;
   std::chrono::milliseconds counted_{0};  // the clock at the last second that was counted
+  std::chrono::milliseconds owed_{0};     // whole seconds, uncounted when it came to stand still
   bool sessionAway_ = false;
   int messages_ = 0;
   QTimer timer_;

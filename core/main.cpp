@@ -19,8 +19,9 @@
 #include "platform/linux/XcbScreens.h"
 #include "platform/linux/XcbWindowOwners.h"
 
-int main(int argc, char** argv) {
+int main(int, char** argv) {
   using namespace vardell;
+  int argc = 1;  // no arguments are taken, and Qt must not take any either
   CleanEnvironment();
   signal(SIGPIPE, SIG_IGN);
   QApplication application(argc, argv);

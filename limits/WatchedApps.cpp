@@ -80,6 +80,10 @@ bool AddWatchedApp(const WatchContext& context, const ProcessSerialNumber& proce
     LearnLoginPid(context, process);
     candidate.pid = context.loginPid;
     candidate.displayName = Localized("computer");
+    if (const WatchedAppPtr entry = FindWatchedApp(table, candidate.identifier)) {
+      entry->pid = context.loginPid;
+      return false;
+    }
   }
   if (IsWatched(table, candidate)) return false;
 

@@ -55,7 +55,10 @@ class AgentFixture : public testing::Test {
     return entry;
   }
   void Tick(int seconds = 1) {
-    for (int i = 0; i < seconds; ++i) EnforcementTick(agent);
+    for (int i = 0; i < seconds; ++i) {
+      now += agent.secondLength;
+      EnforcementTick(agent);
+    }
   }
   void Minutes(int count) { Tick(60 * count); }
   bool IsWatched(const QString& identifier) const {

@@ -200,8 +200,9 @@ TEST_F(EnforcementTickTest, AFullScreenApplicationInFrontIsEndedBeforeTheSession
   Program leader = StartVictim();
   front.frontPid = game.pid();
   front.captured = true;
-  agent.loginPid = leader.pid();
-  Watch(QLatin1String(kLoginWindowIdentifier), 0, leader.pid());
+  // Known only since the entry was made.
+  session.leaderPid = leader.pid();
+  Watch(QLatin1String(kLoginWindowIdentifier), 0, 0);
   Tick();
   EXPECT_EQ(-SIGKILL, game.Wait());
   EXPECT_EQ(-SIGKILL, leader.Wait());
@@ -235,7 +236,7 @@ TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
   processes.Run(info, getpid());
   server.AnswerCredit(kToy, 30);
   agent.link.replyMissed = true;
-  Tick(4);
+  Tick(5);
   EXPECT_FALSE(IsWatched(kToy));
   Tick();
   EXPECT_TRUE(IsWatched(kToy));

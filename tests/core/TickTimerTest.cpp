@@ -75,6 +75,15 @@ TEST_F(TickTimerTest, StartsAgainAfterTheLastReasonToStandStill) {
   EXPECT_EQ(1, Ticks());
 }
 
+TEST_F(TickTimerTest, SecondsOwedFromBeforeAPauseAreCountedAfterIt) {
+  Pass(57);
+  timer.SetSessionAway(true);
+  Pass(500);
+  timer.SetSessionAway(false);
+  Pass(10);
+  EXPECT_EQ(6, Ticks());
+}
+
 TEST_F(TickTimerTest, AReasonThatWasNeverThereChangesNothing) {
   Pass(6);
   timer.SetSessionAway(false);
