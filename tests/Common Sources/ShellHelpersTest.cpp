@@ -118,7 +118,7 @@ TEST(ShellHelpers, CreatesItemsOnce) {
   EXPECT_EQ(CreateFileAtURL(FileUrl(QStringLiteral("/proc/x"))), kFileNotFound);
 }
 
-TEST(ShellHelpers, MapsAFile) {
+TEST(ShellHelpers, MapsAFileAndNothingElse) {
   QTemporaryDir folder;
   const QString path = folder.filePath(QStringLiteral("file"));
   ASSERT_EQ(StoreFile(path.toUtf8(), "hello"), 0);
@@ -129,13 +129,9 @@ TEST(ShellHelpers, MapsAFile) {
   static_cast<char*>(address)[0] = 'j';
   ::munmap(address, length);
   EXPECT_EQ(MapFileIntoMemory(path, kWholeFile, &address, &length, 1), 0);
-  ASSERT_EQ(length, 5u);
-  EXPECT_EQ(std::string(static_cast<char*>(address), 5), "jello");
+  EXPECT_EQ(std::string(static_cast<char*>(address), length), "jello");
   ::munmap(address, length);
-}
 
-TEST(ShellHelpers, MapsNothingOfWhatIsNoFile) {
-  QTemporaryDir folder;
   const QString empty = folder.filePath(QStringLiteral("empty"));
   const QString pipe = folder.filePath(QStringLiteral("pipe"));
   ASSERT_EQ(StoreFile(empty.toUtf8(), ""), 0);
@@ -148,11 +144,10 @@ TEST(ShellHelpers, MapsNothingOfWhatIsNoFile) {
       {QString(), kFileNotFound},
       {QString(9000, QChar(u'a')), kFileBadName},
   };
-  for (const auto& [path, status] : kRows) {
-    void* address = &address;
-    std::uint64_t length = 7;
-    EXPECT_EQ(MapFileIntoMemory(path, kWholeFile, &address, &length, 1), status)
-        << path.toStdString();
+  for (const auto& [bad, status] : kRows) {
+    length = 7;
+    EXPECT_EQ(MapFileIntoMemory(bad, kWholeFile, &address, &length, 1), status)
+        << bad.toStdString();
     EXPECT_EQ(length, 0u);
   }
 }

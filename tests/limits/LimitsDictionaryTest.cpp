@@ -24,32 +24,26 @@ static void PrintTo(const LimitsRecord& record, std::ostream* out) {
 namespace {
 
 LimitsRecord Defaults() {
-  LimitsRecord record;
-  record.topUpCoefficient = 1;
-  record.weekDayStop = 1439;
-  record.weekEndStop = 1439;
-  return record;
+  return {.topUpCoefficient = 1, .weekDayStop = 1439, .weekEndStop = 1439};
 }
 
 LimitsRecord Full() {
-  LimitsRecord record;
-  record.nextTopUpTime = 7.5e8;
-  record.credit = 12;
-  record.reportCredit = 1;
-  record.enabled = 1;
-  record.topUpCoefficient = 60;
-  record.topUpValue = 3;
-  record.weekEndCoefficient = 59;
-  record.weekEndValue = 4;
-  record.weekDayCurfewEnabled = 1;
-  record.weekEndCurfewEnabled = 1;
-  record.weekDayStart = 480;
-  record.weekDayStop = 1200;
-  record.weekEndStart = 540;
-  record.weekEndStop = 1260;
-  record.diskQuotaEnabled = 1;
-  record.diskQuotaValue = 2048;
-  return record;
+  return {.nextTopUpTime = 7.5e8,
+          .credit = 12,
+          .reportCredit = 1,
+          .enabled = 1,
+          .topUpCoefficient = 60,
+          .topUpValue = 3,
+          .weekEndCoefficient = 59,
+          .weekEndValue = 4,
+          .weekDayCurfewEnabled = 1,
+          .weekEndCurfewEnabled = 1,
+          .weekDayStart = 480,
+          .weekDayStop = 1200,
+          .weekEndStart = 540,
+          .weekEndStop = 1260,
+          .diskQuotaEnabled = 1,
+          .diskQuotaValue = 2048};
 }
 
 LimitsRecord Parse(const QVariantMap& dictionary) {

@@ -20,24 +20,22 @@ const QString kLoneSurrogate = QStringLiteral("ab") + QChar(0xD800) + QStringLit
 
 // Each field has bytes of its own.
 LimitsRecord SampleRecord() {
-  LimitsRecord record;
-  record.nextTopUpTime = 1.5e9;
-  record.credit = -1;
-  record.reportCredit = 0x11;
-  record.enabled = 0x12;
-  record.topUpCoefficient = 60;
-  record.topUpValue = 0x01020304;
-  record.weekEndCoefficient = -2;
-  record.weekEndValue = 0x05060708;
-  record.weekDayCurfewEnabled = 0x13;
-  record.weekEndCurfewEnabled = 0x14;
-  record.weekDayStart = 0x21;
-  record.weekDayStop = 0x22;
-  record.weekEndStart = 0x23;
-  record.weekEndStop = 1439;
-  record.diskQuotaEnabled = 0x15;
-  record.diskQuotaValue = 0x31323334;
-  return record;
+  return {.nextTopUpTime = 1.5e9,
+          .credit = -1,
+          .reportCredit = 0x11,
+          .enabled = 0x12,
+          .topUpCoefficient = 60,
+          .topUpValue = 0x01020304,
+          .weekEndCoefficient = -2,
+          .weekEndValue = 0x05060708,
+          .weekDayCurfewEnabled = 0x13,
+          .weekEndCurfewEnabled = 0x14,
+          .weekDayStart = 0x21,
+          .weekDayStop = 0x22,
+          .weekEndStart = 0x23,
+          .weekEndStop = 1439,
+          .diskQuotaEnabled = 0x15,
+          .diskQuotaValue = 0x31323334};
 }
 
 const QByteArray kBobAndX = Hex("03000000626f62 0100000078");

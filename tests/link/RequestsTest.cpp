@@ -122,12 +122,6 @@ TEST_F(RequestsTest, WithoutAServerBothAttemptsSaySo) {
   EXPECT_EQ(SendAppStarted(link, kUser, kApp), -1);
 }
 
-TEST_F(RequestsTest, AnUnsendableNameIsLeftOut) {
-  const ScriptedPeer& peer = Serve({AnswerWith(Xml(kLimits))});
-  (void)Observe([&] { (void)CopyLimitsDictionary(link, QString(QChar(0xDC00)), kApp); });
-  EXPECT_EQ(peer.Frames().front(), Hex("0000001c0100000000") + kNames.mid(7));
-}
-
 TEST_F(RequestsTest, AQueryIsAnsweredByADictionaryOnly) {
   std::optional<QVariantMap> dictionary;
   const auto query = [&] {

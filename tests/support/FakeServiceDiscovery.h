@@ -42,8 +42,7 @@ class FakeServiceDiscovery : public ServiceDiscovery {
 
   // What the network holds. Times are of the fake's clock, which starts at 0 and moves in Run().
   bool daemonRuns = true;
-  std::map<QString, ResolvedService> answers;  // by service name; absent: the error below
-  int resolveError = -5;
+  std::map<QString, ResolvedService> answers;  // by service name; absent: error -5
 
   void AddDomain(const QString& domain, Milliseconds at = Milliseconds(0),
                  std::uint32_t flags = kNetServiceFlagIsDomain) {
@@ -98,7 +97,7 @@ class FakeServiceDiscovery : public ServiceDiscovery {
   ResolvedService Resolve(const NetService& service, Milliseconds limit) override {
     resolved.emplace_back(service, limit);
     const auto answer = answers.find(service.name);
-    return answer == answers.end() ? ResolvedService{resolveError, {}, {}} : answer->second;
+    return answer == answers.end() ? ResolvedService{-5, {}, {}} : answer->second;
   }
 
  private:
@@ -144,8 +143,8 @@ class FakeServiceDiscovery : public ServiceDiscovery {
     for (auto& [id, searching] : searching_) {
       searching.delivered.resize(events_.size());
       for (std::size_t i = 0; i < events_.size(); ++i) {
-        if (searching.delivered[i] || events_[i].at > end) continue;
-        if (!Concerns(events_[i], searching.search)) continue;
+        const bool isDue = !searching.delivered[i] && events_[i].at <= end;
+        if (!isDue || !Concerns(events_[i], searching.search)) continue;
         if (listener != nullptr && events_[i].at >= events_[chosen].at) continue;
         listener = &searching;
         chosen = i;

@@ -75,12 +75,6 @@ class PeerConnection {
     for (const QByteArray block(16384, 'x'); taken;) taken = Send(block);
   }
 
-  // Until the other side has closed (what it sent before is read and dropped), or the peer goes.
-  void WaitUntilClosed() {
-    while (!ReadBytes(1).isEmpty()) {
-    }
-  }
-
   // Reads nothing until the peer goes.
   void HoldUntilPeerStops() { Pause(std::chrono::hours(1)); }
 
@@ -130,8 +124,7 @@ class ScriptedPeer {
   using Script = std::function<void(PeerConnection&)>;
 
   // The first connection gets the first script, and so on; the last script serves all further ones.
-  explicit ScriptedPeer(std::vector<Script> scripts, std::uint16_t port = 0)
-      : scripts_(std::move(scripts)), stop_(eventfd(0, EFD_CLOEXEC)), listener_(Listen(port)) {
+  explicit ScriptedPeer(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
     acceptor_ = std::thread([this] { Accept(); });
   }
   ~ScriptedPeer() {
@@ -161,26 +154,17 @@ class ScriptedPeer {
     const std::lock_guard lock(mutex_);
     return connections_.size();
   }
-  // As soon as there were `count` of them; false after ten seconds.
-  bool WaitForConnections(std::size_t count) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10),
-                             [&] { return connections_.size() >= count; });
-  }
 
  private:
-  int Listen(std::uint16_t port) {
+  int Listen() {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* plain = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        listen(listener, 16) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    if (bind(listener, plain, size) != 0 || listen(listener, 16) != 0 ||
+        getsockname(listener, plain, &size) != 0)
       throw std::runtime_error("the scripted peer cannot listen");
     port_ = ntohs(address.sin_port);
     return listener;
@@ -196,7 +180,6 @@ class ScriptedPeer {
       const std::lock_guard lock(mutex_);
       const std::size_t index = std::min(connections_.size(), scripts_.size() - 1);
       connections_.emplace_back([this, descriptor, index] { Serve(descriptor, index); });
-      changed_.notify_all();
     }
   }
 
@@ -211,9 +194,9 @@ class ScriptedPeer {
   }
 
   const std::vector<Script> scripts_;
-  int stop_;
+  int stop_ = eventfd(0, EFD_CLOEXEC);
   std::uint16_t port_ = 0;
-  int listener_;
+  int listener_ = Listen();
   std::thread acceptor_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
