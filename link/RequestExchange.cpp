@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include "Common Sources/Caps.h"
 #include "link/Frame.h"
@@ -92,11 +93,17 @@ bool DiscardAvailable(StreamPair& pair) {
   return true;
 }
 
+// Whether all has come that the length field announces; the field itself, where that is 0.
+bool IsWhole(const Exchange& exchange) {
+  const std::optional<std::uint32_t> length = ReplyLength(exchange.reply);
+  return length && exchange.received - kReplyHeaderBytes >= std::int64_t(*length);
+}
+
 // Whether the connection can carry the next exchange: not when the rest of this frame, or of the
 // reply to it, would turn up there as a part of another one.
-bool IsInStep(StreamPair& pair, const Exchange& exchange, Progress progress) {
+bool IsInStep(StreamPair& pair, const Exchange& exchange) {
   if (!exchange.IsSent()) return exchange.written == 0;
-  if (exchange.expectReply && progress != Progress::Finished) return false;
+  if (exchange.expectReply && !IsWhole(exchange)) return false;
   return DiscardAvailable(pair);
 }
 
@@ -133,7 +140,7 @@ std::int32_t SendRequest(ServerLink& link, RequestKind kind, const QByteArray& p
       DiscardAvailable(*pair) ? RunExchange(*pair, &exchange, deadline) : Progress::Lost;
   if (progress == Progress::Lost)
     LoseConnection(link);
-  else if (!IsInStep(*pair, exchange, progress) && pair == link.shared)
+  else if (!IsInStep(*pair, exchange) && pair == link.shared)
     DropServerConnection(link);
 
   if (!exchange.IsSent()) return -2;
