@@ -29,7 +29,7 @@ QString Alert(bool isEarly, std::int32_t minutes) {
 }
 
 TEST(Curfew, DecidesByDayHourAndWarning) {
-  using enum Kill;
+  using enum CurfewDecision::Kill;
   const LimitsRecord day = Hours(480, 1200);
   const LimitsRecord never = Hours(0, 0);
   const LimitsRecord backwards = Hours(1200, 480);
