@@ -16,28 +16,42 @@ namespace {
 class StoreTest : public HouseholdFixture {
  protected:
   void Close() { household_.reset(); }
-  void ExecuteBehindItsBack(const char* sql) {
-    SqliteDatabase database(StorePath());
-    database.Execute(sql);
-  }
   void Fill() {
     for (int i = 1; i <= 200; ++i) Limit({{QStringLiteral("Credit"), i}});
   }
-  // What the person who starts the Server reads.
-  QString Complaint() {
-    try {
-      Open();
-    } catch (const std::runtime_error& error) {
-      return QString::fromUtf8(error.what());
-    }
-    return {};
-  }
 };
 
-void ExpectOneLine(const QString& complaint, const char* says, const QString& path) {
-  EXPECT_TRUE(complaint.contains(QLatin1String(says))) << qPrintable(complaint);
-  EXPECT_TRUE(complaint.contains(path)) << qPrintable(complaint);
-  EXPECT_FALSE(complaint.contains(QLatin1Char('\n'))) << qPrintable(complaint);
+void Execute(const QString& path, const char* sql) {
+  SqliteDatabase database(path);
+  database.Execute(sql);
+}
+
+QByteArray BytesOf(const QString& path) {
+  QFile file(path);
+  return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void Overwrite(const QString& path, const QByteArray& bytes, const std::vector<qint64>& offsets) {
+  QFile file(path);
+  ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+  for (const qint64 offset : offsets) {
+    file.seek(offset);
+    file.write(bytes);
+  }
+}
+
+// The one line that the person who starts the Server reads.
+void ExpectRefused(const QString& path, const char* says) {
+  SCOPED_TRACE(says);
+  try {
+    (void)Store::Open(path)->Load({});
+    ADD_FAILURE() << "opened";
+  } catch (const std::runtime_error& error) {
+    const QString complaint = QString::fromUtf8(error.what());
+    EXPECT_TRUE(complaint.contains(QLatin1String(says))) << qPrintable(complaint);
+    EXPECT_TRUE(complaint.contains(path)) << qPrintable(complaint);
+    EXPECT_FALSE(complaint.contains(QLatin1Char('\n'))) << qPrintable(complaint);
+  }
 }
 
 TEST_F(StoreTest, IsForItsOwnerAlone) {
@@ -49,19 +63,14 @@ TEST_F(StoreTest, IsForItsOwnerAlone) {
   }
 }
 
-TEST_F(StoreTest, RefusesToRewriteHistory) {
+TEST_F(StoreTest, RefusesToRewriteHistoryAndTheValueThatMeansSpent) {
   Fill();
   Close();
-  for (const char* sql : {"UPDATE ledger SET minutes = 0", "DELETE FROM ledger",
-                          "UPDATE audit SET actor = ''", "DELETE FROM audit"}) {
-    EXPECT_THROW(ExecuteBehindItsBack(sql), SqliteError) << sql;
+  for (const char* sql :
+       {"UPDATE ledger SET minutes = 0", "DELETE FROM ledger", "UPDATE audit SET actor = ''",
+        "DELETE FROM audit", "UPDATE credit SET minutes = 12345"}) {
+    EXPECT_THROW(Execute(StorePath(), sql), SqliteError) << sql;
   }
-}
-
-TEST_F(StoreTest, NeverHoldsTheValueThatMeansSpent) {
-  Fill();
-  Close();
-  EXPECT_THROW(ExecuteBehindItsBack("UPDATE credit SET minutes = 12345"), SqliteError);
 }
 
 TEST_F(StoreTest, EveryAdministrativeChangeIsAudited) {
@@ -92,96 +101,42 @@ TEST_F(StoreTest, AChangeIsWrittenWholeOrNotAtAll) {
   EXPECT_EQ(store->Load(bootId_).credit.at(0).minutes, 5);
 }
 
-// --- What a start-up says when it cannot be.
-
-TEST_F(StoreTest, SaysThatItIsInUse) {
-  ExpectOneLine(
-      [this] {
-        try {
-          (void)Store::Open(StorePath());
-        } catch (const std::runtime_error& error) {
-          return QString::fromUtf8(error.what());
-        }
-        return QString();
-      }(),
-      "in use", StorePath());
-}
-
-TEST_F(StoreTest, SaysThatItIsNoDatabase) {
-  Close();
-  QFile file(StorePath());
-  ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-  file.write(QByteArray(8192, 'x'));
-  file.close();
-  ExpectOneLine(Complaint(), "damaged", StorePath());
-}
-
-TEST_F(StoreTest, SaysThatPagesAreDamaged) {
+TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
   Fill();
+  ExpectRefused(StorePath(), "in use");
   Close();
-  QFile file(StorePath());
-  ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-  ASSERT_GT(file.size(), 40000);
-  for (qint64 offset = 4096 * 2; offset < file.size(); offset += 4096) {
-    file.seek(offset);
-    file.write(QByteArray(2048, '\x5a'));
-  }
-  file.close();
-  ExpectOneLine(Complaint(), "damaged", StorePath());
-}
-
-TEST_F(StoreTest, SaysThatPagesAreDamagedThatNobodyReadsAtTheStart) {
-  Fill();
-  Close();
-  QFile file(StorePath());
-  ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-  const QByteArray bytes = file.readAll();
-  const qsizetype audit = bytes.indexOf("\"AutoUpdateCoeff\"");
+  const QByteArray whole = BytesOf(StorePath());
+  ASSERT_GT(whole.size(), 40000);
+  std::vector<qint64> pages;
+  for (qint64 offset = 4096 * 2; offset < whole.size(); offset += 4096) pages.push_back(offset);
+  const qint64 audit = whole.indexOf("\"AutoUpdateCoeff\"");  // on a page that no start-up reads
   ASSERT_GT(audit, 0);
-  file.seek(audit / 4096 * 4096);
-  file.write(QByteArray(8, '\x5a'));
-  file.close();
-  ExpectOneLine(Complaint(), "damaged", StorePath());
-}
-
-TEST_F(StoreTest, SaysThatTheCreditIsNotTheSumOfTheLedger) {
-  Fill();
-  Close();
-  ExecuteBehindItsBack("UPDATE credit SET minutes = 5000");
-  ExpectOneLine(Complaint(), "not the sum of", StorePath());
-}
-
-TEST_F(StoreTest, SaysThatItIsOfANewerVersion) {
-  Close();
-  ExecuteBehindItsBack("INSERT INTO migrations VALUES (2, 'tomorrow')");
-  ExpectOneLine(Complaint(), "newer version", StorePath());
-}
-
-TEST_F(StoreTest, LeavesADatabaseOfSomebodyElseAlone) {
-  Close();
-  ASSERT_TRUE(QFile::remove(StorePath()));
-  ExecuteBehindItsBack("CREATE TABLE recipes (name TEXT)");
-  ExpectOneLine(Complaint(), "another program", StorePath());
-  ExecuteBehindItsBack("INSERT INTO recipes VALUES ('soup')");
-}
-
-TEST_F(StoreTest, SaysThatTheFolderIsMissing) {
-  const QString path = folder_.filePath(QStringLiteral("no/such/store.sqlite"));
-  try {
-    (void)Store::Open(path);
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    ExpectOneLine(QString::fromUtf8(error.what()), "--store", path);
+  const struct {
+    const char* says;
+    std::function<void(const QString& path)> damage;
+  } rows[] = {
+      {"damaged", [](auto path) { Overwrite(path, QByteArray(8192, 'x'), {0}); }},
+      {"damaged", [&](auto path) { Overwrite(path, QByteArray(2048, '\x5a'), pages); }},
+      {"damaged",
+       [&](auto path) { Overwrite(path, QByteArray(8, '\x5a'), {audit / 4096 * 4096}); }},
+      {"not the sum of", [](auto path) { Execute(path, "UPDATE credit SET minutes = 5000"); }},
+      {"newer version",
+       [](auto path) { Execute(path, "INSERT INTO migrations VALUES (2, 'tomorrow')"); }},
+      {"another program",
+       [](auto path) {
+         EXPECT_TRUE(QFile::remove(path));
+         Execute(path, "CREATE TABLE recipes (name TEXT)");
+       }},
+  };
+  for (const auto& row : rows) {
+    const QString path = folder_.filePath(QStringLiteral("%1.sqlite").arg(&row - rows));
+    Overwrite(path, whole, {0});
+    EXPECT_NO_THROW(Store::Open(path)->Load({})) << "undamaged";
+    row.damage(path);
+    ExpectRefused(path, row.says);
   }
-}
-
-TEST_F(StoreTest, SaysThatAFolderIsNoStore) {
-  try {
-    (void)Store::Open(folder_.path());
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    ExpectOneLine(QString::fromUtf8(error.what()), "--store", folder_.path());
-  }
+  ExpectRefused(folder_.filePath(QStringLiteral("no/such/store.sqlite")), "--store");
+  ExpectRefused(folder_.path(), "--store");
 }
 
 }  // namespace
