@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <QByteArray>
+#include <QRegularExpression>
 #include <QString>
 #include <QTemporaryDir>
 #include <atomic>
@@ -26,8 +27,8 @@ inline QByteArray Answer(int status, const QByteArray& json) {
 
 class ScriptedHttpPeer {
  public:
-  // An empty answer hangs up at once; kSilence keeps the connection and says nothing.
-  static constexpr char kSilence[] = "silence";
+  // An empty answer hangs up at once; kSilence keeps the connection and says no more.
+  static constexpr char kSilence[] = "HTTP/1.1 200";
 
   explicit ScriptedHttpPeer(std::vector<QByteArray> answers)
       : path_(folder_.filePath(QStringLiteral("control.sock"))), answers_(std::move(answers)) {
@@ -71,11 +72,10 @@ class ScriptedHttpPeer {
         requests_.push_back(request);
       }
       const QByteArray answer = next < answers_.size() ? answers_[next] : Answer(500, "{}");
-      if (answer == kSilence) {
-        (void)Readable(connection);
-      } else {
-        Write(connection, answer);
-      }
+      // A blocking send takes it all.
+      (void)!send(connection, answer.constData(), static_cast<std::size_t>(answer.size()),
+                  MSG_NOSIGNAL);
+      if (answer == kSilence) (void)Readable(connection);
       close(connection);
     }
   }
@@ -92,21 +92,10 @@ class ScriptedHttpPeer {
   }
 
   static bool Complete(const QByteArray& request) {
+    static const QRegularExpression kLength(QStringLiteral("Content-Length: (\\d+)"));
     const qsizetype end = request.indexOf("\r\n\r\n");
-    const qsizetype field = request.indexOf("Content-Length: ");
-    const qsizetype body =
-        field < 0 ? 0
-                  : request.mid(field + 16, request.indexOf("\r\n", field) - field - 16).toInt();
+    const int body = kLength.match(QString::fromLatin1(request)).captured(1).toInt();
     return end >= 0 && request.size() >= end + 4 + body;
-  }
-
-  static void Write(int connection, const QByteArray& bytes) {
-    for (qsizetype sent = 0; sent < bytes.size();) {
-      const ssize_t count = send(connection, bytes.constData() + sent,
-                                 static_cast<std::size_t>(bytes.size() - sent), MSG_NOSIGNAL);
-      if (count <= 0) return;
-      sent += count;
-    }
   }
 
   QTemporaryDir folder_;
