@@ -247,10 +247,16 @@ ControlAnswer GetLedger(const Call& call) {
                                QStringLiteral("\"limit\" must be 1 to %1").arg(kMaxLedgerRows)));
   }
   QJsonArray rows;
-  for (const LedgerRow& row : call.household().Ledger(
-           *after, call.queried("user"), call.queried("identifier"), static_cast<int>(*limit))) {
-    rows.append(ToJson(row));
+  const auto ledger = call.household().Ledger(*after, call.queried("user"),
+                                              call.queried("identifier"), static_cast<int>(*limit));
+  if (!ledger) {
+    return MakeAnswer(Problem{503,
+                              "store-failed",
+                              QStringLiteral("The ledger cannot be read"),
+                              {},
+                              QStringLiteral("The Server's log says why")});
   }
+  for (const LedgerRow& row : *ledger) rows.append(ToJson(row));
   return MakeAnswer(200, {{QStringLiteral("rows"), rows}});
 }
 

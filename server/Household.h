@@ -140,9 +140,9 @@ class Household {
                         std::int64_t minutes, const QString& id, const QString& reason);
 
   // Rows with an id above `after`, oldest first, at most `limit`; empty filters match all.
-  // At most kMaxLedgerRows; none when the disk fails, which is logged.
-  std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user, const QString& identifier,
-                                int limit) const;
+  // At most kMaxLedgerRows; absent when the disk fails, which is logged.
+  std::optional<std::vector<LedgerRow>> Ledger(std::int64_t after, const QString& user,
+                                               const QString& identifier, int limit) const;
 
   // Tries again to write what a failing disk has kept waiting; to be called now and then.
   void WriteWhatWaits();

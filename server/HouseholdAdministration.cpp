@@ -204,14 +204,15 @@ AdminResult Household::SetCredit(const Actor& actor, const QString& user, const 
   return {AdminStatus::Ok, {}, {}, entry};
 }
 
-std::vector<LedgerRow> Household::Ledger(std::int64_t after, const QString& user,
-                                         const QString& identifier, int limit) const {
+std::optional<std::vector<LedgerRow>> Household::Ledger(std::int64_t after, const QString& user,
+                                                        const QString& identifier,
+                                                        int limit) const {
   (void)impl_->WriteWaiting();
   try {
     return impl_->store->Ledger(after, user, identifier, std::clamp(limit, 0, kMaxLedgerRows));
   } catch (const std::runtime_error& error) {
     impl_->Log(QStringLiteral("the ledger cannot be read: ") + QString::fromUtf8(error.what()));
-    return {};
+    return std::nullopt;
   }
 }
 

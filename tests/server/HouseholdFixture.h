@@ -53,7 +53,7 @@ class HouseholdFixture : public testing::Test {
   QVariantMap FetchAll() { return household_->FetchLimits(connection_, anna_, game_); }
   int Fetch() { return FetchAll().value(QStringLiteral("Credit")).toInt(); }
   std::int64_t Credit() const { return household_->Limits(anna_, game_)->credit; }
-  std::vector<LedgerRow> Ledger() const { return household_->Ledger(0, {}, {}, 1000); }
+  std::vector<LedgerRow> Ledger() const { return household_->Ledger(0, {}, {}, 1000).value(); }
 
   const QString anna_ = QStringLiteral("anna");
   const QString game_ = QStringLiteral("org.example.game");
