@@ -69,12 +69,5 @@ TEST_F(VardellctlServerTest, CreditIsSetOnceForAnIdAndBookedInTheLedger) {
   EXPECT_EQ(1, rest[QStringLiteral("rows")].toArray().size());
 }
 
-TEST_F(VardellctlServerTest, WhatIsNotThereIsRefusedAndNothingIsMade) {
-  EXPECT_EQ(1, Status({"credit", "set", "anna", "game", "30"}));
-  EXPECT_EQ(1, Status({"limits", "show", "anna", "game"}));
-  EXPECT_EQ(QJsonArray(), Json({"ledger"})[QStringLiteral("rows")].toArray());
-  EXPECT_EQ(QJsonArray(), Json({"limits", "show"})[QStringLiteral("limits")].toArray());
-}
-
 }  // namespace
 }  // namespace vardell::test

@@ -206,7 +206,6 @@ TEST_F(ControlApi, AUserSeesNoOtherUserListed) {
 TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
   const std::optional<QByteArray> one("\"1\"");
   const std::optional<QByteArray> none;
-  const QByteArray longName(static_cast<int>(kMaxNameBytes) + 1, 'x');
   const struct {
     const char* what;
     const char* method;
@@ -220,36 +219,32 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
   } kRows[] = {
       // clang-format off
       {"no such resource", "GET", "/v2/status", {}, none, none, 404, "not-found", ""},
-      {"the root", "GET", "/", {}, none, none, 400, "bad-request", ""},
       {"an unknown identifier", "GET", "/v1/users/anna/limits/x", {}, none, none, 404, "not-found", ""},
       {"credit of an unknown identifier", "PUT", "/v1/users/anna/limits/x/credit",
        R"({"minutes":1,"id":"z"})", none, none, 404, "not-found", ""},
       {"another method", "DELETE", kGame, {}, none, none, 405, "method-not-allowed", ""},
       {"a stray percent sign", "GET", "/v1/users/an%na/limits", {}, none, none, 400, "bad-request", ""},
-      {"an overlong name", "GET", "/v1/users/" + longName + "/limits", {}, none, none, 400, "bad-request", ""},
       {"a body where none belongs", "GET", kGame, "{}", none, none, 400, "bad-request", ""},
       {"an unknown query field", "GET", "/v1/ledger?since=1", {}, none, none, 400, "unknown-field", "since"},
       {"a query field twice", "GET", "/v1/ledger?after=1&after=2", {}, none, none, 400, "bad-request", ""},
       {"a negative row", "GET", "/v1/ledger?after=-1", {}, none, none, 422, "bad-value", "after"},
-      {"no rows at all", "GET", "/v1/ledger?limit=0", {}, none, none, 422, "bad-value", "limit"},
+      {"too many rows", "GET", "/v1/ledger?limit=1001", {}, none, none, 422, "bad-value", "limit"},
 
       {"no precondition", "PATCH", kGame, R"({"limits":{}})", none, none, 428, "precondition-required", ""},
       {"both preconditions", "PATCH", kGame, R"({"limits":{}})", one, "*", 400, "bad-request", ""},
       {"any revision", "PATCH", kGame, R"({"limits":{}})", "*", none, 400, "bad-request", "If-Match"},
-      {"a revision that is not to match", "PATCH", kGame, R"({"limits":{}})", none, one, 400, "bad-request", "If-None-Match"},
       {"no JSON", "PATCH", kGame, "limits", one, none, 400, "bad-request", ""},
       {"JSON nested too deep", "PATCH", kGame, QByteArray(60000, '['), one, none, 400, "bad-request", ""},
       {"an unknown field", "PATCH", kGame, R"({"limits":{},"actor":"root"})", one, none, 400, "unknown-field", "actor"},
       {"limits that are no object", "PATCH", kGame, R"({"limits":5})", one, none, 422, "bad-value", "limits"},
+      {"a text for a number", "PATCH", kGame, R"({"limits":{"WD start":"480"}})", one, none, 422, "bad-value", "WD start"},
       {"an unknown key", "PATCH", kGame, R"({"limits":{"WD begin":1}})", one, none, 422, "unknown-key", "WD begin"},
-      {"the sentinel", "PATCH", kGame, R"({"limits":{"Credit":12345}})", one, none, 422, "bad-value", "Credit"},
       {"a good key beside a bad one", "PATCH", kGame, R"({"limits":{"Credit":99,"WD stop":1441}})", one, none, 422, "bad-value", "WD stop"},
 
       {"no minutes", "PUT", kGameCredit, R"({"id":"a"})", none, none, 422, "bad-value", "minutes"},
-      {"more than any number", "PUT", kGameCredit, R"({"minutes":1e300,"id":"a"})", none, none, 422, "bad-value", "minutes"},
+      {"half a minute", "PUT", kGameCredit, R"({"minutes":0.5,"id":"a"})", none, none, 422, "bad-value", "minutes"},
       {"the sentinel as credit", "PUT", kGameCredit, R"({"minutes":12345,"id":"a"})", none, none, 422, "bad-value", "minutes"},
       {"no id", "PUT", kGameCredit, R"({"minutes":5})", none, none, 422, "bad-value", "id"},
-      {"an id that is no text", "PUT", kGameCredit, R"({"minutes":5,"id":7})", none, none, 422, "bad-value", "id"},
       {"a reason that is no text", "PUT", kGameCredit, R"({"minutes":5,"id":"a","reason":[]})", none, none, 422, "bad-value", "reason"},
       {"who did it", "PUT", kGameCredit, R"({"minutes":5,"id":"a","actor":"root"})", none, none, 400, "unknown-field", "actor"},
       // clang-format on

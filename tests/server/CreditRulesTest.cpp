@@ -2,10 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
-#include <string>
-#include <variant>
-#include <vector>
+#include <QRegularExpression>
+#include <QStringList>
+#include <optional>
 
 #include "link/LimitsRecord.h"
 
@@ -14,58 +13,48 @@ namespace {
 
 using std::chrono::seconds;
 
-// --- The vocabulary: what happens on one lane, at which second, and what must come of it.
-
-struct Start {
-  int at;
-};
-struct Fetch {
-  int at;
-  std::int32_t answers;
-  std::int64_t charges = 0;
-};
-struct Report {
-  int at;
-  std::int32_t says;
-  std::int64_t charges;
-};
-struct Grace {
-  int at;
-  std::int32_t says;
-};
-struct CreditBecomes {
-  std::int64_t minutes;
-};
-struct Reconnect {};
-struct Reboot {};
-using Step = std::variant<Start, Fetch, Report, Grace, CreditBecomes, Reconnect, Reboot>;
-
+// What happens on one lane, in words with times in seconds: start@T, fetch@T=ANSWER and
+// report@T=CLAIM with :CHARGE behind them, grace@T=CLAIM, credit=MINUTES, reconnect, reboot.
 class Course {
  public:
   explicit Course(std::int64_t credit) { account_ = WithCredit({0, true, false}, credit); }
 
-  void operator()(const Start& step) { lane_ = AfterStart(seconds(step.at), lane_); }
-  void operator()(const Fetch& step) {
-    const FetchBooking booking = AfterFetch(seconds(step.at), lane_, account_);
-    EXPECT_EQ(booking.answer, step.answers) << "fetch at " << step.at;
-    EXPECT_EQ(booking.charge, step.charges) << "fetch at " << step.at;
-    TakeOver(booking);
-    handed_ = booking.answer;
+  void Do(const QString& step) {
+    static const QRegularExpression kForm(
+        QStringLiteral("^(\\w+)(?:@(\\d+))?(?:=(-?\\d+))?(?::(\\d+))?$"));
+    const auto match = kForm.match(step);
+    ASSERT_TRUE(match.hasMatch());
+    const QString what = match.captured(1);
+    const seconds at(match.captured(2).toInt());
+    const std::int64_t value = match.captured(3).toLongLong();
+    const std::int64_t charge = match.captured(4).toLongLong();
+    if (what == QLatin1String("start")) {
+      lane_ = AfterStart(at, lane_);
+    } else if (what == QLatin1String("fetch")) {
+      Fetch(AfterFetch(at, lane_, account_), value, charge);
+    } else if (what == QLatin1String("credit")) {
+      account_ = WithCredit(account_, value);
+    } else if (what == QLatin1String("reconnect")) {
+      handed_.reset();
+    } else if (what == QLatin1String("reboot")) {
+      lane_ = {};
+    } else {
+      const auto claim = static_cast<std::int32_t>(value);
+      const Booking booking = AfterReport(at, lane_, account_, handed_, claim);
+      EXPECT_EQ(booking.charge, charge);
+      EXPECT_EQ(booking.grace ? "grace" : "report", what.toStdString());
+      TakeOver(booking);
+    }
   }
-  void operator()(const Report& step) { Book(step.at, step.says, step.charges, false); }
-  void operator()(const Grace& step) { Book(step.at, step.says, 0, true); }
-  void operator()(const CreditBecomes& step) { account_ = WithCredit(account_, step.minutes); }
-  void operator()(const Reconnect&) { handed_.reset(); }
-  void operator()(const Reboot&) { lane_ = {}; }
 
   std::int64_t Credit() const { return account_.credit; }
 
  private:
-  void Book(int at, std::int32_t says, std::int64_t charges, bool grace) {
-    const Booking booking = AfterReport(seconds(at), lane_, account_, handed_, says);
-    EXPECT_EQ(booking.charge, charges) << "report of " << says << " at " << at;
-    EXPECT_EQ(booking.grace, grace) << "report of " << says << " at " << at;
+  void Fetch(const FetchBooking& booking, std::int64_t answer, std::int64_t charge) {
+    EXPECT_EQ(booking.answer, answer);
+    EXPECT_EQ(booking.charge, charge);
     TakeOver(booking);
+    handed_ = booking.answer;
   }
   void TakeOver(const Booking& booking) {
     lane_ = booking.lane;
@@ -77,158 +66,78 @@ class Course {
   std::optional<std::int32_t> handed_;
 };
 
-struct Row {
-  std::string behaviour;
-  std::int64_t credit;
-  std::vector<Step> steps;
-  std::int64_t left;
-};
-
-void PrintTo(const Row& row, std::ostream* out) {
-  *out << row.behaviour;
+TEST(CreditRulesTest, WhatIsUsedIsBooked) {
+  const struct {
+    const char* behaviour;
+    std::int64_t credit;
+    const char* steps;
+    std::int64_t left;
+  } rows[] = {
+      // clang-format off
+      {"credit 2 lasts 121 s: each minute paid in advance, the end is free", 2,
+       "start@0 fetch@0=2 report@1=1:1 fetch@1=1 report@61=0:1 fetch@61=0 report@121=-1:0 fetch@121=0", 0},
+      {"credit that comes between the last minute and the end is not taken by the end", 1,
+       "start@0 fetch@0=1 report@1=0:1 fetch@1=0 credit=30 report@61=-1:0", 30},
+      {"reports that drift by seconds are charged one each", 9,
+       "start@0 fetch@0=9 report@2=8:1 fetch@2=8 report@65=7:1 fetch@65=7 report@121=6:1", 6},
+      {"a top-up while it runs is not lost by the report that does not know it", 10,
+       "start@0 fetch@0=10 credit=40 report@1=9:1 fetch@1=39", 39},
+      {"a quick relaunch within a paid minute is neither charged twice nor free", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 start@20 fetch@20=8 report@21=7:0 fetch@21=8 report@81=7:1", 7},
+      {"a relaunch after a break begins a new minute, the break is free", 9,
+       "start@0 fetch@0=9 report@1=8:1 start@1000 fetch@1000=8 report@1001=7:1 report@1002=6:0", 7},
+      {"a break of more than a minute ends what was begun", 9,
+       "start@0 fetch@0=9 report@1=8:1 start@121 fetch@121=8 report@122=5:1", 7},
+      {"... a shorter one does not", 9,
+       "start@0 fetch@0=9 report@1=8:1 start@120 fetch@120=8 report@121=5:2", 6},
+      {"minutes that a stopped agent caught up on are charged", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 report@181=7:1 fetch@181=7 report@181=6:1 fetch@181=6 report@181=5:1 fetch@181=5", 5},
+      {"a suspension costs the one minute that is reported", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 report@7201=7:1", 7},
+      {"two processes of one application cost one minute a minute", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 start@30 fetch@30=8 report@31=7:0 fetch@31=8 report@61=7:1 fetch@61=7 report@91=6:0", 7},
+      {"after a reconnect a report claims one minute, whatever it says", 9,
+       "start@0 fetch@0=9 report@1=8:1 reconnect report@61=2:1", 7},
+      {"after a reboot of the Server the next report is one minute", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 reboot report@5=7:1", 7},
+      {"a fetch without its report stands for it", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 fetch@61=7:1", 7},
+      {"a fetch that is asked again at once costs nothing", 9,
+       "start@0 fetch@0=9 report@1=8:1 fetch@1=8 fetch@3=8", 8},
+      {"a first fetch that is asked again takes the minute that the report then does not", 9,
+       "start@0 fetch@0=9 fetch@2=8:1 report@3=7:0 fetch@3=8", 8},
+      {"a report that claims more credit than was handed adds nothing", 9,
+       "start@0 fetch@0=9 report@1=99999:0 report@1=2147483647:0", 9},
+      {"a report that claims hours costs the time that has passed", 500,
+       "start@0 fetch@0=500 report@1=-2147483648:1 report@2=-5:0 report@61=0:1", 498},
+      {"without a start a report costs one minute, and the next falls due 5 s early", 9,
+       "report@0=3:1 report@1=3:0 report@54=3:0 report@55=3:1", 7},
+      {"a launch at 0 gets one minute of grace, a second launch none", 0,
+       "start@0 fetch@0=0 grace@1=0 fetch@1=0 report@61=-1:0 fetch@61=0 start@70 fetch@70=12345 report@71=0:0 fetch@71=0", 0},
+      {"quitting within the grace does not bring another one", 0,
+       "start@0 fetch@0=0 grace@1=0 fetch@1=0 start@50 fetch@50=12345 report@51=0:0", 0},
+      {"what is spent stays spent at the next launch", 1,
+       "start@0 fetch@0=1 report@1=0:1 fetch@1=0 report@61=-1:0 fetch@61=0 start@300 fetch@300=12345 start@400 fetch@400=12345", 0},
+      {"new credit ends it, and gives a new grace afterwards", 0,
+       "start@0 fetch@0=0 grace@1=0 report@61=-1:0 credit=1 start@100 fetch@100=1 report@101=0:1 fetch@101=0 credit=0 start@200 fetch@200=0 grace@201=0", 0},
+      {"a credit that would fall to 12345 falls to 12344", 12346,
+       "start@0 fetch@0=12346 report@1=12345:1 fetch@1=12344", 12344},
+      {"12345 is never kept", 12345,
+       "start@0 fetch@0=12344", 12344},
+      {"credit beyond 31 bits is sent as the most there is", 5000000000,
+       "start@0 fetch@0=2147483647 report@1=2147483646:1", 4999999999},
+      // clang-format on
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.behaviour);
+    Course course(row.credit);
+    for (const QString& step : QString::fromLatin1(row.steps).split(QLatin1Char(' '))) {
+      SCOPED_TRACE(step.toStdString());
+      course.Do(step);
+    }
+    EXPECT_EQ(course.Credit(), row.left);
+  }
 }
-
-class CreditCourseTest : public testing::TestWithParam<Row> {};
-
-TEST_P(CreditCourseTest, BooksWhatWasUsed) {
-  SCOPED_TRACE(GetParam().behaviour);
-  Course course(GetParam().credit);
-  for (const Step& step : GetParam().steps) std::visit(course, step);
-  EXPECT_EQ(course.Credit(), GetParam().left);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Ordinary, CreditCourseTest,
-    testing::Values(
-        Row{"credit 2 lasts 121 s: each minute paid in advance, the end is free",
-            2,
-            {Start{0}, Fetch{0, 2}, Report{1, 1, 1}, Fetch{1, 1}, Report{61, 0, 1}, Fetch{61, 0},
-             Report{121, -1, 0}, Fetch{121, 0}},
-            0},
-        Row{"credit that comes between the last minute and the end is not taken by the end",
-            1,
-            {Start{0}, Fetch{0, 1}, Report{1, 0, 1}, Fetch{1, 0}, CreditBecomes{30},
-             Report{61, -1, 0}},
-            30},
-        Row{"reports that drift by seconds are charged one each",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{2, 8, 1}, Fetch{2, 8}, Report{65, 7, 1}, Fetch{65, 7},
-             Report{121, 6, 1}},
-            6},
-        Row{"a top-up while it runs is not lost by the report that does not know it",
-            10,
-            {Start{0}, Fetch{0, 10}, CreditBecomes{40}, Report{1, 9, 1}, Fetch{1, 39}},
-            39}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Interruptions, CreditCourseTest,
-    testing::Values(
-        Row{"a quick relaunch within a paid minute is neither charged twice nor free",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Start{20}, Fetch{20, 8},
-             Report{21, 7, 0}, Fetch{21, 8}, Report{81, 7, 1}},
-            7},
-        Row{"a relaunch after a break begins a new minute, the break is free",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{1000}, Fetch{1000, 8},
-             Report{1001, 7, 1}, Report{1002, 6, 0}},
-            7},
-        Row{"a break of more than a minute ends what was begun",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{121}, Fetch{121, 8}, Report{122, 5, 1}},
-            7},
-        Row{"... a shorter one does not",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Start{120}, Fetch{120, 8}, Report{121, 5, 2}},
-            6},
-        Row{"minutes that a stopped agent caught up on are charged",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Report{181, 7, 1}, Fetch{181, 7},
-             Report{181, 6, 1}, Fetch{181, 6}, Report{181, 5, 1}, Fetch{181, 5}},
-            5},
-        Row{"a suspension costs the one minute that is reported",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Report{7201, 7, 1}},
-            7},
-        Row{"two processes of one application cost one minute a minute",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Start{30}, Fetch{30, 8},
-             Report{31, 7, 0}, Fetch{31, 8}, Report{61, 7, 1}, Fetch{61, 7}, Report{91, 6, 0}},
-            7},
-        Row{"after a reconnect a report claims one minute, whatever it says",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Reconnect{}, Report{61, 2, 1}},
-            7},
-        Row{"after a reboot of the Server the next report is one minute",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Reboot{}, Report{5, 7, 1}},
-            7},
-        Row{"a fetch without its report stands for it",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Fetch{61, 7, 1}},
-            7},
-        Row{"a fetch that is asked again at once costs nothing",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 8, 1}, Fetch{1, 8}, Fetch{3, 8}},
-            8},
-        Row{"a first fetch that is asked again takes the minute that the report then does not",
-            9,
-            {Start{0}, Fetch{0, 9}, Fetch{2, 8, 1}, Report{3, 7, 0}, Fetch{3, 8}},
-            8}));
-
-INSTANTIATE_TEST_SUITE_P(
-    Forgery, CreditCourseTest,
-    testing::Values(
-        Row{"a report that claims more credit than was handed adds nothing",
-            9,
-            {Start{0}, Fetch{0, 9}, Report{1, 99999, 0}, Report{1, 2147483647, 0}},
-            9},
-        Row{"a report that claims hours costs the time that has passed",
-            500,
-            {Start{0}, Fetch{0, 500}, Report{1, -2147483647 - 1, 1}, Report{2, -5, 0},
-             Report{61, 0, 1}},
-            498},
-        Row{"without a start a report costs one minute, and the next falls due 5 s early",
-            9,
-            {Report{0, 3, 1}, Report{1, 3, 0}, Report{54, 3, 0}, Report{55, 3, 1}},
-            7}));
-
-INSTANTIATE_TEST_SUITE_P(
-    GraceAndSpent, CreditCourseTest,
-    testing::Values(
-        Row{"a launch at 0 gets one minute of grace, a second launch none",
-            0,
-            {Start{0}, Fetch{0, 0}, Grace{1, 0}, Fetch{1, 0}, Report{61, -1, 0}, Fetch{61, 0},
-             Start{70}, Fetch{70, kSpentCredit}, Report{71, 0, 0}, Fetch{71, 0}},
-            0},
-        Row{"quitting within the grace does not bring another one",
-            0,
-            {Start{0}, Fetch{0, 0}, Grace{1, 0}, Fetch{1, 0}, Start{50}, Fetch{50, kSpentCredit},
-             Report{51, 0, 0}},
-            0},
-        Row{"what is spent stays spent at the next launch",
-            1,
-            {Start{0}, Fetch{0, 1}, Report{1, 0, 1}, Fetch{1, 0}, Report{61, -1, 0}, Fetch{61, 0},
-             Start{300}, Fetch{300, kSpentCredit}, Start{400}, Fetch{400, kSpentCredit}},
-            0},
-        Row{"new credit ends it, and gives a new grace afterwards",
-            0,
-            {Start{0}, Fetch{0, 0}, Grace{1, 0}, Report{61, -1, 0}, CreditBecomes{1}, Start{100},
-             Fetch{100, 1}, Report{101, 0, 1}, Fetch{101, 0}, CreditBecomes{0}, Start{200},
-             Fetch{200, 0}, Grace{201, 0}},
-            0}));
-
-INSTANTIATE_TEST_SUITE_P(
-    TheSpentValue, CreditCourseTest,
-    testing::Values(Row{"a credit that would fall to 12345 falls to 12344",
-                        12346,
-                        {Start{0}, Fetch{0, 12346}, Report{1, 12345, 1}, Fetch{1, 12344}},
-                        12344},
-                    Row{"12345 is never kept", 12345, {Start{0}, Fetch{0, 12344}}, 12344},
-                    Row{"credit beyond 31 bits is sent as the most there is",
-                        5000000000,
-                        {Start{0}, Fetch{0, 2147483647}, Report{1, 2147483646, 1}},
-                        4999999999}));
 
 TEST(CreditRulesTest, NothingIsCountedWhereTheLimitIsOff) {
   const AccountState off{10, false, false};

@@ -234,22 +234,8 @@ TEST_F(HouseholdTest, AgentsAreAnsweredWhileTheDiskFailsAndNothingIsLost) {
   Open();
   EXPECT_EQ(Credit(), 6);
   EXPECT_EQ(household_->Limits(anna_, game_)->limits.weekDayStart, 0);
+  EXPECT_EQ(household_->Limits(anna_, game_)->revision, 1u);
   EXPECT_EQ(Ledger().size(), 4u);
-}
-
-// --- Administration.
-
-TEST_F(HouseholdTest, TheRevisionCountsChangesOfTheLimitsOnly) {
-  Limit({{kStart, 480}, {kCredit, 5}});
-  EXPECT_EQ(household_->Limits(anna_, game_)->revision, 1u);
-  Limit({{kCredit, 6}});
-  EXPECT_EQ(household_->Limits(anna_, game_)->revision, 1u);
-  Limit({{kStart, 481}});
-  EXPECT_EQ(household_->Limits(anna_, game_)->revision, 2u);
-  Open();
-  EXPECT_EQ(household_->Limits(anna_, game_)->revision, 2u);
-  EXPECT_EQ(household_->Limits(anna_, game_)->limits.weekDayStart, 481);
-  EXPECT_EQ(Credit(), 6);
 }
 
 }  // namespace

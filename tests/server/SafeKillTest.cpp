@@ -190,44 +190,5 @@ TEST_F(SafeKill, TheKernelsRefusalIsToldApartFromGone) {
   EXPECT_TRUE(annas.IsAlive());
 }
 
-// --- The leader of a session, without login1.
-
-// Forks a process of `uid` that writes its pid to `out` once it is what it should be.
-void ForkMember(uid_t uid, int out) {
-  if (fork() != 0) return;
-  (void)!setresuid(uid, uid, uid);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  const pid_t self = getpid();
-  (void)!write(out, &self, sizeof(self));
-  for (;;) pause();
-}
-
-TEST_F(SafeKill, ALeaderIsKilledForAMemberOfItsSessionOnly) {
-  int annasPipe[2];
-  int rootsPipe[2];
-  ASSERT_EQ(pipe(annasPipe), 0);
-  ASSERT_EQ(pipe(rootsPipe), 0);
-  const Sleeper leader([&] {
-    setsid();
-    ForkMember(kAnna, annasPipe[1]);
-    ForkMember(0, rootsPipe[1]);
-  });
-  pid_t annas = 0;
-  pid_t roots = 0;
-  ASSERT_EQ(read(annasPipe[0], &annas, sizeof(annas)), static_cast<ssize_t>(sizeof(annas)));
-  ASSERT_EQ(read(rootsPipe[0], &roots, sizeof(roots)), static_cast<ssize_t>(sizeof(roots)));
-  const Sleeper other([] { setsid(); });
-
-  const KillRules rules{IsSessionLeaderByProcessTable, ReadProcessFacts};
-  EXPECT_EQ(KillOnRequest(leader.Pid(), kBert, rules), KillResult::NotTheirs) << "not a member";
-  EXPECT_EQ(KillOnRequest(roots, kAnna, rules), KillResult::NotTheirs)
-      << "a member, not the leader";
-  EXPECT_EQ(KillOnRequest(other.Pid(), kAnna, rules), KillResult::NotTheirs) << "another session";
-  EXPECT_TRUE(leader.IsAlive());
-  EXPECT_EQ(KillOnRequest(leader.Pid(), kAnna, rules), KillResult::Killed);
-  EXPECT_TRUE(leader.DiesOfKill());
-  for (const int fd : {annasPipe[0], annasPipe[1], rootsPipe[0], rootsPipe[1]}) close(fd);
-}
-
 }  // namespace
 }  // namespace vardell::server

@@ -93,15 +93,18 @@ TEST_F(SessionLeader, Login1DecidesWhereThereIsOneAndTheProcessTableElsewhere) {
     if (fork() == 0) {
       (void)!setresuid(kAnna, kAnna, kAnna);
       prctl(PR_SET_PDEATHSIG, SIGKILL);
-      (void)!write(ready[1], "r", 1);
+      const pid_t self = getpid();
+      (void)!write(ready[1], &self, sizeof(self));
       for (;;) pause();
     }
   });
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  pid_t member = 0;
+  ASSERT_EQ(read(ready[0], &member, sizeof(member)), static_cast<ssize_t>(sizeof(member)));
   const Sleeper byLogin1;  // the other way round
 
   EXPECT_TRUE(IsSessionLeaderOf(byTable.Pid(), kAnna)) << "no bus";
+  EXPECT_FALSE(IsSessionLeaderOf(byTable.Pid(), kBert)) << "not a member";
+  EXPECT_FALSE(IsSessionLeaderOf(member, kAnna)) << "a member, not the leader";
   ASSERT_NO_FATAL_FAILURE(StartBus());
   EXPECT_TRUE(IsSessionLeaderOf(byTable.Pid(), kAnna)) << "no login1";
   EXPECT_FALSE(IsSessionLeaderOf(byLogin1.Pid(), kAnna)) << "no login1";
