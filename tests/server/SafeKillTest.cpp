@@ -60,7 +60,7 @@ ProcessFacts Of(uid_t uid, const char* program = "game") {
   return Of({uid, uid, uid, uid}, program);
 }
 
-TEST_F(SafeKill, EndsOnlyWhatIsTheRequestersOrLeadsTheirSession) {
+TEST(SafeKillRules, EndOnlyWhatIsTheRequestersOrLeadsTheirSession) {
   constexpr uid_t kDaemon = 101;
   const struct {
     const char* what;
@@ -110,7 +110,7 @@ TEST_F(SafeKill, ReadsTheFactsOfRealProcesses) {
   EXPECT_TRUE(annas.DiesOfKill());
 }
 
-TEST_F(SafeKill, NeverTouchesTheFirstProcessItselfOrNonsense) {
+TEST(SafeKillRules, NeverTouchTheFirstProcessItselfOrNonsense) {
   const KillRules rules{Everybody, ReadProcessFacts};
   for (const pid_t pid : {1, 0, -1, -4242, static_cast<int>(getpid()), static_cast<int>(getppid()),
                           static_cast<int>(getsid(0))}) {
