@@ -15,11 +15,10 @@
 namespace vardell {
 namespace {
 
-constexpr std::array<std::string_view, 13> kKept = {"DISPLAY",
+constexpr std::array<std::string_view, 12> kKept = {"DISPLAY",
                                                     "XAUTHORITY",
                                                     "DBUS_SESSION_BUS_ADDRESS",
                                                     "XDG_RUNTIME_DIR",
-                                                    "XDG_SESSION_ID",
                                                     "XDG_CURRENT_DESKTOP",
                                                     "DESKTOP_SESSION",
                                                     "LANG",

@@ -19,15 +19,16 @@ constexpr QLatin1String kService("org.freedesktop.login1");
 constexpr QLatin1String kManagerPath("/org/freedesktop/login1");
 constexpr QLatin1String kManager("org.freedesktop.login1.Manager");
 constexpr QLatin1String kSession("org.freedesktop.login1.Session");
+constexpr QLatin1String kUser("org.freedesktop.login1.User");
 constexpr QLatin1String kProperties("org.freedesktop.DBus.Properties");
 constexpr QLatin1String kLocal("org.freedesktop.DBus.Local");
 constexpr QLatin1String kLocalPath("/org/freedesktop/DBus/Local");
 
 QDBusMessage Ask(const QDBusConnection& bus, const QString& path, const QString& interface,
-                 const QString& method, const QVariant& argument) {
+                 const QString& method, const QVariantList& arguments) {
   QDBusMessage call = QDBusMessage::createMethodCall(kService, path, interface, method);
   call.setAutoStartService(false);
-  call << argument;
+  call.setArguments(arguments);
   return bus.call(call, QDBus::Block, kAnswerLimitMs);
 }
 
@@ -40,16 +41,21 @@ bool IsSilence(const QDBusMessage& answer) {
          answer.errorName() == QLatin1String("org.freedesktop.DBus.Error.Timeout");
 }
 
-bool IsOurs(const QVariantMap& session) {
-  const QVariant user = session.value(QStringLiteral("User"));
-  if (user.userType() != qMetaTypeId<QDBusArgument>()) return false;
-  const QDBusArgument argument = user.value<QDBusArgument>();
-  if (argument.currentType() != QDBusArgument::StructureType) return false;
-  quint32 uid = 0;
-  QDBusObjectPath object;
+// What is not such a structure leaves both as they are.
+template <typename Name>
+void ReadReference(const QVariant& value, Name& name, QDBusObjectPath& object) {
+  if (value.userType() != qMetaTypeId<QDBusArgument>()) return;
+  const QDBusArgument argument = value.value<QDBusArgument>();
+  if (argument.currentType() != QDBusArgument::StructureType) return;
   argument.beginStructure();
-  argument >> uid >> object;
+  argument >> name >> object;
   argument.endStructure();  // left open, it would leak
+}
+
+bool IsOurs(const QVariantMap& session) {
+  quint32 uid = getuid() + 1;
+  QDBusObjectPath object;
+  ReadReference(session.value(QStringLiteral("User")), uid, object);
   return uid == getuid();
 }
 
@@ -81,6 +87,10 @@ void LinuxSession::Connect() {
   auto* watcher =
       new QDBusServiceWatcher(kService, *bus_, QDBusServiceWatcher::WatchForOwnerChange, this);
   watcher->setObjectName(name_);
+  for (const char* event : {"SessionNew", "SessionRemoved"}) {
+    bus_->connect(kService, kManagerPath, kManager, QLatin1String(event), this,
+                  SLOT(SessionsChanged()));
+  }
   connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
           [this](const QString&, const QString&, const QString& owner) { OwnerChanged(owner); });
   FindSession();
@@ -102,6 +112,10 @@ void LinuxSession::OwnerChanged(const QString& owner) {
   }
 }
 
+void LinuxSession::SessionsChanged() {
+  FindSession();
+}
+
 void LinuxSession::FindSession() {
   noAnswer_ = false;
   const QString path = OwnSessionPath();
@@ -118,23 +132,35 @@ void LinuxSession::FindSession() {
 
 QString LinuxSession::OwnSessionPath() {
   const QDBusMessage byPid = Ask(*bus_, kManagerPath, kManager, QStringLiteral("GetSessionByPID"),
-                                 QVariant::fromValue(static_cast<quint32>(getpid())));
+                                 {static_cast<quint32>(getpid())});
   if (IsReply(byPid)) return qvariant_cast<QDBusObjectPath>(byPid.arguments().constFirst()).path();
   noAnswer_ = IsSilence(byPid);
-  const QString id = qEnvironmentVariable("XDG_SESSION_ID");
-  if (noAnswer_ || id.isEmpty()) return {};
-  const QDBusMessage byId = Ask(*bus_, kManagerPath, kManager, QStringLiteral("GetSession"), id);
-  noAnswer_ = IsSilence(byId);
-  if (!IsReply(byId)) return {};
-  const QString path = qvariant_cast<QDBusObjectPath>(byId.arguments().constFirst()).path();
-  // The variable is anybody's to set: another user's session would not be ours to follow.
-  const std::optional<QVariantMap> session = ReadSession(path);
-  return session && IsOurs(*session) ? path : QString();
+  return noAnswer_ ? QString() : DisplaySessionPath();
+}
+
+// The user's service manager and what it starts are in no session.
+QString LinuxSession::DisplaySessionPath() {
+  const QDBusMessage user =
+      Ask(*bus_, kManagerPath, kManager, QStringLiteral("GetUser"), {quint32{getuid()}});
+  noAnswer_ = IsSilence(user);
+  if (!IsReply(user)) return {};
+  const QString userPath = qvariant_cast<QDBusObjectPath>(user.arguments().constFirst()).path();
+  const QDBusMessage display = Ask(*bus_, userPath, kProperties, QStringLiteral("Get"),
+                                   {QString(kUser), QStringLiteral("Display")});
+  noAnswer_ = IsSilence(display);
+  if (!IsReply(display)) return {};
+  QString id;
+  QDBusObjectPath object(QStringLiteral("/"));
+  ReadReference(qvariant_cast<QDBusVariant>(display.arguments().constFirst()).variant(), id,
+                object);
+  if (object.path() == QLatin1String("/")) return {};
+  const std::optional<QVariantMap> session = ReadSession(object.path());
+  return session && IsOurs(*session) ? object.path() : QString();
 }
 
 std::optional<QVariantMap> LinuxSession::ReadSession(const QString& path) {
   const QDBusMessage answer =
-      Ask(*bus_, path, kProperties, QStringLiteral("GetAll"), QString(kSession));
+      Ask(*bus_, path, kProperties, QStringLiteral("GetAll"), {QString(kSession)});
   noAnswer_ = IsSilence(answer);
   if (!IsReply(answer)) return std::nullopt;
   return qdbus_cast<QVariantMap>(answer.arguments().constFirst());

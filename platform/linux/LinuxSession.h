@@ -1,5 +1,7 @@
-// Session by login1 on the system bus. Where nobody answers, or login1 does not know this process,
-// the session counts as active and its leader is the process whose pid is getsid of this one.
+// Session by login1 on the system bus: the session that this process is in, or where it is in none
+// (the user's service manager has started it), the one that login1 names as the user's display.
+// Where nobody answers, or there is neither, the session counts as active and its leader is the
+// process whose pid is getsid of this one. Nothing in this process's environment has a say.
 // A login1 that comes later, goes, or comes back is noticed. Each question waits at most 2 s.
 #pragma once
 
@@ -28,12 +30,14 @@ class LinuxSession : public QObject, public Session {
   void PropertiesChanged(const QString& interface, const QVariantMap& changed,
                          const QStringList& invalidated);
   void BusLost();
+  void SessionsChanged();
 
  private:
   void Connect();
   void OwnerChanged(const QString& owner);
   void FindSession();
   QString OwnSessionPath();
+  QString DisplaySessionPath();
   std::optional<QVariantMap> ReadSession(const QString& path);
   void Follow(const QString& path);
   void Learn(const QVariantMap& properties);

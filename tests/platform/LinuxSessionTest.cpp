@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
@@ -16,8 +17,12 @@ namespace {
 using test::Program;
 using test::WaitUntil;
 
+using namespace Qt::StringLiterals;
+
 constexpr pid_t kLeader = 4242;
-const QString kSessionPath = QStringLiteral("/org/freedesktop/login1/session/s1");
+const QString kLogin1 = u"org.freedesktop.login1"_s;
+const QString kManagerPath = u"/org/freedesktop/login1"_s;
+const QString kSessionPath = u"/org/freedesktop/login1/session/s1"_s;
 
 // A login1 that knows the session before anybody can ask for it, as a restarted one does.
 constexpr char kKnowingLogin1[] = R"(
@@ -44,33 +49,29 @@ GLib.MainLoop().run()
 class LinuxSessionTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    folder = new QTemporaryDir(QStringLiteral("/tmp/vardell-session-XXXXXX"));
+    folder = new QTemporaryDir(u"/tmp/vardell-session-XXXXXX"_s);
     setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + Socket()).c_str(), 1);
   }
   static void TearDownTestSuite() { delete folder; }
-  void TearDown() override {
-    QDBusConnection::disconnectFromBus(QStringLiteral("test"));
-    unsetenv("XDG_SESSION_ID");
-  }
+  void TearDown() override { QDBusConnection::disconnectFromBus(u"test"_s); }
 
   static std::string Socket() { return folder->path().toStdString() + "/bus"; }
   void StartBus() {
     unlink(Socket().c_str());
     bus_ = Program({"dbus-daemon", "--session", "--nofork", "--address=unix:path=" + Socket()}, {});
     ASSERT_TRUE(WaitUntil([] {
-      QDBusConnection::disconnectFromBus(QStringLiteral("test"));
+      QDBusConnection::disconnectFromBus(u"test"_s);
       return Bus().isConnected();
     }));
   }
   static QDBusConnection Bus() {
-    return QDBusConnection::connectToBus(
-        QStringLiteral("unix:path=") + QString::fromStdString(Socket()), QStringLiteral("test"));
+    return QDBusConnection::connectToBus(u"unix:path="_s + QString::fromStdString(Socket()),
+                                         u"test"_s);
   }
   static bool IsThere() {
-    QDBusMessage ask = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/"),
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
-    ask << QStringLiteral("org.freedesktop.login1");
+    QDBusMessage ask = QDBusMessage::createMethodCall(u"org.freedesktop.DBus"_s, u"/"_s,
+                                                      u"org.freedesktop.DBus"_s, u"NameHasOwner"_s);
+    ask << kLogin1;
     return Bus().call(ask, QDBus::Block, 1000).arguments().value(0).toBool();
   }
   void StartLogin1() {
@@ -78,29 +79,54 @@ class LinuxSessionTest : public testing::Test {
                       {.output = folder->path().toStdString() + "/login1.log"});
     ASSERT_TRUE(WaitUntil(IsThere));
   }
-  static void Mock(const QString& path, const QString& method, const QVariantList& arguments) {
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.login1"), path,
-                                       QStringLiteral("org.freedesktop.DBus.Mock"), method);
+  static void Call(const QString& path, const QString& interface, const QString& method,
+                   const QVariantList& arguments) {
+    QDBusMessage call = QDBusMessage::createMethodCall(kLogin1, path, interface, method);
     call.setArguments(arguments);
     const QDBusMessage answer = Bus().call(call, QDBus::Block, 5000);
     ASSERT_EQ(answer.type(), QDBusMessage::ReplyMessage) << answer.errorMessage().toStdString();
   }
+  static void Mock(const QString& path, const QString& method, const QVariantList& arguments) {
+    Call(path, u"org.freedesktop.DBus.Mock"_s, method, arguments);
+  }
   static void AddSession(bool active, uid_t user = getuid(), quint32 leader = kLeader) {
-    Mock(QStringLiteral("/org/freedesktop/login1"), QStringLiteral("AddSession"),
-         {QStringLiteral("s1"), QStringLiteral("seat0"), user, QStringLiteral("child"), active});
-    Update({{QStringLiteral("Leader"), leader}});
+    Mock(kManagerPath, u"AddSession"_s, {u"s1"_s, u"seat0"_s, user, u"child"_s, active});
+    Update({{u"Leader"_s, leader}});
   }
   static void Update(const QVariantMap& properties) {
-    Mock(kSessionPath, QStringLiteral("UpdateProperties"),
-         {QStringLiteral("org.freedesktop.login1.Session"), properties});
+    Mock(kSessionPath, u"UpdateProperties"_s, {kLogin1 + u".Session"_s, properties});
+  }
+  static void Answer(const QString& method, quint32 argument, const QString& path) {
+    Mock(kManagerPath, u"AddMethod"_s,
+         {kLogin1 + u".Manager"_s, method, u"u"_s, u"o"_s,
+          u"ret = '%1' if args[0] == %2 else '/no'"_s.arg(path).arg(argument)});
   }
   static void AnswerByPid() {
-    Mock(
-        QStringLiteral("/org/freedesktop/login1"), QStringLiteral("AddMethod"),
-        {QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("GetSessionByPID"),
-         QStringLiteral("u"), QStringLiteral("o"),
-         QStringLiteral("ret = '%1' if args[0] == %2 else '/no'").arg(kSessionPath).arg(getpid())});
+    Answer(u"GetSessionByPID"_s, static_cast<quint32>(getpid()), kSessionPath);
+  }
+  // The display of the user whom login1 tells to be ours.
+  static void AnswerByDisplay(const QString& session, uid_t user = getuid()) {
+    const QString userPath = kManagerPath + u"/user/%1"_s.arg(user);
+    Answer(u"GetUser"_s, getuid(), userPath);
+    QDBusArgument display;
+    display.beginStructure();
+    display << u"s1"_s << QDBusObjectPath(session);
+    display.endStructure();
+    const QVariant value = QVariant::fromValue(QDBusVariant(QVariant::fromValue(display)));
+    Call(userPath, u"org.freedesktop.DBus.Properties"_s, u"Set"_s,
+         {kLogin1 + u".User"_s, u"Display"_s, value});
+    // As login1 says of every login that comes or goes.
+    Mock(kManagerPath, u"EmitSignal"_s,
+         {kLogin1 + u".Manager"_s, u"SessionRemoved"_s, u"so"_s,
+          QVariantList{u"s2"_s, u"/session/s2"_s}});
+  }
+  static void ExpectUnknown(LinuxSession& session) {
+    EXPECT_TRUE(session.IsActive());
+    EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
+  }
+  static void ExpectInactive(LinuxSession& session) {
+    EXPECT_FALSE(session.IsActive());
+    EXPECT_EQ(session.LeaderPid(), kLeader);
   }
   void Watch(LinuxSession& session) {
     session.Watch([this](bool active) { changes_.push_back(active); });
@@ -117,47 +143,37 @@ class LinuxSessionTest : public testing::Test {
   std::vector<bool> changes_;
 };
 
-TEST_F(LinuxSessionTest, WithoutABusIsActiveAndLedByGetsid) {
-  LinuxSession session;
-  EXPECT_TRUE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
-}
-
-TEST_F(LinuxSessionTest, WithoutLogin1IsActiveAndLedByGetsid) {
+TEST_F(LinuxSessionTest, IsActiveAndLedByGetsidWhereNobodyKnowsBetter) {
+  ExpectUnknown(*std::make_unique<LinuxSession>());  // no bus
   StartBus();
+  ExpectUnknown(*std::make_unique<LinuxSession>());  // no login1
+  StartLogin1();
+  AddSession(false);
+  setenv("XDG_SESSION_ID", "s1", 1);  // anybody's to set
   LinuxSession session;
-  EXPECT_TRUE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
+  unsetenv("XDG_SESSION_ID");
+  ExpectUnknown(session);
 }
 
-TEST_F(LinuxSessionTest, IsFoundByPidAndReadAtStart) {
+TEST_F(LinuxSessionTest, InNoSessionIsTheOneOnTheUsersDisplay) {
   StartBus();
   StartLogin1();
   AddSession(false);
-  AnswerByPid();
+  AnswerByDisplay(kSessionPath);
   LinuxSession session;
-  EXPECT_FALSE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), kLeader);
+  ExpectInactive(session);
+  AnswerByDisplay(u"/"_s);
+  EXPECT_TRUE(WaitUntil([&] { return session.IsActive(); })) << "of a login that is over";
+  EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
 }
 
-TEST_F(LinuxSessionTest, IsFoundByItsIdWherePidsAreNotAnswered) {
-  StartBus();
-  StartLogin1();
-  AddSession(false);
-  setenv("XDG_SESSION_ID", "s1", 1);
-  LinuxSession session;
-  EXPECT_FALSE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), kLeader);
-}
-
-TEST_F(LinuxSessionTest, OfAnotherUserIsNotFollowedByItsId) {
+TEST_F(LinuxSessionTest, OfAnotherUserIsNotFollowed) {
   StartBus();
   StartLogin1();
   AddSession(false, getuid() + 1);
-  setenv("XDG_SESSION_ID", "s1", 1);
+  AnswerByDisplay(kSessionPath, getuid() + 1);
   LinuxSession session;
-  EXPECT_TRUE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
+  ExpectUnknown(session);
 }
 
 TEST_F(LinuxSessionTest, LeaderThatCannotBeEndedIsNotBelieved) {
@@ -167,7 +183,7 @@ TEST_F(LinuxSessionTest, LeaderThatCannotBeEndedIsNotBelieved) {
   AnswerByPid();
   LinuxSession session;
   EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
-  Update({{QStringLiteral("Leader"), static_cast<quint32>(getpid())}});
+  Update({{u"Leader"_s, static_cast<quint32>(getpid())}});
   EXPECT_TRUE(WaitUntil([&] { return session.LeaderPid() == 0; })) << "not this process itself";
 }
 
@@ -178,10 +194,10 @@ TEST_F(LinuxSessionTest, TellsEachSwitchOnce) {
   AnswerByPid();
   LinuxSession session;
   Watch(session);
-  Update({{QStringLiteral("Active"), false}});
+  Update({{u"Active"_s, false}});
   ASSERT_TRUE(WaitUntil([&] { return changes_.size() == 1; }));
-  Update({{QStringLiteral("Active"), false}, {QStringLiteral("IdleHint"), true}});
-  Update({{QStringLiteral("Active"), true}});
+  Update({{u"Active"_s, false}, {u"IdleHint"_s, true}});
+  Update({{u"Active"_s, true}});
   ASSERT_TRUE(WaitUntil([&] { return changes_.size() == 2; }));
   EXPECT_EQ(changes_, (std::vector<bool>{false, true}));
   EXPECT_TRUE(session.IsActive());
@@ -194,20 +210,19 @@ TEST_F(LinuxSessionTest, Login1MayComeLateGoAndComeBack) {
   login1_ = Program({"/usr/bin/python3", "-c", kKnowingLogin1},
                     {.output = folder->path().toStdString() + "/login1.log"});
   ASSERT_TRUE(WaitUntil([&] { return changes_ == std::vector<bool>{false}; }));
-  EXPECT_FALSE(session.IsActive());
-  EXPECT_EQ(session.LeaderPid(), kLeader);
-
+  ExpectInactive(session);
   login1_.End(SIGKILL);
   ASSERT_TRUE(WaitUntil([&] { return changes_ == (std::vector<bool>{false, true}); }));
   EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
 }
 
-TEST_F(LinuxSessionTest, LostBusLeavesTheSessionActive) {
+TEST_F(LinuxSessionTest, IsFoundByPidAndActiveOnceTheBusIsLost) {
   StartBus();
   StartLogin1();
   AddSession(false);
   AnswerByPid();
   LinuxSession session;
+  ExpectInactive(session);
   Watch(session);
   bus_.End(SIGKILL);
   ASSERT_TRUE(WaitUntil([&] { return changes_ == std::vector<bool>{true}; }));
