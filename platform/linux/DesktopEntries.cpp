@@ -111,6 +111,18 @@ void AddTo(QHash<Key, DesktopEntries::List>& index, const Key& key, const Deskto
   list.insert(end, entry);
 }
 
+// A name proves nothing of a file that is known: it may be another one's in a mount namespace of
+// its own. Only a file that has been put in the place of the one that was read still goes by its
+// name.
+DesktopEntries::List Find(const QHash<FileId, DesktopEntries::List>& byFile,
+                          const QHash<QByteArray, DesktopEntries::List>& byPath,
+                          const QByteArray& path, const FileId& file) {
+  if (file.IsValid() && byFile.contains(file)) return byFile[file];
+  const DesktopEntries::List named = byPath.value(path);
+  const bool isThere = named.isEmpty() || !file.IsValid() || IdOfFile(path) == file;
+  return isThere ? named : DesktopEntries::List();
+}
+
 }  // namespace
 
 std::vector<ApplicationFolder> ApplicationFolders(const QString& home) {
@@ -226,13 +238,11 @@ const DesktopEntry* DesktopEntries::ByPath(const QString& path) const {
 }
 
 DesktopEntries::List DesktopEntries::ByProgram(const QByteArray& path, const FileId& file) const {
-  const List byFile = byProgramFile_.value(file);
-  return byFile.isEmpty() ? byProgram_.value(path) : byFile;
+  return Find(byProgramFile_, byProgram_, path, file);
 }
 
 DesktopEntries::List DesktopEntries::ByScript(const QByteArray& path, const FileId& file) const {
-  const List byFile = byScriptFile_.value(file);
-  return byFile.isEmpty() ? byScript_.value(path) : byFile;
+  return Find(byScriptFile_, byScript_, path, file);
 }
 
 DesktopEntries::List DesktopEntries::ByBaseName(const QByteArray& name) const {
@@ -244,7 +254,8 @@ DesktopEntries::List DesktopEntries::ByWindowClass(const QString& windowClass) c
 }
 
 bool DesktopEntries::IsSessionPart(const QByteArray& path, const FileId& file) const {
-  return sessionPrograms_.contains(path) || (file.IsValid() && sessionFiles_.contains(file));
+  if (file.IsValid() && sessionFiles_.contains(file)) return true;
+  return sessionPrograms_.contains(path) && (!file.IsValid() || IdOfFile(path) == file);
 }
 
 }  // namespace vardell

@@ -35,12 +35,14 @@ class DesktopEntries {
   // Valid until Update() answers true.
   const DesktopEntry* ById(const QString& id) const;
   const DesktopEntry* ByPath(const QString& path) const;
+  // By the file where it is known, else by the path.
   List ByProgram(const QByteArray& path, const FileId& file) const;
   List ByScript(const QByteArray& path, const FileId& file) const;
   List ByBaseName(const QByteArray& name) const;
   List ByWindowClass(const QString& windowClass) const;
 
   // True for the executable of a window manager, a panel and the like, which no entry names.
+  // Path and file as above.
   bool IsSessionPart(const QByteArray& path, const FileId& file) const;
 
  private:

@@ -91,8 +91,9 @@ List ByHiddenProgram(const ProcessFacts& process, const DesktopEntries& entries)
 
 List ByProgram(const ProcessFacts& process, const DesktopEntries& entries) {
   if (process.executable.isEmpty()) return ByHiddenProgram(process, entries);
-  if (IsInterpreter(process.executable)) return {};
-  return entries.ByProgram(process.executable, process.executableFile);
+  const bool hasNameOfItsOwn = !IsInterpreter(process.executable);
+  return entries.ByProgram(hasNameOfItsOwn ? process.executable : QByteArray(),
+                           process.executableFile);
 }
 
 List ByScript(const ProcessFacts& process, const DesktopEntries& entries) {

@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/openat2.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -89,12 +91,32 @@ std::optional<ProcessStat> ParseStat(pid_t pid, const QByteArray& text) {
   return stat;
 }
 
-void ReadScript(ProcessFacts& facts, const QByteArray& workingFolder) {
+// As the process itself finds it, which may have other files mounted than this one. -1 on failure.
+int OpenAsProcess(pid_t pid, const QByteArray& path) {
+  if (!path.startsWith('/')) {
+    return open((ProcPath(pid, "cwd/") + path).constData(), O_PATH | O_CLOEXEC);
+  }
+  const int root = open(ProcPath(pid, "root").constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_IN_ROOT;
+  const long fd = syscall(SYS_openat2, root, path.constData(), &how, sizeof how);
+  if (root >= 0) close(root);
+  return static_cast<int>(fd);
+}
+
+void ReadScript(ProcessFacts& facts, pid_t thread) {
   if (!IsInterpreter(facts.executable)) return;
   const QByteArray word = ScriptArgument(facts.executable, facts.arguments);
   if (word.isEmpty()) return;
-  facts.script = RealFile(word.startsWith('/') ? word : workingFolder + word);
-  facts.scriptFile = IdOfFile(facts.script);
+  const int fd = OpenAsProcess(thread, word);
+  struct stat status {};
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+    const QByteArray opened = "/proc/self/fd/" + QByteArray::number(fd);
+    facts.script = ReadLink(opened);
+    facts.scriptFile = IdOfFile(opened);
+  }
+  if (fd >= 0) close(fd);
 }
 
 // Another mount namespace is the mark of a sandbox; without one the file would be the machine's.
@@ -184,7 +206,7 @@ ProcessFacts ReadProcessFacts(const ProcessStat& stat) {
   facts.executable = ReadExecutable(thread);
   facts.executableFile = IdOfExecutable(thread);
   facts.arguments = ReadArguments(thread);
-  ReadScript(facts, ProcPath(thread, "cwd/"));
+  ReadScript(facts, thread);
   facts.cgroup = ReadCgroup(thread);
   facts.flatpak = ReadFlatpak(thread);
   ReadEnvironment(facts, thread);

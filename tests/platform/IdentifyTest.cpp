@@ -2,34 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
-
 #include "tests/platform/Installation.h"
 
 namespace vardell {
 namespace {
 
-using test::Installation;
-
-// "@" stands for the test root. Files are told apart by path and by what they are.
-struct Row {
-  const char* behaviour;
-  const char* executable;
-  std::vector<const char*> arguments;
-  const char* script = "";
-  const char* cgroup = "/";
-  const char* expected = "";
-  const char* flatpak = "";
-  const char* launchEntry = "";
-  const char* windowClass = "";
-  const char* name = "";
-};
-
-void PrintTo(const Row& row, std::ostream* out) {
-  *out << row.behaviour;
-}
-
-class IdentifyTest : public testing::TestWithParam<Row> {
+// "@" stands for the test root, "~" for the home folder.
+class IdentifyTest : public testing::Test {
  protected:
   IdentifyTest() {
     for (const char* program : {"bin/chess", "bin/office", "bin/wm", "bin/my-app", "bin/launcher",
@@ -38,6 +17,7 @@ class IdentifyTest : public testing::TestWithParam<Row> {
     }
     installed_.AddProgram("bin/browser", "#!/bin/sh\nexec @/lib/browser/browser\n");
     installed_.AddProgram("bin/painter.py", "#!/usr/bin/python3\n");
+    installed_.AddProgram("bin/panel.py", "#!/usr/bin/python3\n");
     installed_.AddSystemEntry("chess", "@/bin/chess");
     installed_.AddSystemEntry("office-writer", "@/bin/office --writer %U");
     installed_.AddSystemEntry("office-calc", "@/bin/office --calc %U");
@@ -45,6 +25,7 @@ class IdentifyTest : public testing::TestWithParam<Row> {
     installed_.AddSystemEntry("painter", "python3 -B @/bin/painter.py");
     installed_.AddSystemEntry("python3.11", "/usr/bin/python3");
     installed_.AddSystemEntry("wm", "@/bin/wm", "X-GNOME-Autostart-Phase=WindowManager");
+    installed_.AddSystemEntry("panel.py", "@/bin/panel.py", "X-GNOME-Autostart-Phase=Panel");
     installed_.AddSystemEntry("org.flat.App", "flatpak run --command=x org.flat.App");
     installed_.AddSystemEntry("player_player", "env A=B snap run player");
     installed_.AddSystemEntry("my-app", "env LANG=C -u X @/bin/my-app");
@@ -57,197 +38,119 @@ class IdentifyTest : public testing::TestWithParam<Row> {
     entries_.Update();
   }
 
-  QByteArray Expand(const char* text) const {
-    return QByteArray(text)
-        .replace('~', getpwuid(getuid())->pw_dir)
-        .replace('@', installed_.Native("").chopped(1));
-  }
-  ProcessFacts Facts(const Row& row) const {
+  // Words such as "exe=/bin/sh arg=x". Files are those of the paths unless they are given.
+  ProcessFacts Facts(QByteArray text) const {
+    text.replace('~', getpwuid(getuid())->pw_dir).replace("@/", installed_.Native(""));
+    QMultiHash<QByteArray, QByteArray> given;
     ProcessFacts facts;
+    for (const QByteArray& word : text.split(' ')) {
+      const QByteArray key = word.left(word.indexOf('='));
+      const QByteArray value = word.mid(key.size() + 1);
+      given.insert(key, value);
+      if (key == "arg") facts.arguments.push_back(value);
+      if (key == "class") facts.windowClasses.push_back(value);
+    }
     facts.pid = 4711;
-    facts.name = row.name;
-    facts.executable = Expand(row.executable);
-    facts.executableFile = IdOfFile(facts.executable);
-    for (const char* word : row.arguments) facts.arguments.push_back(Expand(word));
-    facts.script = Expand(row.script);
-    facts.scriptFile = IdOfFile(facts.script);
-    facts.cgroup = row.cgroup;
-    facts.flatpak = row.flatpak;
-    facts.launchEntry = Expand(row.launchEntry);
-    if (*row.windowClass) facts.windowClasses = {row.windowClass};
+    facts.name = given.value("name");
+    facts.executable = given.value("exe");
+    facts.executableFile = IdOfFile(given.value("file", facts.executable));
+    facts.script = given.value("script");
+    facts.scriptFile = IdOfFile(given.value("scriptfile", facts.script));
+    facts.cgroup = given.value("unit", "/");
+    facts.flatpak = given.value("flatpak");
+    facts.launchEntry = given.value("launched");
     return facts;
   }
-  QString IdOf(const ProcessFacts& facts) const {
-    const Identity identity = Identify(facts, entries_);
-    return identity.entry ? identity.entry->id : QString();
+  std::string IdOf(const QByteArray& facts) const {
+    const Identity identity = Identify(Facts(facts), entries_);
+    return identity.entry ? identity.entry->id.toStdString() : "";
   }
 
-  Installation installed_;
+  test::Installation installed_;
   DesktopEntries entries_{ApplicationFolders(QString::fromUtf8(getpwuid(getuid())->pw_dir))};
 };
 
-TEST_P(IdentifyTest, Gives) {
-  EXPECT_EQ(IdOf(Facts(GetParam())), QString::fromUtf8(GetParam().expected));
-}
-
-const Row kRows[] = {
-    {"its executable names it", "@/bin/chess", {"chess"}, "", "/", "chess"},
-    {"nothing known of it", "@/bin/none", {"none"}, "", "/", ""},
-    {"an interpreter alone is nobody", "/usr/bin/python3.11", {"python3"}, "", "/", ""},
-    {"a shell without a script is nobody", "/bin/sh", {"sh"}, "", "/", ""},
-    {"a script before its interpreter",
-     "/usr/bin/python3.11",
-     {"python3"},
-     "@/bin/painter.py",
-     "/",
-     "painter"},
-    {"a window manager is no application", "@/bin/wm", {"wm"}, "", "/app-chess-1.scope", ""},
-    {"the user cannot make a program part of the session",
-     "@/bin/my-app",
-     {"x"},
-     "",
-     "/",
-     "my-app"},
-    {"arguments tell siblings apart", "@/bin/office", {"office", "--calc"}, "", "/", "office-calc"},
-    {"and so they do for the other",
-     "@/bin/office",
-     {"office", "--writer"},
-     "",
-     "/",
-     "office-writer"},
-
-    {"unit of a scope", "@/bin/none", {}, "", "/user.slice/app-chess-12.scope", "chess"},
-    {"unit with a launcher", "@/bin/none", {}, "", "/app.slice/app-gnome-chess-9.scope", "chess"},
-    {"unit with an escaped dash", "@/bin/none", {}, "", "/app-gnome-my\\x2dapp-3.scope", "my-app"},
-    {"unit with a dash as it is", "@/bin/none", {}, "", "/app-my-app-3.scope", "my-app"},
-    {"unit of a service", "@/bin/none", {}, "", "/app-gnome-chess@autostart.service", "chess"},
-    {"group below the unit", "@/bin/none", {}, "", "/app-chess-1.scope/tabs/7", "chess"},
-    {"unit of a sandbox",
-     "@/bin/none",
-     {},
-     "",
-     "/app-flatpak-org.flat.App-77.scope",
-     "org.flat.App"},
-    {"unit of a snap",
-     "@/bin/none",
-     {},
-     "",
-     "/snap.player.player-0a1b2c3d-0a1b-0a1b-0a1b-0a1b2c3d4e5f.scope",
-     "player_player"},
-    {"older unit of a snap",
-     "@/bin/none",
-     {},
-     "",
-     "/snap.player.player.0a1b2c3d.scope",
-     "player_player"},
-    {"unit of something that is not installed", "@/bin/none", {}, "", "/app-none-12.scope", ""},
-    {"a slice is no unit of an application", "@/bin/none", {}, "", "/app-chess.slice/x.scope", ""},
-    {"unit before the user's own executable",
-     "@/home/homemade",
-     {},
-     "",
-     "/app-chess-1.scope",
-     "chess"},
-    {"a trusted executable before a chosen unit",
-     "@/bin/chess",
-     {},
-     "",
-     "/app-gnome-calculator-1.scope",
-     "chess"},
-    {"a trusted script before a chosen unit",
-     "/usr/bin/python3.11",
-     {},
-     "@/bin/painter.py",
-     "/app-gnome-calculator-1.scope",
-     "painter"},
-
-    {"a sandbox's own word", "/app/bin/x", {}, "", "/", "org.flat.App", "org.flat.App"},
-    {"a trusted executable before a sandbox's word",
-     "@/bin/chess",
-     {},
-     "",
-     "/",
-     "chess",
-     "org.flat.App"},
-    {"the user's own executable", "@/home/homemade", {}, "", "/", "homemade"},
-    {"the user's entry for an installed program loses", "@/bin/chess", {}, "", "/", "chess"},
-    {"a copy keeps its base name", "/elsewhere/chess", {}, "", "/", "chess"},
-    {"a program started through a wrapper of its name",
-     "/lib/browser/browser",
-     {},
-     "",
-     "/",
-     "org.web.Browser"},
-    {"the wrapper itself", "/usr/bin/dash", {}, "@/bin/browser", "/", "org.web.Browser"},
-    {"the launcher's word",
-     "@/bin/none",
-     {},
-     "",
-     "/",
-     "homemade",
-     "",
-     "@~/.local/share/applications/homemade.desktop"},
-    {"the base name before the launcher's word",
-     "/x/chess",
-     {},
-     "",
-     "/",
-     "chess",
-     "",
-     "@~/.local/share/applications/homemade.desktop"},
-    {"the class of its window, the installed entry's",
-     "@/bin/none",
-     {},
-     "",
-     "/",
-     "classy",
-     "",
-     "",
-     "cLASSY"},
-    {"an executable that is kept from the user",
-     "",
-     {"/x/chess"},
-     "",
-     "/app-calculator-1.scope",
-     "chess",
-     "",
-     "",
-     "",
-     "chess"},
-    {"the same with a name that the kernel cuts",
-     "",
-     {"a-game-with-a-long-name"},
-     "",
-     "/",
-     "longname",
-     "",
-     "",
-     "",
-     "a-game-with-a-l"},
-    {"a first argument alone proves nothing", "", {"/x/chess"}, "", "/", "", "", "", "", "other"},
+struct Row {
+  const char* behaviour;
+  const char* facts;
+  const char* expected;
 };
 
-INSTANTIATE_TEST_SUITE_P(Rule, IdentifyTest, testing::ValuesIn(kRows), [](const auto& row) {
-  std::string name(row.param.behaviour);
-  for (char& c : name) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
-  return name;
-});
+constexpr Row kRows[] = {
+    {"its executable names it", "exe=@/bin/chess", "chess"},
+    {"nothing known of it", "exe=@/bin/none", ""},
+    {"an interpreter alone is nobody", "exe=/usr/bin/python3.11", ""},
+    {"a script before its interpreter", "exe=/usr/bin/python3.11 script=@/bin/painter.py",
+     "painter"},
+    {"a window manager is no application", "exe=@/bin/wm unit=/app-chess-1.scope", ""},
+    {"a panel's script neither", "exe=/usr/bin/python3 script=@/bin/panel.py", ""},
+    {"the user cannot make a program part of the session", "exe=@/bin/my-app", "my-app"},
+    {"arguments tell siblings apart", "exe=@/bin/office arg=x arg=--calc", "office-calc"},
+    {"and so they do for the other", "exe=@/bin/office arg=x arg=--writer", "office-writer"},
 
-using Executables = IdentifyTest;
+    {"mounted over the window manager", "exe=@/bin/wm file=@/bin/chess", "chess"},
+    {"mounted over another program", "exe=@/bin/my-app file=@/bin/chess", "chess"},
+    {"mounted over an interpreter", "exe=/x/python3 file=@/bin/chess", "chess"},
+    {"script mounted over a panel's",
+     "exe=/bin/python3 script=@/bin/panel.py scriptfile=@/bin/painter.py", "painter"},
+    {"window manager, known by its path alone", "exe=@/bin/wm file=/none", ""},
+    {"program, known by its path alone", "exe=@/bin/chess file=/none", "chess"},
+    {"a name does not outrank the unit where the file is another",
+     "exe=@/bin/chess file=/bin/true unit=/app-office-calc-1.scope", "office-calc"},
 
-TEST_F(Executables, AreRecognisedUnderAnotherName) {
-  ASSERT_EQ(link(installed_.Native("bin/chess").constData(),
-                 installed_.Native("home/innocent").constData()),
-            0);
-  Row row{"", "@/home/innocent", {"innocent"}, "", "/app-calculator-1.scope"};
-  EXPECT_EQ(IdOf(Facts(row)), QStringLiteral("chess"));
+    {"unit of a scope", "unit=/user.slice/app-chess-12.scope", "chess"},
+    {"unit with a launcher", "unit=/app.slice/app-gnome-chess-9.scope", "chess"},
+    {"unit with an escaped dash", "unit=/app-gnome-my\\x2dapp-3.scope", "my-app"},
+    {"unit with a dash as it is", "unit=/app-my-app-3.scope", "my-app"},
+    {"unit of a service", "unit=/app-gnome-chess@autostart.service", "chess"},
+    {"group below the unit", "unit=/app-chess-1.scope/tabs/7", "chess"},
+    {"unit of a sandbox", "unit=/app-flatpak-org.flat.App-77.scope", "org.flat.App"},
+    {"unit of a snap", "unit=/snap.player.player-0a1b2c3d-0a1b-0a1b-0a1b-0a1b2c3d4e5f.scope",
+     "player_player"},
+    {"older unit of a snap", "unit=/snap.player.player.0a1b2c3d.scope", "player_player"},
+    {"unit of something that is not installed", "unit=/app-none-12.scope", ""},
+    {"a slice is no unit of an application", "unit=/app-chess.slice/x.scope", ""},
+    {"unit before the user's own", "exe=@/home/homemade unit=/app-chess-1.scope", "chess"},
+    {"a trusted executable before a chosen unit",
+     "exe=@/bin/chess unit=/app-gnome-calculator-1.scope", "chess"},
+    {"a trusted script before a chosen unit",
+     "exe=/bin/python3 script=@/bin/painter.py unit=/app-gnome-calculator-1.scope", "painter"},
+
+    {"a sandbox's own word", "exe=/app/bin/x flatpak=org.flat.App", "org.flat.App"},
+    {"a trusted executable before it", "exe=@/bin/chess flatpak=org.flat.App", "chess"},
+    {"the user's own executable", "exe=@/home/homemade", "homemade"},
+    {"a copy keeps its base name", "exe=/elsewhere/chess", "chess"},
+    {"a program started through a wrapper of its name", "exe=/lib/browser/browser",
+     "org.web.Browser"},
+    {"the wrapper itself", "exe=/usr/bin/dash script=@/bin/browser", "org.web.Browser"},
+    {"the launcher's word", "launched=@~/.local/share/applications/homemade.desktop", "homemade"},
+    {"the base name before it",
+     "exe=/x/chess launched=@~/.local/share/applications/homemade.desktop", "chess"},
+    {"the class of its window, the installed entry's", "exe=@/bin/none class=cLASSY", "classy"},
+    {"an executable that is kept from the user",
+     "name=chess arg=/x/chess unit=/app-calculator-1.scope", "chess"},
+    {"the same with a name that the kernel cuts",
+     "name=a-game-with-a-l arg=a-game-with-a-long-name", "longname"},
+    {"a first argument alone proves nothing", "name=other arg=/x/chess", ""},
+};
+
+TEST_F(IdentifyTest, GoesByWhatCannotBeChosenFirst) {
+  for (const Row& row : kRows) EXPECT_EQ(IdOf(row.facts), row.expected) << row.behaviour;
 }
 
-TEST_F(Executables, OfWrappersHandOn) {
-  Row shell{"", "/bin/sh", {"sh"}, "@/bin/browser"};
-  EXPECT_TRUE(Identify(Facts(shell), entries_).isWrapper);
-  Row python{"", "/usr/bin/python3", {"python3"}, "@/bin/painter.py"};
-  EXPECT_FALSE(Identify(Facts(python), entries_).isWrapper);
+TEST_F(IdentifyTest, FollowsAFileToAnotherNameAndANameToAnotherFile) {
+  const QByteArray chess = installed_.Native("bin/chess");
+  ASSERT_EQ(link(chess.constData(), installed_.Native("home/innocent").constData()), 0);
+  EXPECT_EQ(IdOf("exe=@/home/innocent unit=/app-calculator-1.scope"), "chess");
+  // An update that leaves the entry alone.
+  const QByteArray update = installed_.AddProgram("bin/chess.new");
+  ASSERT_EQ(rename(update.constData(), chess.constData()), 0);
+  EXPECT_EQ(IdOf("exe=@/bin/chess unit=/app-calculator-1.scope"), "chess");
+}
+
+TEST_F(IdentifyTest, OnlyAShellsScriptHandsOn) {
+  EXPECT_TRUE(Identify(Facts("exe=/bin/sh script=@/bin/browser"), entries_).isWrapper);
+  EXPECT_FALSE(Identify(Facts("exe=/bin/python3 script=@/bin/painter.py"), entries_).isWrapper);
 }
 
 TEST(SessionOfCgroup, IsOnlyTheSessionManagersScope) {

@@ -187,6 +187,25 @@ TEST_F(LinuxProcessesTest, ScriptIsFoundUnderItsInterpreterAlsoByARelativePath) 
   EXPECT_EQ(Running(other.pid()), QString());
 }
 
+TEST_F(LinuxProcessesTest, WhatIsMountedOverAPartOfTheSessionIsStillItself) {
+  if (test::Run({"unshare", "-Urm", "true"}, {}).status != 0) GTEST_SKIP() << "needs namespaces";
+  installed_.CopyProgram("bin/wm", "/bin/true");
+  installed_.AddSystemEntry("wm", "@/bin/wm", "X-GNOME-Autostart-Phase=WindowManager");
+  installed_.AddProgram("bin/panel", "#!/usr/bin/python3\n");
+  installed_.AddSystemEntry("panel", "@/bin/panel", "X-GNOME-Autostart-Phase=Panel");
+  installed_.AddProgram("bin/painter.py", "#!/usr/bin/python3\nimport time\ntime.sleep(1000)\n");
+  installed_.AddSystemEntry("painter", "@/bin/painter.py");
+  const auto mounted = [this](const std::string& what, const std::string& over) {
+    return Start({"unshare", "-Urm", "sh", "-c",
+                  "mount --bind " + Path(what.c_str()) + " " + Path(over.c_str()) + " && exec " +
+                      Path(over.c_str()) + " 1000"});
+  };
+  Program program = mounted("bin/quiet", "bin/wm");
+  EXPECT_TRUE(WaitRunning(program.pid(), "quiet"));
+  Program script = mounted("bin/painter.py", "bin/panel");
+  EXPECT_TRUE(WaitRunning(script.pid(), "painter"));
+}
+
 TEST_F(LinuxProcessesTest, ProgramOutOfAMountedImageBelongsToTheImage) {
   installed_.AddProgram("home/Painter.AppImage");
   installed_.AddUserEntry("painter", "@/home/Painter.AppImage %F");
