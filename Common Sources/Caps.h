@@ -35,8 +35,8 @@ inline constexpr int kMaxDesktopEntryDepth = 4;
 inline constexpr std::size_t kMaxDesktopEntryBytes = 128u << 10;
 
 // Processes: what is read of one file of a process, the processes that one scan looks at, ancestors
-// that are followed, and applications whose end is waited for with a descriptor each (the scan finds
-// the ends of all others).
+// that are followed, and applications whose end is waited for with a descriptor each (the scan
+// finds the ends of all others).
 inline constexpr std::size_t kMaxProcessFileBytes = 64u << 10;
 inline constexpr std::size_t kMaxScannedProcesses = 65536;
 inline constexpr int kMaxAncestors = 256;

@@ -16,8 +16,8 @@ struct ServerLink;
 // -1: no usable connection. -2: not completely written in time, or the connection was lost first.
 // *outReply is touched only where 0 is returned and a reply was expected. At most kMaxReplyBytes of
 // a reply are kept.
-[[nodiscard]] std::int32_t SendRequest(ServerLink& link, RequestKind kind, const QByteArray& payload,
-                                       std::int16_t timeoutSeconds, bool expectReply,
-                                       QByteArray* outReply);
+[[nodiscard]] std::int32_t SendRequest(ServerLink& link, RequestKind kind,
+                                       const QByteArray& payload, std::int16_t timeoutSeconds,
+                                       bool expectReply, QByteArray* outReply);
 
 }  // namespace vardell

@@ -1,5 +1,6 @@
-// The requests that the Agent makes. Main thread only. Each blocks for at most its time-out and what
-// connecting takes: 2 s for each of two attempts of a query, 3 s for a report, 10 s for a kill.
+// The requests that the Agent makes. Main thread only. Each blocks for at most its time-out and
+// what connecting takes: 2 s for each of two attempts of a query, 3 s for a report, 10 s for a
+// kill.
 #pragma once
 
 #include <QString>
@@ -37,8 +38,8 @@ void SendQuery(ServerLink& link, const QString& query);
 std::optional<QVariantMap> CopyQueryDictionary(ServerLink& link, const QString& first,
                                                const QString& second);
 
-// Signal 9 by this process itself; where that fails, a request to the kill listener of this machine.
-// Nothing for a pid of 0 or less. Says on standard output what became of it.
+// Signal 9 by this process itself; where that fails, a request to the kill listener of this
+// machine. Nothing for a pid of 0 or less. Says on standard output what became of it.
 void KillProcess(ServerLink& link, std::int32_t pid);
 
 }  // namespace vardell

@@ -8,8 +8,7 @@
 
 namespace vardell {
 
-inline constexpr char kSystemPreferencesPath[] =
-    "/Library/Preferences/com.brenwick.vardell5.plist";
+inline constexpr char kSystemPreferencesPath[] = "/Library/Preferences/com.brenwick.vardell5.plist";
 
 class Preferences {
  public:

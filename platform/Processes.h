@@ -21,12 +21,12 @@ struct ProcessSerialNumber {
 
 // Where an application comes from, and what names it.
 struct ApplicationInfo {
-  QString path;                       // the desktop entry, or the bare executable
-  bool isBundle = false;              // a desktop entry; a bare executable otherwise
-  std::optional<QString> identifier;  // bundles only; absent where the bundle names none
-  std::uint32_t typeCode = 0;         // bundles only: four characters, the first one highest
+  QString path;                              // the desktop entry, or the bare executable
+  bool isBundle = false;                     // a desktop entry; a bare executable otherwise
+  std::optional<QString> identifier;         // bundles only; absent where the bundle names none
+  std::uint32_t typeCode = 0;                // bundles only: four characters, the first one highest
   std::optional<std::uint32_t> creatorCode;  // four characters, the first one highest
-  QString displayName;                // in the user's language; may be empty
+  QString displayName;                       // in the user's language; may be empty
 };
 
 // The identifier of the process whose end ends the session.
@@ -42,7 +42,8 @@ class Processes {
   // Absent when the process has no location: it has gone, or it is no application.
   virtual std::optional<ApplicationInfo> Application(const ProcessSerialNumber& process) = 0;
 
-  // False for a pid that does not exist and for a zombie; a process that may not be signalled lives.
+  // False for a pid that does not exist and for a zombie; a process that may not be signalled
+  // lives.
   virtual bool IsAlive(std::int32_t pid) = 0;
 
   using Handler = std::function<void(const ProcessSerialNumber&)>;

@@ -24,14 +24,15 @@ struct NetService {
   QString name;
   QString type;
   QString domain;
-  bool isLocal = false;        // published by this very machine
-  int interfaceIndex = -1;     // where it was seen; -1: any
+  bool isLocal = false;     // published by this very machine
+  int interfaceIndex = -1;  // where it was seen; -1: any
 };
 
 struct ResolvedService {
-  int error = 0;                      // 0, or the discovery daemon's own negative code
+  int error = 0;  // 0, or the discovery daemon's own negative code
   QString targetHost;
-  std::vector<QByteArray> addresses;  // socket addresses, IPv4 ones first; never empty when error is 0
+  std::vector<QByteArray>
+      addresses;  // socket addresses, IPv4 ones first; never empty when error is 0
 };
 
 // A search that goes on until it is destroyed.
