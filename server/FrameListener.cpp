@@ -129,7 +129,7 @@ void FrameListener::Impl::Admit(tcp::socket socket) {
   MakeRoomFor(connection->sharedBy);
   if (connections.size() >= options.mostConnections) {
     return Log(
-        QStringLiteral("too many connections; closed one from %1").arg(connection->agent.host));
+        QStringLiteral("too many connections; closed one from %1").arg(connection->sharedBy));
   }
   error_code ignored;
   connection->socket.set_option(tcp::no_delay(true), ignored);
@@ -238,7 +238,7 @@ void FrameListener::Impl::Drop(const ConnectionPtr& connection) {
 }
 
 void FrameListener::Impl::DropBecause(const ConnectionPtr& connection, const QString& why) {
-  Log(QStringLiteral("connection from %1 closed: %2").arg(connection->agent.host, why));
+  Log(QStringLiteral("connection from %1 closed: %2").arg(connection->sharedBy, why));
   Drop(connection);
 }
 
