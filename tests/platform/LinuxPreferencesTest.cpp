@@ -9,37 +9,26 @@
 namespace vardell {
 namespace {
 
-class LinuxPreferencesTest : public testing::Test {
- protected:
-  LinuxPreferencesTest() { QDir().mkpath(installed_.Path("Library/Preferences")); }
-  QString File() const {
-    return installed_.Path("Library/Preferences/com.brenwick.vardell5.plist");
-  }
-  const QString key_ = QStringLiteral("Configuration");
-  test::Installation installed_;
-  LinuxPreferences preferences_;
-};
-
-TEST_F(LinuxPreferencesTest, AreWhatTheFileHeldAtTheLastSynchronize) {
-  EXPECT_TRUE(preferences_.Synchronize()) << "no file is no fault";
-  EXPECT_FALSE(preferences_.Value(key_));
-  ASSERT_EQ(WritePropertyListToPath(QVariantMap{{key_, 2}}, File(), true), 0);
-  EXPECT_FALSE(preferences_.Value(key_));
-  EXPECT_TRUE(preferences_.Synchronize());
-  EXPECT_EQ(preferences_.Value(key_)->toInt(), 2);
-  QFile::remove(File());
-  EXPECT_TRUE(preferences_.Synchronize());
-  EXPECT_FALSE(preferences_.Value(key_));
-}
-
-TEST_F(LinuxPreferencesTest, OfABrokenFileStayWhatTheyWere) {
-  ASSERT_EQ(WritePropertyListToPath(QVariantMap{{key_, 2}}, File(), true), 0);
-  ASSERT_TRUE(preferences_.Synchronize());
+TEST(LinuxPreferences, AreWhatTheLastFileHeldThatCouldBeRead) {
+  const test::Installation installed;
+  QDir().mkpath(installed.Path("Library/Preferences"));
+  const QString file = installed.Path("Library/Preferences/com.brenwick.vardell5.plist");
+  const QString key = QStringLiteral("Configuration");
+  LinuxPreferences preferences;
+  EXPECT_TRUE(preferences.Synchronize()) << "no file is no fault";
+  EXPECT_FALSE(preferences.Value(key));
+  ASSERT_EQ(WritePropertyListToPath(QVariantMap{{key, 2}}, file, true), 0);
+  EXPECT_FALSE(preferences.Value(key)) << "not asked to look yet";
+  EXPECT_TRUE(preferences.Synchronize());
+  EXPECT_EQ(preferences.Value(key)->toInt(), 2);
   for (const char* text : {"", "no property list", "<plist><array/></plist>"}) {
-    installed_.Write(File(), text);
-    EXPECT_FALSE(preferences_.Synchronize()) << text;
-    EXPECT_EQ(preferences_.Value(key_)->toInt(), 2) << text;
+    installed.Write(file, text);
+    EXPECT_FALSE(preferences.Synchronize()) << text;
+    EXPECT_EQ(preferences.Value(key)->toInt(), 2) << text;
   }
+  QFile::remove(file);
+  EXPECT_TRUE(preferences.Synchronize());
+  EXPECT_FALSE(preferences.Value(key));
 }
 
 TEST(LinuxSystem, TellsTheAccountWhateverTheEnvironmentSays) {

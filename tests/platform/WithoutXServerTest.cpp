@@ -8,16 +8,15 @@
 #include "platform/linux/XcbFrontApplication.h"
 #include "platform/linux/XcbHotKeys.h"
 #include "platform/linux/XcbScreens.h"
-#include "tests/support/QtEnvironment.h"
 
 namespace vardell {
 namespace {
 
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QGuiApplication>);
-
 TEST(WithoutXServerTest, NothingIsInFrontTakenOrPressed) {
-  ASSERT_EQ(QGuiApplication::platformName(), QStringLiteral("offscreen"));
+  int count = 3;
+  char words[3][10] = {"test", "-platform", "offscreen"};
+  char* pointers[] = {words[0], words[1], words[2], nullptr};
+  const QGuiApplication application(count, pointers);
   XcbFrontApplication front;
   front.Watch([] { FAIL(); });
   EXPECT_EQ(front.FrontPid(), 0);

@@ -6,7 +6,6 @@
 #include <QScreen>
 #include <QWidget>
 
-#include "tests/support/QtEnvironment.h"
 #include "tests/support/SecondClient.h"
 
 namespace vardell {
@@ -14,9 +13,6 @@ namespace {
 
 using test::Tool;
 using test::WaitUntil;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 // Monitors side by side on the 1280x800 screen; the first one is the primary.
 class XcbScreensTest : public testing::Test {

@@ -169,10 +169,6 @@ TEST_F(MessageWindowTest, ALockOverAMessageGivesTheScreensBackToIt) {
   EXPECT_EQ(calls, (std::vector<std::string>{"suspend", "suspend", "resume", "resume"}));
 }
 
-TEST_F(MessageWindowTest, DismissingWhereNothingIsUpDoesNothing) {
-  DismissFullScreenMessage();
-}
-
 TEST_F(MessageWindowTest, AnAlertShowsItsTextAsItStands) {
   const QString text = QStringLiteral("<b>%1</b> & <img src=x> \u5bb6");
   When([] { return Shown() != nullptr; },
