@@ -72,18 +72,20 @@ TEST_F(DesktopEntriesTest, SkipsBrokenOnesAndTakesNoMoreThanItsShareFromTheUser)
   EXPECT_EQ(found, kMaxUserDesktopEntries);
 }
 
-TEST_F(DesktopEntriesTest, SystemEntriesCannotBeHiddenOrRenamedByTheUser) {
-  installed_.AddProgram("bin/chess");
+TEST_F(DesktopEntriesTest, AreTrustedAndComeFirstWhereOnlyTheSystemMayWriteThem) {
+  const QByteArray program = installed_.AddProgram("bin/chess");
   installed_.AddSystemEntry("chess", "@/bin/chess");
   installed_.AddUserEntry("chess", "@/bin/chess", "Hidden=true");
   installed_.AddUserEntry("aaa", "@/bin/chess");
+  installed_.AddSystemEntry("open", "/bin/true");
+  ASSERT_EQ(chmod((installed_.SystemFolder() + QStringLiteral("/open.desktop")).toUtf8(), 0666), 0);
   entries_.Update();
-  const QByteArray program = installed_.Native("bin/chess");
   const DesktopEntries::List found = entries_.ByProgram(program, IdOfFile(program));
   ASSERT_EQ(found.size(), 2);
   EXPECT_EQ(found[0]->id, QStringLiteral("chess"));
   EXPECT_TRUE(found[0]->isTrusted);
   EXPECT_FALSE(found[1]->isTrusted);
+  EXPECT_FALSE(entries_.ById(QStringLiteral("open"))->isTrusted);
 }
 
 TEST_F(DesktopEntriesTest, CannotPassForTheLoginWindow) {
@@ -94,15 +96,6 @@ TEST_F(DesktopEntriesTest, CannotPassForTheLoginWindow) {
   entries_.Update();
   for (const char* id : reserved) EXPECT_FALSE(Has(id)) << id;
   EXPECT_TRUE(Has("com.apple.other"));
-}
-
-TEST_F(DesktopEntriesTest, OfTheSystemThatOthersMayWriteAreNotTrusted) {
-  installed_.AddSystemEntry("safe", "/bin/true");
-  installed_.AddSystemEntry("open", "/bin/true");
-  ASSERT_EQ(chmod((installed_.SystemFolder() + QStringLiteral("/open.desktop")).toUtf8(), 0666), 0);
-  entries_.Update();
-  EXPECT_TRUE(entries_.ById(QStringLiteral("safe"))->isTrusted);
-  EXPECT_FALSE(entries_.ById(QStringLiteral("open"))->isTrusted);
 }
 
 TEST_F(DesktopEntriesTest, AreReadAgainWhenAFolderChanges) {

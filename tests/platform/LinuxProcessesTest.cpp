@@ -24,17 +24,22 @@ using test::WaitUntil;
 class LinuxProcessesTest : public testing::Test {
  protected:
   LinuxProcessesTest() {
-    installed_.CopyProgram("bin/quiet", "/bin/sleep");
-    installed_.CopyProgram("bin/other", "/bin/sleep");
-    installed_.CopyProgram("bin/shell", "/bin/bash");
-    installed_.AddSystemEntry("quiet", "@/bin/quiet");
-    installed_.AddSystemEntry("other", "@/bin/other");
-    installed_.AddSystemEntry("shell", "@/bin/shell");
+    Install("quiet", "/bin/sleep");
+    Install("shell", "/bin/bash");
+    Install("second", "/bin/bash");
     if (mkfifo(installed_.Native("word").constData(), 0600) != 0) abort();
     word_ = open(installed_.Native("word").constData(), O_RDWR | O_CLOEXEC);
   }
   ~LinuxProcessesTest() override { close(word_); }
 
+  void Install(const std::string& name, const char* of) const {
+    installed_.CopyProgram(("bin/" + name).c_str(), of);
+    installed_.AddSystemEntry(name.c_str(), "@/bin/" + QByteArray::fromStdString(name));
+  }
+  void AddPainter() const {
+    installed_.AddProgram("bin/painter.py", "#!/usr/bin/python3\nimport time\ntime.sleep(1000)\n");
+    installed_.AddSystemEntry("painter", "python3 @/bin/painter.py");
+  }
   std::string Path(const char* relative) const { return installed_.Native(relative).toStdString(); }
   Program Start(std::vector<std::string> words) const { return Program(words, {}); }
   Program StartQuiet(const char* program = "bin/quiet") const {
@@ -55,12 +60,9 @@ class LinuxProcessesTest : public testing::Test {
     events_.push_back(what + " " + std::to_string(process.pid) +
                       (info ? " " + info->path.section(u'/', -1).toStdString() : ""));
   }
-  bool Told(const std::string& event) {
-    return std::find(events_.begin(), events_.end(), event) != events_.end();
-  }
   bool WaitTold(const std::string& what, pid_t pid, const std::string& who = {}) {
     const std::string event = what + " " + std::to_string(pid) + (who.empty() ? "" : " " + who);
-    return WaitUntil([&] { return Told(event); }, 5s);
+    return WaitUntil([&] { return std::count(events_.begin(), events_.end(), event) > 0; }, 5s);
   }
   // The identifier or the path of the application that the process is the main one of.
   QString Running(pid_t pid) {
@@ -127,8 +129,6 @@ TEST_F(LinuxProcessesTest, OfWhatRunsBeforeTheWatchOnlyTheEndIsTold) {
 }
 
 TEST_F(LinuxProcessesTest, ExecOverEndsOneApplicationAndMayLaunchAnother) {
-  installed_.CopyProgram("bin/second", "/bin/bash");
-  installed_.AddSystemEntry("second", "@/bin/second");
   Watch();
   const std::string last = AfterWord("exec /bin/sleep 1000");
   Program program = Start(
@@ -160,9 +160,8 @@ TEST_F(LinuxProcessesTest, HelpersBelongToTheirMainProcessAndSucceedIt) {
 }
 
 TEST_F(LinuxProcessesTest, ScriptIsFoundUnderItsInterpreterAlsoByARelativePath) {
-  installed_.AddProgram("bin/painter.py", "import time\ntime.sleep(1000)\n");
-  installed_.AddSystemEntry("painter", "python3 @/bin/painter.py");
-  Program direct = Start({"/usr/bin/python3", Path("bin/painter.py")});
+  AddPainter();
+  Program direct = Start({Path("bin/painter.py")});
   Program relative = Start(
       {"/bin/sh", "-c", "cd " + Path("bin") + "; exec /usr/bin/python3 -B -X utf8 ./painter.py"});
   Program other = Start({"/usr/bin/python3", "-c", "import time; time.sleep(1000)"});
@@ -173,21 +172,18 @@ TEST_F(LinuxProcessesTest, ScriptIsFoundUnderItsInterpreterAlsoByARelativePath) 
 
 TEST_F(LinuxProcessesTest, WhatIsMountedOverAPartOfTheSessionIsStillItself) {
   if (test::Run({"unshare", "-Urm", "true"}, {}).status != 0) GTEST_SKIP() << "needs namespaces";
+  AddPainter();
   installed_.CopyProgram("bin/wm", "/bin/true");
-  installed_.AddSystemEntry("wm", "@/bin/wm", "X-GNOME-Autostart-Phase=WindowManager");
   installed_.AddProgram("bin/panel", "#!/usr/bin/python3\n");
-  installed_.AddSystemEntry("panel", "@/bin/panel", "X-GNOME-Autostart-Phase=Panel");
-  installed_.AddProgram("bin/painter.py", "#!/usr/bin/python3\nimport time\ntime.sleep(1000)\n");
-  installed_.AddSystemEntry("painter", "@/bin/painter.py");
-  const auto mounted = [this](const std::string& what, const std::string& over) {
-    return Start({"unshare", "-Urm", "sh", "-c",
-                  "mount --bind " + Path(what.c_str()) + " " + Path(over.c_str()) + " && exec " +
-                      Path(over.c_str()) + " 1000"});
-  };
-  Program program = mounted("bin/quiet", "bin/wm");
-  EXPECT_TRUE(WaitRunning(program.pid(), "quiet"));
-  Program script = mounted("bin/painter.py", "bin/panel");
-  EXPECT_TRUE(WaitRunning(script.pid(), "painter"));
+  const char* const rows[][3] = {{"bin/quiet", "bin/wm", "quiet"},
+                                 {"bin/painter.py", "bin/panel", "painter"}};
+  for (const auto& [what, over, id] : rows) {
+    installed_.AddSystemEntry(over + 4, "@/" + QByteArray(over), "X-GNOME-Autostart-Phase=Panel");
+    const std::string mount = "mount --bind " + Path(what) + " " + Path(over);
+    Program program =
+        Start({"unshare", "-Urm", "sh", "-c", mount + " && exec " + Path(over) + " 1000"});
+    EXPECT_TRUE(WaitRunning(program.pid(), id));
+  }
 }
 
 TEST_F(LinuxProcessesTest, ProgramOutOfAMountedImageBelongsToTheImage) {
@@ -198,47 +194,45 @@ TEST_F(LinuxProcessesTest, ProgramOutOfAMountedImageBelongsToTheImage) {
   ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), QString::fromStdString(inside)));
   const std::map<std::string, std::string> image{{"APPIMAGE", Path("home/Painter.AppImage")}};
   Program program({inside, "1000"}, {.environment = image});
-  Program outside({Path("bin/other"), "1000"}, {.environment = image});
+  Program outside({Path("bin/quiet"), "1000"}, {.environment = image});
   EXPECT_TRUE(WaitRunning(program.pid(), "painter"));
-  EXPECT_TRUE(WaitRunning(outside.pid(), "other"));
+  EXPECT_TRUE(WaitRunning(outside.pid(), "quiet"));
 }
 
-TEST_F(LinuxProcessesTest, ProgramThatItsWrapperBecomesStaysTheApplication) {
-  installed_.AddProgram("bin/wrapper", "#!/bin/bash\nread word < @/word\nexec @/home/real 1000\n");
-  installed_.CopyProgram("home/real", "/bin/sleep");
-  installed_.AddSystemEntry("wrapped", "@/bin/wrapper");
+TEST_F(LinuxProcessesTest, WhatAWrapperBecomesOrLeavesBehindIsStillTheApplication) {
+  installed_.CopyProgram("home/real", "/bin/bash");
+  // Becomes it at the word, or forks it and waits.
+  const std::map<const char*, QByteArray> wrappers{
+      {"becomes", "#!/bin/bash\nread word < @/word\nexec @/home/real -c 'read word < @/word;:'\n"},
+      {"forks", "#!/bin/bash\n@/home/real -c 'read word < @/word;:'\ntrue\n"}};
+  for (const auto& [name, text] : wrappers) {
+    const std::string path = std::string("bin/") + name;
+    installed_.AddProgram(path.c_str(), text);
+    installed_.AddSystemEntry(name, "@/" + QByteArray::fromStdString(path));
+  }
   Watch();
-  Program program = Start({Path("bin/wrapper")});
-  ASSERT_TRUE(WaitTold("launched", program.pid(), "wrapped.desktop"));
+  Program becoming = Start({Path("bin/becomes")});
+  ASSERT_TRUE(WaitTold("launched", becoming.pid(), "becomes.desktop"));
   SayWord();
-  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(program.pid()).endsWith("/home/real"); }));
-  EXPECT_EQ(Running(program.pid()), QStringLiteral("wrapped"));
-  program.Signal(SIGKILL);
-  ASSERT_TRUE(WaitTold("terminated", program.pid()));
+  ASSERT_TRUE(WaitUntil([&] { return ReadExecutable(becoming.pid()).endsWith("/home/real"); }));
+  EXPECT_EQ(Running(becoming.pid()), QStringLiteral("becomes"));
+  becoming.Signal(SIGKILL);
+  ASSERT_TRUE(WaitTold("terminated", becoming.pid()));
   EXPECT_EQ(events_.size(), 2u);
-}
 
-TEST_F(LinuxProcessesTest, ProgramThatAWaitingWrapperLeavesBehindIsStillTheApplication) {
-  installed_.AddProgram("bin/wrapper",
-                        "#!/bin/bash\n@/bin/unnamed -c 'read word < @/word'\ntrue\n");
-  installed_.CopyProgram("bin/unnamed", "/bin/bash");
-  installed_.AddSystemEntry("wrapped", "@/bin/wrapper");
-  Watch();
-  Program program = Start({Path("bin/wrapper")});
-  ASSERT_TRUE(WaitTold("launched", program.pid(), "wrapped.desktop"));
-  // Until the wrapper has forked and the program runs.
+  Program forking = Start({Path("bin/forks")});
+  ASSERT_TRUE(WaitTold("launched", forking.pid(), "forks.desktop"));
   ASSERT_TRUE(WaitUntil([&] {
-    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(program.pid()));
+    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(forking.pid()));
     return children.open(QIODevice::ReadOnly) &&
-           ReadExecutable(children.readAll().split(' ')[0].toInt()).endsWith("/bin/unnamed");
+           ReadExecutable(children.readAll().split(' ')[0].toInt()).endsWith("/home/real");
   }));
   (void)processes_.RunningApplications();
-  program.Signal(SIGKILL);
-  ASSERT_TRUE(WaitTold("terminated", program.pid()));
-  ASSERT_TRUE(WaitUntil([&] { return events_.size() == 3; }));
-  EXPECT_NE(events_[2].find("wrapped.desktop"), std::string::npos) << events_[2];
+  forking.Signal(SIGKILL);
+  ASSERT_TRUE(WaitUntil([&] { return events_.size() == 5; }));
+  EXPECT_NE(events_[4].find("forks.desktop"), std::string::npos) << events_[4];
   SayWord();
-  EXPECT_TRUE(WaitUntil([&] { return events_.size() == 4; }));
+  EXPECT_TRUE(WaitUntil([&] { return events_.size() == 6; }));
 }
 
 TEST_F(LinuxProcessesTest, MainThreadThatEndsIsNotTheEndOfItsProcess) {

@@ -93,6 +93,11 @@ class LinuxSessionTest : public testing::Test {
     Mock(kManagerPath, u"AddSession"_s, {u"s1"_s, u"seat0"_s, user, u"child"_s, active});
     Update({{u"Leader"_s, leader}});
   }
+  void StartWithSession(bool active, uid_t user = getuid(), quint32 leader = kLeader) {
+    ASSERT_NO_FATAL_FAILURE(StartBus());
+    ASSERT_NO_FATAL_FAILURE(StartLogin1());
+    AddSession(active, user, leader);
+  }
   static void Update(const QVariantMap& properties) {
     Mock(kSessionPath, u"UpdateProperties"_s, {kLogin1 + u".Session"_s, properties});
   }
@@ -156,9 +161,7 @@ TEST_F(LinuxSessionTest, IsActiveAndLedByGetsidWhereNobodyKnowsBetter) {
 }
 
 TEST_F(LinuxSessionTest, InNoSessionIsTheOneOnTheUsersDisplay) {
-  StartBus();
-  StartLogin1();
-  AddSession(false);
+  StartWithSession(false);
   AnswerByDisplay(kSessionPath);
   LinuxSession session;
   ExpectInactive(session);
@@ -168,18 +171,14 @@ TEST_F(LinuxSessionTest, InNoSessionIsTheOneOnTheUsersDisplay) {
 }
 
 TEST_F(LinuxSessionTest, OfAnotherUserIsNotFollowed) {
-  StartBus();
-  StartLogin1();
-  AddSession(false, getuid() + 1);
+  StartWithSession(false, getuid() + 1);
   AnswerByDisplay(kSessionPath, getuid() + 1);
   LinuxSession session;
   ExpectUnknown(session);
 }
 
 TEST_F(LinuxSessionTest, LeaderThatCannotBeEndedIsNotBelieved) {
-  StartBus();
-  StartLogin1();
-  AddSession(true, getuid(), 1);
+  StartWithSession(true, getuid(), 1);
   AnswerByPid();
   LinuxSession session;
   EXPECT_EQ(session.LeaderPid(), LeaderWithoutLogin1());
@@ -188,9 +187,7 @@ TEST_F(LinuxSessionTest, LeaderThatCannotBeEndedIsNotBelieved) {
 }
 
 TEST_F(LinuxSessionTest, TellsEachSwitchOnce) {
-  StartBus();
-  StartLogin1();
-  AddSession(true);
+  StartWithSession(true);
   AnswerByPid();
   LinuxSession session;
   Watch(session);
@@ -217,9 +214,7 @@ TEST_F(LinuxSessionTest, Login1MayComeLateGoAndComeBack) {
 }
 
 TEST_F(LinuxSessionTest, IsFoundByPidAndActiveOnceTheBusIsLost) {
-  StartBus();
-  StartLogin1();
-  AddSession(false);
+  StartWithSession(false);
   AnswerByPid();
   LinuxSession session;
   ExpectInactive(session);

@@ -55,7 +55,7 @@ class XcbHotKeysTest : public testing::Test {
   XcbHotKeys keys;
 };
 
-TEST_F(XcbHotKeysTest, TellsWhichKeyWasPressedWhateverTheLocksAre) {
+TEST_F(XcbHotKeysTest, TellsWhichKeyWasPressedWhateverTheLocksAreAndNoOther) {
   RegisterBoth();
   for (const std::vector<std::string>& locks : std::vector<std::vector<std::string>>{
            {}, {"Caps_Lock"}, {"Num_Lock"}, {"Caps_Lock", "Num_Lock"}}) {
@@ -64,13 +64,9 @@ TEST_F(XcbHotKeysTest, TellsWhichKeyWasPressedWhateverTheLocksAre) {
     ExpectPressed({kC});
     for (const std::string& lock : locks) Type(lock);
   }
-}
-
-TEST_F(XcbHotKeysTest, OtherCombinationsAreNotOurs) {
-  RegisterBoth();
-  for (const char* other :
-       {"c", "ctrl+c", "alt+c", "ctrl+alt+shift+c", "ctrl+alt+super+c", "ctrl+alt+x"})
+  for (const char* other : {"c", "ctrl+c", "alt+c", "ctrl+alt+shift+c", "ctrl+alt+super+c"}) {
     Type(other);
+  }
   ExpectPressed({});
 }
 

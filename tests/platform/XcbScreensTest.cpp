@@ -40,15 +40,12 @@ class XcbScreensTest : public testing::Test {
   std::vector<std::string> monitors_;
 };
 
-TEST_F(XcbScreensTest, WithOneScreenNothingIsCovered) {
-  EXPECT_EQ(screens.MainDisplayBounds(), QRect(0, 0, 1280, 800));
-  const std::vector<QRect> before = other.UnmanagedWindows();
-  screens.CaptureSecondaryDisplays();
-  EXPECT_TRUE(WaitForCovers(before));
-}
-
 TEST_F(XcbScreensTest, CoversTheOtherScreensAlsoThoseThatComeLater) {
   const std::vector<QRect> before = other.UnmanagedWindows();
+  EXPECT_EQ(screens.MainDisplayBounds(), QRect(0, 0, 1280, 800));
+  screens.CaptureSecondaryDisplays();
+  EXPECT_TRUE(WaitForCovers(before)) << "with one screen";
+  screens.ReleaseDisplays();
   AddMonitor("left", 0, 640);
   AddMonitor("middle", 640, 320);
   EXPECT_EQ(screens.MainDisplayBounds(), QRect(0, 0, 640, 800));
@@ -63,30 +60,22 @@ TEST_F(XcbScreensTest, CoversTheOtherScreensAlsoThoseThatComeLater) {
   EXPECT_TRUE(WaitForCovers(before));
 }
 
-TEST_F(XcbScreensTest, InputIsTakenAfterAnotherProgramsMenuHasClosed) {
+TEST_F(XcbScreensTest, InputIsTakenAfterAnotherProgramsMenuHasClosedUnlessGivenBack) {
   QWidget window(nullptr, Qt::X11BypassWindowManagerHint);
   window.show();
   test::SecondClient menu;
-  ASSERT_TRUE(menu.TakePointer());
-  screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch,
-                          window.windowHandle());
-  ASSERT_TRUE(WaitUntil([&] { return !other.CanTakeKeyboard(); }));
-  menu.ReleasePointer();
-  EXPECT_TRUE(WaitUntil([&] { return !other.CanTakePointer(); }));
-  screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
-  EXPECT_TRUE(WaitUntil([&] { return other.CanTakePointer() && other.CanTakeKeyboard(); }));
-}
-
-TEST_F(XcbScreensTest, GivenBackInputIsNotTakenAgainByARetry) {
-  QWidget window(nullptr, Qt::X11BypassWindowManagerHint);
-  window.show();
-  test::SecondClient menu;
-  ASSERT_TRUE(menu.TakePointer());
-  screens.SetSystemUIMode(SystemUIMode::ContentHidden, 0, window.windowHandle());
-  ASSERT_TRUE(WaitUntil([&] { return !other.CanTakeKeyboard(); }));
-  screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
-  menu.ReleasePointer();
-  EXPECT_FALSE(WaitUntil([&] { return !other.CanTakePointer(); }, std::chrono::milliseconds(400)));
+  for (const bool givenBack : {false, true}) {
+    ASSERT_TRUE(menu.TakePointer());
+    screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch,
+                            window.windowHandle());
+    ASSERT_TRUE(WaitUntil([&] { return !other.CanTakeKeyboard(); }));
+    if (givenBack) screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
+    menu.ReleasePointer();
+    const auto patience = std::chrono::milliseconds(givenBack ? 400 : 5000);
+    EXPECT_EQ(WaitUntil([&] { return !other.CanTakePointer(); }, patience), !givenBack);
+    screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
+    EXPECT_TRUE(WaitUntil([&] { return other.CanTakePointer() && other.CanTakeKeyboard(); }));
+  }
 }
 
 }  // namespace
