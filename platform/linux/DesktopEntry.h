@@ -1,4 +1,4 @@
-// One desktop entry. Format: the desktop entry specification 1.5, group "Desktop Entry".
+// One desktop entry. Format: freedesktop.org desktop entries 1.5, group "Desktop Entry".
 #pragma once
 
 #include <QByteArray>

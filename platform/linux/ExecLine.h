@@ -14,7 +14,7 @@ struct ExecLine {
 };
 
 // Absent where the line names no program. `exec` is the value with its escapes resolved; quoting
-// and field codes as the desktop entry specification has them.
+// and field codes as freedesktop.org has them.
 std::optional<ExecLine> ParseExecLine(const QString& exec);
 
 // The real path of a program, looked for in the system's folders where it is a bare name; empty
