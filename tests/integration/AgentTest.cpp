@@ -38,32 +38,18 @@ class AgentTest : public testing::Test {
     }
   }
 
-  void StartAll() {
-    world.StartServer();
-    world.StartAgent();
-    ASSERT_TRUE(world.agent.WaitForOutput("Preferences sync'ed."));
-    ASSERT_TRUE(world.agent.WaitForOutput("Found service at host: "));
-  }
-
-  // An application that is counted all the time; its reports tell how far the minutes have got.
-  void StartWitness() {
-    world.InstallApplication("witness");
-    world.SetLimits("witness", {"Credit=100"});
-    witness = world.Launch("witness");
-  }
   bool WitnessPays(int minutes) {
     return WaitUntil([&] { return static_cast<int>(world.Claims("witness").size()) >= minutes; },
                      kPatience + world.Seconds(60 * minutes));
   }
 
   World world;
-  Program witness;
 };
 
 TEST_F(AgentTest, EndsAnApplicationWhenItsCreditIsSpentAndLeavesOthersAlone) {
   world.InstallApplication("toy");
   world.InstallApplication("free");
-  StartAll();
+  ASSERT_TRUE(world.StartAll());
   world.SetLimits("toy", {"Credit=2"});
 
   Program free = world.Launch("free");
@@ -84,7 +70,7 @@ TEST_F(AgentTest, EndsAnApplicationWhenItsCreditIsSpentAndLeavesOthersAlone) {
 TEST_F(AgentTest, KeepsTheTableRightWhateverBecomesOfApplications) {
   for (const char* name : {"quitter", "killed", "twice", "second"}) world.InstallApplication(name);
   for (const char* name : {"forker", "execer"}) world.InstallApplication(name, "/bin/bash");
-  StartAll();
+  ASSERT_TRUE(world.StartAll());
   for (const char* name : {"quitter", "killed", "twice", "second", "forker", "execer"}) {
     world.SetLimits(name, {"Credit=60"});
   }
@@ -102,7 +88,7 @@ TEST_F(AgentTest, KeepsTheTableRightWhateverBecomesOfApplications) {
     ASSERT_TRUE(WaitUntil([&] { return FirstOf(world.Claims(name), 1) == std::vector{59}; }))
         << name;
   }
-  StartWitness();
+  world.StartWitness();
   ASSERT_TRUE(WitnessPays(1));
 
   quitter.End(SIGTERM);
@@ -131,14 +117,14 @@ TEST_F(AgentTest, KeepsTheTableRightWhateverBecomesOfApplications) {
 
 TEST_F(AgentTest, GoesOnWhenAnApplicationQuitsUnderItsOwnWarning) {
   world.InstallApplication("toy");
-  StartAll();
+  ASSERT_TRUE(world.StartAll());
   world.SetLimits("toy", {"Credit=1"});
   {
     Program toy = world.Launch("toy");
     ASSERT_TRUE(WaitUntil(AlertIsUp));
   }
   world.SetLimits("toy", {"Credit=9"});
-  StartWitness();
+  world.StartWitness();
   ASSERT_TRUE(WitnessPays(2));
   EXPECT_EQ(std::vector{0}, world.Claims("toy"));
 
@@ -148,8 +134,8 @@ TEST_F(AgentTest, GoesOnWhenAnApplicationQuitsUnderItsOwnWarning) {
 
 TEST_F(AgentTest, WatchesWhatIsLaunchedWhileARequestBlocks) {
   for (const char* name : {"early", "late"}) world.InstallApplication(name);
-  StartAll();
-  StartWitness();
+  ASSERT_TRUE(world.StartAll());
+  world.StartWitness();
   ASSERT_TRUE(WitnessPays(1));
   for (const char* name : {"early", "late"}) world.SetLimits(name, {"Credit=60"});
 
@@ -165,8 +151,8 @@ TEST_F(AgentTest, WatchesWhatIsLaunchedWhileARequestBlocks) {
 }
 
 TEST_F(AgentTest, LosesNoSecondsWhileItIsStopped) {
-  StartAll();
-  StartWitness();
+  ASSERT_TRUE(world.StartAll());
+  world.StartWitness();
   ASSERT_TRUE(WitnessPays(1));
   world.agent.Signal(SIGSTOP);
   ASSERT_FALSE(WaitUntil([&] { return world.Claims("witness").size() > 1; }, world.Seconds(190)));
@@ -177,17 +163,17 @@ TEST_F(AgentTest, LosesNoSecondsWhileItIsStopped) {
 }
 
 TEST_F(AgentTest, GoesOnWithAServerThatWasKilledAndCameBackElsewhere) {
-  StartAll();
-  StartWitness();
+  ASSERT_TRUE(world.StartAll());
+  world.StartWitness();
   ASSERT_TRUE(WitnessPays(1));
   const auto before = world.Credit("witness");
   world.server.End(SIGKILL);
-  ASSERT_TRUE(witness.IsRunning());
+  ASSERT_TRUE(world.witness.IsRunning());
   world.StartServer();
   EXPECT_EQ(before, world.Credit("witness"));
   EXPECT_TRUE(WitnessPays(3));
   EXPECT_GE(world.Credit("witness").value_or(0), 90);
-  EXPECT_TRUE(witness.IsRunning());
+  EXPECT_TRUE(world.witness.IsRunning());
 }
 
 struct Configuration {
@@ -208,7 +194,7 @@ TEST_P(WithoutServerTest, ActsAsConfigured) {
     EXPECT_TRUE(WaitUntil(AlertIsUp));
   }
   world.StartServer();
-  StartWitness();
+  world.StartWitness();
   if (GetParam().watchesOnceTheServerIsThere) {
     EXPECT_TRUE(WitnessPays(1));
     EXPECT_TRUE(WaitUntil([] { return !AlertIsUp(); }));
@@ -232,7 +218,7 @@ TEST_F(AgentTest, LeavesANonWatchedAccountAlone) {
   world.StartServer();
   world.StartAgent();
   ASSERT_TRUE(world.agent.WaitForOutput("Cannot watch this user."));
-  StartWitness();
+  world.StartWitness();
   EXPECT_FALSE(WaitUntil([&] { return !world.Claims("witness").empty(); }, world.Seconds(30)));
   EXPECT_TRUE(world.agent.IsRunning());
 }

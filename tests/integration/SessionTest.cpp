@@ -60,17 +60,6 @@ class SessionTest : public testing::Test {
          {QStringLiteral("org.freedesktop.login1.Session"),
           QVariantMap{{QStringLiteral("Active"), active}}});
   }
-  void StartAll() {
-    world.StartServer();
-    world.StartAgent();
-    ASSERT_TRUE(world.agent.WaitForOutput("Preferences sync'ed."));
-    ASSERT_TRUE(world.agent.WaitForOutput("Found service at host: "));
-  }
-  void StartWitness() {
-    world.InstallApplication("witness");
-    world.SetLimits("witness", {"Credit=100"});
-    witness = world.Launch("witness");
-  }
   bool Claims(const std::vector<int>& claims, int seconds = 0) {
     return world.WaitForClaims("witness", claims, kPatience + world.Seconds(seconds));
   }
@@ -85,13 +74,12 @@ class SessionTest : public testing::Test {
   QCoreApplication application{argc, argv};
   World world;
   Program login1;
-  Program witness;
 };
 
 TEST_F(SessionTest, SwitchedAwayCountsNothingAndGoesOnWhereItStood) {
   StartLogin1(true);
-  StartAll();
-  StartWitness();
+  ASSERT_TRUE(world.StartAll());
+  world.StartWitness();
   ASSERT_TRUE(Claims({99}));
   const auto paid = Clock::now();
 
@@ -105,13 +93,13 @@ TEST_F(SessionTest, SwitchedAwayCountsNothingAndGoesOnWhereItStood) {
   // which may show the first claim late.
   EXPECT_GE((Clock::now() - back) + (away - paid), world.Seconds(50));
   EXPECT_EQ(98, world.Credit("witness"));
-  EXPECT_TRUE(witness.IsRunning());
+  EXPECT_TRUE(world.witness.IsRunning());
 }
 
 TEST_F(SessionTest, ThatIsNotInFrontAtTheStartCountsOnceItIs) {
   StartLogin1(false);
-  StartAll();
-  StartWitness();
+  ASSERT_TRUE(world.StartAll());
+  world.StartWitness();
   EXPECT_FALSE(ClaimsMoreThan(0, 70));
   Switch(true);
   EXPECT_TRUE(Claims({99}));

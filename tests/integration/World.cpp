@@ -103,6 +103,19 @@ void World::EndAgentOfSession() {
   close(pidfd);
 }
 
+bool World::StartAll() {
+  StartServer();
+  StartAgent();
+  return agent.WaitForOutput(QStringLiteral("Preferences sync'ed.")) &&
+         agent.WaitForOutput(QStringLiteral("Found service at host: "));
+}
+
+void World::StartWitness() {
+  InstallApplication("witness");
+  SetLimits("witness", {"Credit=100"});
+  witness = Launch("witness");
+}
+
 Finished World::Ctl(std::vector<std::string> words) {
   words.insert(words.begin(), Bin("vardellctl"));
   return Run(words, {.environment = Environment()});

@@ -33,6 +33,10 @@ class World {
   // The agent inside the session of a leader: `sh`, which stays.
   void StartAgentInSession();
   void EndAgentOfSession();
+  // Server and agent, up to where the agent has found the Server.
+  [[nodiscard]] bool StartAll();
+  // An application that is counted all the time; its reports tell how far the minutes have got.
+  void StartWitness();
   Finished Ctl(std::vector<std::string> words);
   void SetLimits(const std::string& identifier, const std::vector<std::string>& values);
 
@@ -53,6 +57,7 @@ class World {
   Program server;
   Program agent;
   Program leader;
+  Program witness;
 
  private:
   QTemporaryDir folder_;
