@@ -17,6 +17,8 @@ class Screens {
   virtual ~Screens() = default;
   // The primary screen in global coordinates (logical pixels).
   virtual QRect MainDisplayBounds() = 0;
+  // True while something composes the windows, so that a translucent one shows what lies under it.
+  virtual bool IsComposited() = 0;
   // Covers every screen but the primary one with black, also those that are plugged in later.
   virtual void CaptureSecondaryDisplays() = 0;
   virtual void ReleaseDisplays() = 0;

@@ -13,8 +13,10 @@ namespace vardell {
 struct MessageHost {
   Screens& screens;
   AlertOptions options;
-  std::function<void()> suspendTick;  // called before the message is shown
-  std::function<void()> resumeTick;   // called after it has gone
+  std::function<void()> suspendTick;         // called before the message is shown
+  std::function<void()> resumeTick;          // called after it has gone
+  std::function<void()> hideLockBadge = {};  // may be empty, as the next
+  std::function<void()> showLockBadge = {};
 };
 
 // `key` is localised; a text that is no key is shown as it stands. `withTimers` obeys the auto-hide

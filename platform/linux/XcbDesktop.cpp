@@ -42,6 +42,12 @@ std::vector<std::uint32_t> XcbDesktop::Property(xcb_window_t window, xcb_atom_t 
   return {items, items + reply->value_len};
 }
 
+bool XcbDesktop::HasSelectionOwner(const char* selection) const {
+  const XcbReply<xcb_get_selection_owner_reply_t> reply(xcb_get_selection_owner_reply(
+      connection_, xcb_get_selection_owner(connection_, Atom(selection)), nullptr));
+  return reply && reply->owner != XCB_WINDOW_NONE;
+}
+
 pid_t XcbDesktop::WindowPid(xcb_window_t window) const {
   if (!Exists(window)) return 0;
   if (const std::optional<pid_t> pid = ResourcePid(window)) return *pid;

@@ -35,6 +35,8 @@ class XcbDesktop {
   // The process that owns the window; 0 where there is no such window, and where the server cannot
   // tell: a client of another machine.
   pid_t WindowPid(xcb_window_t window) const;
+  // True while a client holds that selection, by which it says that it does a job.
+  bool HasSelectionOwner(const char* selection) const;
   // Adds to the events of the root window that this connection receives; Qt selects others there.
   void SelectRootEvents(std::uint32_t mask) const;
 

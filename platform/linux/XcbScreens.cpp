@@ -69,6 +69,10 @@ QRect XcbScreens::MainDisplayBounds() {
   return primary ? primary->geometry() : QRect();
 }
 
+bool XcbScreens::IsComposited() {
+  return desktop_ && desktop_->HasSelectionOwner("_NET_WM_CM_S0");
+}
+
 void XcbScreens::CaptureSecondaryDisplays() {
   if (!desktop_) return;
   capturing_ = true;

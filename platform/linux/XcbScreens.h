@@ -20,6 +20,7 @@ class XcbScreens : public QObject, public Screens {
   ~XcbScreens() override;
 
   QRect MainDisplayBounds() override;
+  bool IsComposited() override;
   void CaptureSecondaryDisplays() override;
   void ReleaseDisplays() override;
   void SetSystemUIMode(SystemUIMode mode, int options, QWindow* window) override;

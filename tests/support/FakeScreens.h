@@ -11,6 +11,7 @@ namespace vardell {
 class FakeScreens : public Screens {
  public:
   QRect MainDisplayBounds() override { return bounds; }
+  bool IsComposited() override { return composited; }
 
   void CaptureSecondaryDisplays() override {
     captured = true;
@@ -31,6 +32,7 @@ class FakeScreens : public Screens {
   }
 
   QRect bounds{0, 0, 800, 600};
+  bool composited = false;
   bool captured = false;
   SystemUIMode mode = SystemUIMode::Normal;
   int options = 0;
