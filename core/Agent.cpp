@@ -2,41 +2,7 @@
 
 #include <utility>
 
-#include "ui/StopAlert.h"
-
 namespace vardell {
-namespace {
-
-AlertOptions MakeAlertOptions(const Agent& agent) {
-  return {agent.autoHideAlerts, agent.playAlertsSound, agent.dontFadeScreen};
-}
-
-MessageHost MakeMessageHost(Agent& agent) {
-  return {agent.platform.screens, MakeAlertOptions(agent),
-          [&agent] { agent.tickTimer.BeginMessage(); }, [&agent] { agent.tickTimer.EndMessage(); }};
-}
-
-void ShowCurfewAlert(Agent& agent, const QString& text) {
-  if (agent.dontFadeScreen) {
-    ShowStopAlert(text, MakeAlertOptions(agent));
-  } else {
-    ShowFullScreenMessage(text, true, MakeMessageHost(agent));
-  }
-}
-
-}  // namespace
-
-void InstallUserInterface(Agent& agent) {
-  agent.ui.showCreditAlert = [&agent](const WatchedAppPtr& entry, CreditAlertKind kind) {
-    ShowCreditAlert(entry, kind, MakeAlertOptions(agent));
-  };
-  agent.ui.showCurfewAlert = [&agent](const QString& text) { ShowCurfewAlert(agent, text); };
-  agent.ui.showMessage = [&agent](const QString& key) {
-    ShowFullScreenMessage(key, true, MakeMessageHost(agent));
-  };
-  agent.ui.lockScreen = [&agent] { LockScreen(MakeMessageHost(agent)); };
-  agent.ui.dismissMessage = DismissFullScreenMessage;
-}
 
 Agent::Agent(const Platform& seams, TickTimer::Clock monotonicClock,
              std::chrono::milliseconds second)
@@ -81,8 +47,11 @@ void QueueCurfewAlert(Agent& agent, const WatchedAppPtr& entry, bool isEarly,
   agent.alerts.Enqueue(std::move(alert));
 }
 
-void QueueLockScreen(Agent& agent) {
-  agent.alerts.EnqueueLock([&agent] { Tell(agent.ui.lockScreen); });
+void QueueLockScreen(Agent& agent, std::function<void()> dismissed) {
+  agent.alerts.EnqueueLock([&agent, dismissed = std::move(dismissed)] {
+    Tell(agent.ui.lockScreen);
+    Tell(dismissed);
+  });
 }
 
 }  // namespace vardell

@@ -32,8 +32,8 @@ struct Platform {
 };
 
 // What the person sees, as the rest of core asks for it. The first four are modal: they return when
-// dismissed, and only AlertQueue calls them. The status item and the credit overlay may be missing:
-// then their functions are empty. The pid of a credit line is -1 for the whole session.
+// dismissed, and only AlertQueue calls them. Any of them may be missing: then it is empty. The pid
+// of a credit line is -1 for the whole session.
 struct UserInterface {
   std::function<void(const WatchedAppPtr& entry, CreditAlertKind kind)> showCreditAlert;
   std::function<void(const QString& text)> showCurfewAlert;
@@ -41,6 +41,7 @@ struct UserInterface {
   std::function<void()> lockScreen;
   std::function<void()> dismissMessage;
 
+  std::function<void()> createLockBadge;
   std::function<void()> createOverlay;
   std::function<void()> showOverlay;
   std::function<void()> redrawOverlay;
@@ -86,15 +87,12 @@ std::uint32_t TickCount(const Agent& agent);
 
 WatchContext MakeWatchContext(Agent& agent);
 
-// Fills in agent.ui with the alerts and messages of ui/.
-void InstallUserInterface(Agent& agent);
-
 // Queue what their names say; each returns at once.
 void QueueCreditAlert(Agent& agent, const WatchedAppPtr& entry, CreditAlertKind kind,
                       std::function<void()> dismissed);
 void QueueCurfewAlert(Agent& agent, const WatchedAppPtr& entry, bool isEarly,
                       std::int32_t boundaryMinutes, std::function<void()> dismissed);
-void QueueLockScreen(Agent& agent);
+void QueueLockScreen(Agent& agent, std::function<void()> dismissed = {});
 
 template <typename Function, typename... Arguments>
 void Tell(const Function& function, Arguments&&... arguments) {

@@ -35,6 +35,10 @@ void LoadPreferences(Agent& agent) {
       ReadBooleanPreference(preferences, QStringLiteral("Don't fade screen"), nullptr);
 }
 
+bool IsLockBadgeWanted(Preferences& preferences) {
+  return ReadBooleanPreference(preferences, QStringLiteral("Show Lock Badge"), nullptr);
+}
+
 std::int8_t ReadConfiguration(Preferences& preferences) {
   const std::optional<QVariant> value = preferences.Value(QStringLiteral("Configuration"));
   if (!value || value->typeId() == QMetaType::Bool) return 0;

@@ -20,6 +20,9 @@ bool ReadBooleanPreference(Preferences& preferences, const QString& key, bool* f
 // Reads the four switches into the agent. May be called again at any time.
 void LoadPreferences(Agent& agent);
 
+// "Show Lock Badge": off unless it is set.
+bool IsLockBadgeWanted(Preferences& preferences);
+
 // "Configuration", or 0 where it is absent, no number, or outside -128 to 127.
 std::int8_t ReadConfiguration(Preferences& preferences);
 

@@ -138,6 +138,7 @@ int RunAgent(Agent& agent, const EventLoop& loop) {
   Tell(agent.ui.createOverlay);
   RegisterHotKeys(agent);
   LoadPreferences(agent);
+  if (IsLockBadgeWanted(agent.platform.preferences)) Tell(agent.ui.createLockBadge);
   FillTable(agent);
   Tell(agent.ui.createStatusItem);
   Tell(agent.ui.showOverlay);

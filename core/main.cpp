@@ -7,6 +7,7 @@
 #include "core/Agent.h"
 #include "core/Environment.h"
 #include "core/StartUp.h"
+#include "core/UserInterface.h"
 #include "platform/linux/AvahiDiscovery.h"
 #include "platform/linux/LinuxPreferences.h"
 #include "platform/linux/LinuxProcesses.h"
@@ -41,6 +42,6 @@ int main(int, char** argv) {
   Agent agent(
       {processes, session, system, preferences, discovery, hotKeys, frontApplication, screens},
       MonotonicNow, SecondLength());
-  InstallUserInterface(agent);
+  UserInterfaceWindows windows(agent);
   return RunAgent(agent, {[&] { return QApplication::exec(); }, [&] { QApplication::quit(); }});
 }
