@@ -46,7 +46,7 @@
     <message>
         <source>Curfew late error</source>
         <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop.</extracomment>
-        <translation>%1: that is all for today. The time for it ended at %2. Please save your work and stop now. If you go on, you will be logged out in one minute.</translation>
+        <translation>%1: it is too late for today. The time for it ended at %2. Please save your work and stop now. If you go on, you will be logged out in one minute.</translation>
     </message>
     <message>
         <source>This computer is locked</source>
