@@ -9,8 +9,10 @@ class QCoreApplication;
 
 namespace vardell {
 
-// Loads the translations that are compiled into the program: English always, the user's language
-// over it. Once, after the application object was made, which then owns them.
+// Loads the translations that are compiled into the program: English always, and over it the first
+// of the user's languages that there is ("LANGUAGE" in its order, else "LC_ALL", "LC_MESSAGES",
+// "LANG"; a variant such as fr_CA loads French; the machine need not have the locale). Once, after
+// the application object was made, which then owns them.
 void InstallTranslations(QCoreApplication& application);
 
 // The text for the key; the key itself where no translation has it.

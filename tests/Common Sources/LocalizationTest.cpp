@@ -3,7 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
 #include <QLocale>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTranslator>
+#include <QXmlStreamReader>
+#include <cstdlib>
+#include <iostream>
+#include <utility>
+#include <vector>
 
 namespace vardell {
 namespace {
@@ -15,36 +26,131 @@ struct Application {
   QCoreApplication application{argc, argv};
 };
 
-TEST(Localization, EveryKeyHasEnglishTextWhateverTheLocale) {
-  const struct {
-    const char* key;
-    bool hasArguments;
-  } kRows[] = {
-      {"Credit low format", true},
-      {"Credit low format disco", true},
-      {"Credit low format disco in 5", true},
-      {"Curfew early error", true},
-      {"Curfew late error", true},
-      {"Disk Space low format", true},
-      {"Cannot contact server", false},
-      {"Cannot contact remote server", false},
-  };
-  for (const QLocale& locale : {QLocale::c(), QLocale(QStringLiteral("fi_FI"))}) {
-    QLocale::setDefault(locale);
-    Application application;
-    InstallTranslations(application.application);
-    for (const auto& row : kRows) {
-      const QString text = Localized(row.key);
-      EXPECT_NE(text, QLatin1String(row.key));
-      EXPECT_EQ(text.count(QStringLiteral("%1")), row.hasArguments) << row.key;
-      EXPECT_EQ(text.count(QStringLiteral("%2")), row.hasArguments) << row.key;
-    }
-    EXPECT_EQ(Localized("no such key"), QStringLiteral("no such key"));
-  }
-  QLocale::setDefault(QLocale::system());
+QString ReadSource(const QString& path) {
+  QFile file(path);
+  EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
+  return QString::fromUtf8(file.readAll());
 }
 
-TEST(Localization, FillsInArgumentsInOnePass) {
+QSet<QString> Matches(const QString& text, const char* pattern) {
+  QSet<QString> found;
+  auto matches = QRegularExpression(QLatin1String(pattern)).globalMatch(text);
+  while (matches.hasNext()) found.insert(matches.next().captured(1));
+  return found;
+}
+
+QSet<QString> EnglishKeys() {
+  QSet<QString> keys;
+  QXmlStreamReader xml(ReadSource(QStringLiteral(VARDELL_SOURCE_DIR "/resources/vardell_en.ts")));
+  while (!xml.atEnd()) {
+    xml.readNext();
+    if (xml.isStartElement() && xml.name() == QLatin1String("source"))
+      keys.insert(xml.readElementText());
+  }
+  EXPECT_FALSE(xml.hasError());
+  EXPECT_FALSE(keys.isEmpty());
+  return keys;
+}
+
+QString AgentSources() {
+  QString all;
+  for (const char* folder : {"Common Sources", "core", "limits", "link", "platform", "ui"}) {
+    QDirIterator files(QStringLiteral(VARDELL_SOURCE_DIR "/") + QLatin1String(folder),
+                       {QStringLiteral("*.cpp"), QStringLiteral("*.h")}, QDir::Files,
+                       QDirIterator::Subdirectories);
+    while (files.hasNext()) all += ReadSource(files.next());
+  }
+  return all;
+}
+
+TEST(LocalizationTest, EveryKeyThatTheAgentUsesHasAText) {
+  const QSet<QString> keys = EnglishKeys();
+  const QString sources = AgentSources();
+  QSet<QString> used;
+  for (const QString& call : Matches(sources, R"(\bLocalized\(([^)]*)\))"))
+    used += Matches(call, R"re("([^"]*)")re");
+  ASSERT_FALSE(used.isEmpty());
+  for (const QString& key : used) EXPECT_TRUE(keys.contains(key)) << key.toStdString();
+}
+
+TEST(LocalizationTest, EveryLanguageHasEveryTextWithTheSamePlacesAndItsOwnMarks) {
+  Application application;
+  InstallTranslations(application.application);
+  const QStringList files = QDir(QStringLiteral(":/i18n")).entryList();
+  ASSERT_EQ(files.join(u' ').toStdString(),
+            "vardell_de.qm vardell_en.qm vardell_es.qm vardell_fr.qm");
+  const QSet<QString> keys = EnglishKeys();
+  for (const QString& file : files) {
+    QTranslator translator;
+    ASSERT_TRUE(translator.load(QStringLiteral(":/i18n/") + file));
+    for (const QString& key : keys) {
+      SCOPED_TRACE((file + QStringLiteral(": ") + key).toStdString());
+      const QByteArray name = key.toUtf8();
+      const QString text = translator.translate("Vardell", name.constData());
+      const QString english = Localized(name.constData());
+      EXPECT_FALSE(text.isEmpty());
+      EXPECT_EQ(text, text.trimmed());
+      EXPECT_EQ(Matches(text, "%(.)"), Matches(english, "%([12])"));
+      EXPECT_FALSE(text.contains(QRegularExpression(QStringLiteral("['\"]|  "))))
+          << "typewriter's marks";
+      const char* const wrongBlank = file.contains(QLatin1String("_fr"))
+                                         ? "[^\\x{202f}][:;!?]|\\x{202f}(?![:;!?])"
+                                         : "\\s[:;!?]";
+      EXPECT_FALSE(text.contains(QRegularExpression(QLatin1String(wrongBlank))));
+    }
+  }
+}
+
+// In a process of its own, since Qt reads the environment once.
+[[noreturn]] void ShowLockCommand(const std::vector<std::pair<const char*, const char*>>& set) {
+  for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) unsetenv(name);
+  for (const auto& [name, value] : set) setenv(name, value, 1);
+  Application application;
+  InstallTranslations(application.application);
+  std::cerr << "<" << Localized("Lock computer").toStdString() << ">" << std::endl;
+  std::_Exit(Localized("no such key") == QLatin1String("no such key") ? 0 : 1);
+}
+
+// The machines that run this have few locales or none: a language must not need one.
+TEST(LocalizationDeathTest, TakesTheLanguageOfTheDesktop) {
+  constexpr char kEnglish[] = "<Lock computer>";
+  constexpr char kGerman[] = "<Computer sperren>";
+  constexpr char kFrench[] = "<Verrouiller l’ordinateur>";
+  constexpr char kSpanish[] = "<Bloquear el ordenador>";
+  const struct {
+    const char* what;
+    std::vector<std::pair<const char*, const char*>> set;
+    const char* shown;
+  } kRows[] = {
+      {"nothing set", {}, kEnglish},
+      {"no language", {{"LANG", "C"}}, kEnglish},
+      {"a language without texts", {{"LANG", "fi_FI.UTF-8"}}, kEnglish},
+      {"no locale at all", {{"LANG", "german"}}, kEnglish},
+      {"German", {{"LANG", "de_DE.UTF-8"}}, kGerman},
+      {"a variant", {{"LANG", "de_AT.UTF-8"}}, kGerman},
+      {"an old code set", {{"LANG", "de_DE@euro"}}, kGerman},
+      {"a variant overseas", {{"LANG", "fr_CA"}}, kFrench},
+      {"Spanish overseas", {{"LANG", "es_MX.UTF-8"}}, kSpanish},
+      {"messages before the rest",
+       {{"LANG", "de_DE.UTF-8"}, {"LC_MESSAGES", "es_ES.UTF-8"}},
+       kSpanish},
+      {"all before messages", {{"LC_MESSAGES", "es_ES.UTF-8"}, {"LC_ALL", "fr_FR.UTF-8"}}, kFrench},
+      {"a list begins with its first",
+       {{"LANG", "fr_FR.UTF-8"}, {"LANGUAGE", "de_AT:fr"}},
+       kGerman},
+      {"a list goes on to one that has texts",
+       {{"LANG", "fi_FI.UTF-8"}, {"LANGUAGE", "fi:fr_CA:de"}},
+       kFrench},
+      {"English has texts too", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "en_GB:de"}}, kEnglish},
+      {"an empty list", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", ""}}, kGerman},
+  };
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const auto& row : kRows) {
+    EXPECT_EXIT(ShowLockCommand(row.set), testing::ExitedWithCode(0), row.shown) << row.what;
+  }
+}
+
+TEST(LocalizationTest, FillsInArgumentsInOnePass) {
   const auto fill = [](const char* format, const char* first, const char* second) {
     return FormatLocalized(QLatin1String(format), {QLatin1String(first), QLatin1String(second)})
         .toStdString();
