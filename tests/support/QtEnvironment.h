@@ -1,6 +1,7 @@
 // The application object of a test program that needs one for all of its tests:
 //   const auto* const environment = testing::AddGlobalTestEnvironment(new
 //   QtEnvironment<QApplication>);
+// Its texts are the English ones, whatever the developer's language is.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +16,8 @@ template <typename Application>
 class QtEnvironment : public testing::Environment {
  public:
   void SetUp() override {
+    qputenv("LC_ALL", "C.UTF-8");
+    qunsetenv("LANGUAGE");
     application_ = std::make_unique<Application>(argc_, argv_);
     application_->setQuitOnLastWindowClosed(false);
     InstallTranslations(*application_);
