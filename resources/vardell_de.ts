@@ -40,12 +40,12 @@
     </message>
     <message>
         <source>Curfew early error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used. An application is closed or the person is logged out, by the day of the week.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used, which may end with a full stop of its own. An application is closed or the person is logged out, by the day of the week.</extracomment>
         <translation>%1: Es ist noch zu früh. Du kannst um %2 anfangen. Bitte speichere jetzt und hör auf. Wenn du weitermachst, wird in einer Minute das Programm oder deine Sitzung beendet.</translation>
     </message>
     <message>
         <source>Curfew late error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop, which may end so too.</extracomment>
         <translation>%1: Für heute ist es zu spät. Die Zeit dafür war um %2 zu Ende. Bitte speichere jetzt und hör auf. Wenn du weitermachst, wirst du in einer Minute abgemeldet.</translation>
     </message>
     <message>

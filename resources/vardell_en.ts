@@ -40,13 +40,13 @@
     </message>
     <message>
         <source>Curfew early error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used. An application is closed or the person is logged out, by the day of the week.</extracomment>
-        <translation>%1: it is too early. You can start at %2. Please save your work and stop now. If you go on, it will be closed or you will be logged out in one minute.</translation>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used, which may end with a full stop of its own. An application is closed or the person is logged out, by the day of the week.</extracomment>
+        <translation>%1: it is too early. You can start at %2 today. Please save your work and stop now. If you go on, it will be closed or you will be logged out in one minute.</translation>
     </message>
     <message>
         <source>Curfew late error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop.</extracomment>
-        <translation>%1: it is too late for today. The time for it ended at %2. Please save your work and stop now. If you go on, you will be logged out in one minute.</translation>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop, which may end so too.</extracomment>
+        <translation>%1: it is too late. The time for it ended at %2 today. Please save your work and stop now. If you go on, you will be logged out in one minute.</translation>
     </message>
     <message>
         <source>This computer is locked</source>

@@ -40,12 +40,12 @@
     </message>
     <message>
         <source>Curfew early error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used. An application is closed or the person is logged out, by the day of the week. The time stands in brackets: it may be 1:00 as well as 2:00, and may end with a full stop.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used, which may end with a full stop of its own. An application is closed or the person is logged out, by the day of the week. The time stands in brackets: it may be 1:00 as well as 2:00.</extracomment>
         <translation>%1: todavía es demasiado pronto. Aún no es la hora de empezar (%2). Guarda tu trabajo y déjalo por ahora. Si sigues, dentro de un minuto se cerrará la aplicación o tu sesión.</translation>
     </message>
     <message>
         <source>Curfew late error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop, which may end so too.</extracomment>
         <translation>%1: por hoy es demasiado tarde. La hora de parar (%2) ya ha pasado. Guarda tu trabajo y déjalo por hoy. Si sigues, dentro de un minuto se cerrará tu sesión.</translation>
     </message>
     <message>

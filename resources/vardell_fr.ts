@@ -40,12 +40,12 @@
     </message>
     <message>
         <source>Curfew early error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used. An application is closed or the person is logged out, by the day of the week.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it may be used, which may end with a full stop of its own. An application is closed or the person is logged out, by the day of the week.</extracomment>
         <translation>%1&#x202f;: il est encore trop tôt. Tu pourras commencer à %2. Enregistre ton travail et arrête-toi maintenant. Si tu continues, l’application ou ta session sera fermée dans une minute.</translation>
     </message>
     <message>
         <source>Curfew late error</source>
-        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop.</extracomment>
+        <extracomment>A warning. %1 is the name of an application or "computer", %2 the time of day at which it had to stop, which may end so too.</extracomment>
         <translation>%1&#x202f;: il est trop tard pour aujourd’hui. C’était possible jusqu’à %2. Enregistre ton travail et arrête-toi maintenant. Si tu continues, ta session sera fermée dans une minute.</translation>
     </message>
     <message>

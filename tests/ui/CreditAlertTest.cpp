@@ -49,12 +49,12 @@ TEST(CurfewAlertTextTest, TellsTheBoundaryInTheLocalesShortTime) {
     const char* part;
   };
   constexpr Row kRows[] = {
-      {"an evening in English", "en_US", false, 1200, "The time for it ended at 8:00 PM."},
-      {"an evening in German", "de_DE", false, 1200, "The time for it ended at 20:00."},
-      {"a morning", "de_DE", true, 485, "You can start at 08:05."},
-      {"the end of the day is midnight", "de_DE", false, 1440, "ended at 00:00."},
-      {"beyond the day it starts anew", "de_DE", false, 1441, "ended at 00:01."},
-      {"before the day it ends the last", "de_DE", true, -1, "start at 23:59."},
+      {"an evening in English", "en_US", false, 1200, "The time for it ended at 8:00 PM today."},
+      {"an evening in German", "de_DE", false, 1200, "The time for it ended at 20:00 today."},
+      {"a morning", "de_DE", true, 485, "You can start at 08:05 today."},
+      {"the end of the day is midnight", "de_DE", false, 1440, "ended at 00:00 today."},
+      {"beyond the day it starts anew", "de_DE", false, 1441, "ended at 00:01 today."},
+      {"before the day it ends the last", "de_DE", true, -1, "start at 23:59 today."},
   };
   const WatchedApp game = Entry("org.example.game", "Game");
   for (const Row& row : kRows) {
