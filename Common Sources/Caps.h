@@ -34,6 +34,11 @@ inline constexpr std::size_t kMaxUserDesktopEntries = 1024;
 inline constexpr int kMaxDesktopEntryDepth = 4;
 inline constexpr std::size_t kMaxDesktopEntryBytes = 128u << 10;
 
+// The measured home folder: the names of folders that wait to be entered (about three million), and
+// the longest way down.
+inline constexpr std::size_t kMaxWaitingFolderNameBytes = 64u << 20;
+inline constexpr std::size_t kMaxFolderDepth = 1000000;
+
 // Processes: what is read of one file of a process, the processes that one scan looks at, ancestors
 // that are followed, and applications whose end is waited for with a descriptor each (the scan
 // finds the ends of all others).
