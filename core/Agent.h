@@ -8,6 +8,8 @@
 #include <functional>
 
 #include "core/TickTimer.h"
+#include "limits/DiskQuota.h"
+#include "limits/HomeFolderMeasurement.h"
 #include "limits/WatchedApps.h"
 #include "link/VardellLoader.h"
 #include "platform/FrontApplication.h"
@@ -75,6 +77,9 @@ struct Agent {
   std::int32_t statusRefreshCountdown = 0;
 
   AlertQueue alerts;
+
+  DiskQuota diskQuota;
+  HomeFolderMeasurement homeFolder;
 
   // After a fetch without an answer: when to look for the Server next, by `monotonic`, and the
   // pause after that, in seconds; 0: nothing was missed.

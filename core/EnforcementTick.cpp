@@ -9,7 +9,6 @@
 
 #include "Common Sources/TimeZones.h"
 #include "limits/Curfew.h"
-#include "limits/DiskQuota.h"
 #include "link/MessageEncoding.h"
 #include "link/RequestExchange.h"
 
@@ -91,9 +90,30 @@ void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
   CheckCurfew(entry, actions);
 }
 
+void QueueDiskMessage(Agent& agent, const QString& text, std::function<void()> dismissed) {
+  QueuedAlert message;
+  message.show = [&agent, text] { Tell(agent.ui.showMessage, text); };
+  message.dismissed = std::move(dismissed);
+  agent.alerts.Enqueue(std::move(message));
+}
+
+void CheckDiskQuotaOf(Agent& agent, const WatchedAppPtr& entry) {
+  DiskQuotaActions actions;
+  actions.measure = [&agent](HomeFolderMeasurement::Deliver deliver) {
+    (void)agent.homeFolder.Start(std::move(deliver));
+  };
+  actions.showMessage = [&agent](const QString& text, std::function<void()> dismissed) {
+    QueueDiskMessage(agent, text, std::move(dismissed));
+  };
+  actions.loginPid = [&agent] { return SessionPid(agent); };
+  actions.endWatchedApp = [&agent](const WatchedApp& session) { EndWatchedApp(agent, session); };
+  actions.setDiskLine = agent.ui.setDiskLine;
+  CheckDiskQuota(entry, agent.diskQuota, actions);
+}
+
 // True when the entry is to be removed.
 bool CheckMinute(Agent& agent, const WatchedAppPtr& entry) {
-  if (IsGlobalSettings(*entry)) CheckDiskQuota(*entry, {agent.ui.setDiskLine});
+  if (IsGlobalSettings(*entry)) CheckDiskQuotaOf(agent, entry);
   CheckCurfewOf(agent, entry);
 
   bool remove = false;

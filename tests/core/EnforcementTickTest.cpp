@@ -1,9 +1,16 @@
 #include "core/EnforcementTick.h"
 
+#include <pwd.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <optional>
+
+#include "Common Sources/Localization.h"
 #include "tests/core/AgentFixture.h"
 #include "tests/support/Program.h"
 
@@ -223,6 +230,88 @@ TEST_F(EnforcementTickTest, TheGlobalSettingsLiveOnAndAreNeverReported) {
   Minutes(3);
   EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
   EXPECT_EQ(Words(), Frames());
+}
+
+// --- the disk quota
+
+class HomeFolderTest : public EnforcementTickTest {
+ protected:
+  HomeFolderTest() {
+    qputenv("VARDELL_TEST_ROOT", root_.path().toUtf8());
+    home_ = root_.path() + QString::fromLocal8Bit(getpwuid(getuid())->pw_dir);
+    QDir().mkpath(home_);
+    agent.ui.setDiskLine = [this](bool, std::uint64_t, std::uint64_t usage) { usage_ = usage; };
+    session.leaderPid = leader_.pid();
+    entry_ = Watch(QLatin1String(kGlobalSettingsIdentifier), 0, 0);
+    entry_->limits.diskQuotaEnabled = 1;
+    entry_->limits.diskQuotaValue = 1;
+  }
+  ~HomeFolderTest() override { qunsetenv("VARDELL_TEST_ROOT"); }
+
+  void Hold(qint64 bytes) {
+    QFile file(home_ + QStringLiteral("/film"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.resize(bytes));
+    holds_ = static_cast<std::uint64_t>(bytes);
+  }
+  // To the next check, its figure, and what comes of it.
+  Words CheckOnce() {
+    usage_.reset();
+    Tick(entry_->ticks == 0 ? 1 : 60);
+    EXPECT_TRUE(WaitUntil([this] { return usage_.has_value(); }));
+    EXPECT_EQ(holds_, usage_);
+    return ShownAlerts();
+  }
+
+  const Words kWarning{FormatLocalized(Localized("Disk Space low format"),
+                                       {QStringLiteral("2.00 MB"), QStringLiteral("1.00 MB")})};
+  QTemporaryDir root_;
+  QString home_;
+  Program leader_ = StartVictim();
+  WatchedAppPtr entry_;
+  std::uint64_t holds_ = 0;
+  std::optional<std::uint64_t> usage_;
+};
+
+TEST_F(HomeFolderTest, OneThatStaysTooLargeEndsTheSessionTwoChecksAfterTheWarning) {
+  Hold(1 << 20);
+  EXPECT_EQ(Words(), CheckOnce());
+  Hold(2 << 20);
+  EXPECT_EQ(kWarning, CheckOnce());
+  EXPECT_EQ(-1, agent.diskQuota.warningCounter);
+  EXPECT_EQ(Words(), CheckOnce());
+  EXPECT_TRUE(leader_.IsRunning());
+  EXPECT_EQ(Words(), CheckOnce());
+  EXPECT_EQ(-SIGKILL, leader_.Wait());
+  EXPECT_EQ(0, entry_->pid);
+  EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
+}
+
+TEST_F(HomeFolderTest, OneThatWasTidiedUpIsForgivenAndWarnedAnew) {
+  Hold(2 << 20);
+  EXPECT_EQ(kWarning, CheckOnce());
+  EXPECT_EQ(Words(), CheckOnce());
+  Hold(1 << 10);
+  EXPECT_EQ(Words(), CheckOnce());
+  EXPECT_EQ(0, agent.diskQuota.warningCounter);
+  Hold(2 << 20);
+  EXPECT_EQ(kWarning, CheckOnce());
+  EXPECT_TRUE(leader_.IsRunning());
+}
+
+TEST_F(HomeFolderTest, AWarningThatWaitsBehindAnotherIsNotCounted) {
+  Hold(2 << 20);
+  Watch(kToy, 5, getpid());
+  whileItStands = [this] {
+    for (int check = 0; check < 3; ++check) {
+      usage_.reset();
+      Tick(60);
+      EXPECT_TRUE(WaitUntil([this] { return usage_.has_value(); }));
+      EXPECT_EQ(0, agent.diskQuota.warningCounter);
+    }
+  };
+  EXPECT_EQ(Words{"toy 2"} + kWarning, CheckOnce());
+  EXPECT_EQ(-1, agent.diskQuota.warningCounter);
+  EXPECT_TRUE(leader_.IsRunning());
 }
 
 // --- a Server that was lost

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "limits/DiskQuota.h"
-
 namespace vardell {
 namespace {
 
@@ -150,20 +148,6 @@ TEST_F(CurfewCheck, BothBoundsAgainEndTheApplicationThenTheSession) {
   entry->limits = Hours(1200, 480);
   (void)CheckAt(Monday, 12, 0);
   EXPECT_EQ(CheckAt(Monday, 12, 1), kKillEntry + kKillSession);
-}
-
-TEST(DiskQuota, KeepsItsEntryAliveAndTellsThatTheQuotaIsOff) {
-  for (const bool enabled : {false, true}) {
-    WatchedApp entry;
-    entry.limits.diskQuotaEnabled = enabled;
-    QStringList told;
-    const auto line = [&told](bool on, std::uint64_t limit, std::uint64_t usage) {
-      told << QStringLiteral("%1 %2 %3").arg(on).arg(limit).arg(usage);
-    };
-    CheckDiskQuota(entry, {line});
-    EXPECT_EQ(entry.limits.credit, 10);
-    EXPECT_EQ(told, enabled ? kNothing : QStringList{QStringLiteral("0 0 0")});
-  }
 }
 
 }  // namespace

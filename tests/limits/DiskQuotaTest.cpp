@@ -1,0 +1,158 @@
+#include "limits/DiskQuota.h"
+
+#include <gtest/gtest.h>
+
+#include <QStringList>
+#include <limits>
+
+namespace vardell {
+namespace {
+
+constexpr std::uint64_t kMega = 1u << 20;
+constexpr std::int16_t kLeast = std::numeric_limits<std::int16_t>::min();
+constexpr std::int16_t kMost = std::numeric_limits<std::int16_t>::max();
+
+TEST(DiskQuotaTest, DecidesByTheCounter) {
+  constexpr auto kHuge = std::numeric_limits<std::uint64_t>::max();
+  struct Row {
+    const char* behaviour;
+    std::int16_t counter;
+    std::uint64_t usage;
+    std::int64_t limit;
+    bool messagePending;
+    bool endSession;
+    bool warn;
+    std::int16_t after;
+  };
+  constexpr Row kRows[] = {
+      {"within the quota nothing happens", 0, 5, 10, false, false, false, 0},
+      {"exactly the limit is within", 0, 10, 10, false, false, false, 0},
+      {"over it warns, and counts only once that was seen", 0, 11, 10, false, false, true, 0},
+      {"one check after the warning is silence", -1, 11, 10, false, false, false, -2},
+      {"two checks after it is the end", -2, 11, 10, false, true, false, -3},
+      {"then silence", -3, 11, 10, false, false, false, -4},
+      {"the lowest counter becomes the highest", kLeast, 11, 10, false, false, false, kMost},
+      {"and goes on down", kMost, 11, 10, false, false, false, kMost - 1},
+      {"to the next warning", 1, 11, 10, false, false, false, 0},
+      {"within the quota again, the next warning is armed", -2, 10, 10, false, false, false, 0},
+      {"a quota of nothing allows nothing", 0, 1, 0, false, false, true, 0},
+      {"but an empty folder is within it", -1, 0, 0, false, false, false, 0},
+      {"below nothing is every folder", 0, 0, -1, false, false, true, 0},
+      {"what is no signed number is below nothing", -1, kHuge, 0, false, false, false, 0},
+      {"under the message nothing is decided", 0, 11, 10, true, false, false, 0},
+      {"not the end either", -2, 11, 10, true, false, false, -2},
+      {"nor is the next warning armed", -1, 5, 10, true, false, false, -1},
+  };
+  for (const Row& row : kRows) {
+    const DiskQuotaDecision decision =
+        DecideDiskQuota(row.counter, row.usage, row.limit, row.messagePending);
+    EXPECT_EQ(decision.endSession, row.endSession) << row.behaviour;
+    EXPECT_EQ(decision.warn, row.warn) << row.behaviour;
+    EXPECT_EQ(decision.counter, row.after) << row.behaviour;
+  }
+}
+
+class DiskQuotaCheckTest : public testing::Test {
+ protected:
+  DiskQuotaCheckTest() { Renew(1); }
+
+  // --- vocabulary
+
+  void Renew(std::int32_t megabytes) {
+    entry_ = std::make_shared<WatchedApp>();
+    entry_->limits.diskQuotaEnabled = 1;
+    entry_->limits.diskQuotaValue = megabytes;
+  }
+  void Check() {
+    DiskQuotaActions actions;
+    actions.measure = [this](std::function<void(std::uint64_t)> deliver) {
+      if (!deliver_) deliver_ = std::move(deliver);
+    };
+    actions.showMessage = [this](const QString&, std::function<void()> dismissed) {
+      told_ << QStringLiteral("message");
+      dismiss_ = std::move(dismissed);
+    };
+    actions.loginPid = [] { return 4711; };
+    actions.endWatchedApp = [this](const WatchedApp& entry) {
+      told_ << QStringLiteral("end %1").arg(entry.pid);
+    };
+    actions.setDiskLine = [this](bool enabled, std::uint64_t limit, std::uint64_t usage) {
+      told_ << QStringLiteral("%1 %2 of %3").arg(enabled).arg(usage).arg(limit);
+    };
+    CheckDiskQuota(entry_, quota_, actions);
+    EXPECT_EQ(entry_->limits.credit, 10);
+  }
+  void Figure(std::uint64_t usage) { std::exchange(deliver_, nullptr)(usage); }
+  QStringList CheckWith(std::uint64_t usage) {
+    Check();
+    Figure(usage);
+    return Told();
+  }
+  QStringList Told() { return std::exchange(told_, {}); }
+
+  WatchedAppPtr entry_;
+  DiskQuota quota_;
+  std::function<void(std::uint64_t)> deliver_;
+  std::function<void()> dismiss_;
+  QStringList told_;
+};
+
+TEST_F(DiskQuotaCheckTest, WarningSilenceEnd) {
+  const QString line = QStringLiteral("1 1048577 of 1048576");
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("message"), line}));
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line)) << "while it is up";
+  EXPECT_EQ(quota_.warningCounter, 0);
+  dismiss_();
+  EXPECT_EQ(quota_.warningCounter, -1);
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line));
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("end 4711"), line}));
+  EXPECT_EQ(entry_->pid, 0);
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line));
+  EXPECT_EQ(CheckWith(kMega), QStringList(QStringLiteral("1 1048576 of 1048576")));
+  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("message"), line}));
+}
+
+TEST_F(DiskQuotaCheckTest, ACheckUnderTheMessageDecidesNothingWhenItsFigureComesLater) {
+  (void)CheckWith(2 * kMega);
+  Check();
+  dismiss_();
+  Figure(2 * kMega);
+  EXPECT_EQ(quota_.warningCounter, -1);
+}
+
+TEST_F(DiskQuotaCheckTest, WhatIsNoQuotaSaysSoAndMeasuresNothing) {
+  entry_->limits.diskQuotaEnabled = 0;
+  Check();
+  EXPECT_EQ(Told(), QStringList(QStringLiteral("0 0 of 0")));
+  EXPECT_FALSE(deliver_);
+}
+
+TEST_F(DiskQuotaCheckTest, ANegativeQuotaIsShownAsItsBits) {
+  Renew(-1);
+  EXPECT_EQ(CheckWith(0).last(), QStringLiteral("1 0 of 18446744073708503040"));
+}
+
+TEST_F(DiskQuotaCheckTest, AFigureWhoseEntryHasGoneIsDropped) {
+  Check();
+  entry_.reset();
+  Figure(2 * kMega);
+  EXPECT_EQ(Told(), QStringList());
+}
+
+TEST_F(DiskQuotaCheckTest, AFigureServesTheEntryThatAskedLast) {
+  Check();
+  Renew(3);
+  Check();
+  Figure(2 * kMega);
+  EXPECT_EQ(Told(), QStringList(QStringLiteral("1 2097152 of 3145728")));
+  Check();
+  Renew(0);
+  entry_->limits.diskQuotaEnabled = 0;
+  Check();
+  (void)Told();
+  Figure(2 * kMega);
+  EXPECT_EQ(Told(), QStringList()) << "switched off meanwhile";
+}
+
+}  // namespace
+}  // namespace vardell
