@@ -1,0 +1,272 @@
+// The overlay's line, and its window on a real X server, with and without a compositor.
+#include "ui/CreditOverlay.h"
+
+#include <gtest/gtest.h>
+
+#include <QAccessible>
+#include <QApplication>
+#include <QMouseEvent>
+#include <QScreen>
+#include <QTranslator>
+#include <QWindow>
+
+#include "platform/Processes.h"
+#include "platform/linux/XcbScreens.h"
+#include "tests/support/QtEnvironment.h"
+#include "tests/support/SecondClient.h"
+
+namespace vardell {
+namespace {
+
+using test::Program;
+using test::Tool;
+using test::WaitUntil;
+using namespace std::chrono_literals;
+
+const auto* const kEnvironment =
+    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
+
+constexpr std::int32_t kFront = 7;
+
+// Short formats, so that a line shows what it was made of.
+class Formats : public QTranslator {
+ public:
+  Formats() { QCoreApplication::installTranslator(this); }
+  bool isEmpty() const override { return false; }
+  QString translate(const char*, const char* key, const char*, int) const override {
+    if (qstrcmp(key, "Credit format") == 0) return QStringLiteral("%1: %2 left");
+    if (qstrcmp(key, "Disk Quota Credit format") == 0) return QStringLiteral("disk %1");
+    if (qstrcmp(key, "Not watching") == 0) return QStringLiteral("none");
+    return {};
+  }
+};
+
+WatchedAppPtr Entry(std::int32_t pid, const char* identifier, const char* name, std::int32_t credit,
+                    std::uint32_t ticks = 0, bool lastMinute = false) {
+  auto entry = std::make_shared<WatchedApp>();
+  entry->pid = pid;
+  entry->identifier = QLatin1String(identifier);
+  entry->displayName = QLatin1String(name);
+  entry->limits.credit = credit;
+  entry->ticks = ticks;
+  entry->lastMinuteUsed = lastMinute;
+  return entry;
+}
+
+TEST(CreditOverlayLineTest, TellsOfTheEntryInFrontAndOfTheQuota) {
+  const Formats formats;
+  const auto game = Entry(kFront, "org.game", "Game", 65);
+  const auto renewed = Entry(kFront, "org.game2", "%1 & %2", 3);
+  const auto lastMinute = Entry(kFront, "org.game", "Game", 1, 75, true);
+  const auto fullMinute = Entry(kFront, "org.game", "Game", 1, 120, true);
+  const auto spent = Entry(kFront, "org.game", "Game", kSpentCredit);
+  const auto session = Entry(3, kLoginWindowIdentifier, "computer", 30);
+  const auto settings = Entry(0, kGlobalSettingsIdentifier, "Disk", 10, 130);
+  struct Row {
+    const char* behaviour;
+    WatchedAppTable table;
+    std::int16_t quota;
+    const char* line;
+    std::int32_t front = kFront;
+  };
+  const Row rows[] = {
+      {"minutes", {session, game}, 0, "Game: 1 hour 5 minutes left"},
+      {"the last match", {game, renewed, session}, 0, "%1 & %2: 3 minutes left"},
+      {"else the session",
+       {Entry(8, "org.other", "Other", 9), session},
+       0,
+       "computer: 30 minutes left"},
+      {"the settings are no process", {settings, session}, 0, "computer: 30 minutes left", 0},
+      {"nothing", {settings}, 0, "none"},
+      {"seconds of the last minute", {lastMinute}, 0, "Game: 45 seconds left"},
+      {"its whole minute is 60 modulo 60", {fullMinute}, 0, "Game: 0 second left"},
+      {"spent", {spent, session}, 0, ""},
+      {"spent, with the blank", {spent}, -1, " disk 2 minutes"},
+      {"over the quota", {game}, -1, "Game: 1 hour 5 minutes left disk 2 minutes"},
+      {"the quota's last minute in seconds",
+       {game, settings},
+       -2,
+       "Game: 1 hour 5 minutes left disk 50 seconds"},
+      {"of no settings", {}, -2, "disk 0 second"},
+      {"the quota alone", {settings}, -3, "disk 0 minute"},
+      {"beyond it", {settings}, -4, "disk -1 minute"},
+      {"kept", {game}, 5, "Game: 1 hour 5 minutes left"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(CreditOverlayLine(row.table, row.front, row.quota), QLatin1String(row.line))
+        << row.behaviour;
+  }
+}
+
+// A white window over the whole screen that counts its clicks.
+class Beneath : public QWidget {
+ public:
+  Beneath() { setPalette(Qt::white); }
+  std::vector<QPoint> clicks;
+
+ protected:
+  void mousePressEvent(QMouseEvent* event) override { clicks.push_back(event->pos()); }
+};
+
+class CreditOverlayTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(ShowFullScreen()); }
+
+  bool ShowFullScreen() {
+    beneath.showFullScreen();
+    return WaitUntil([this] { return beneath.isActiveWindow() && Pixel(1270, 790) == Qt::white; });
+  }
+  static QImage Strip() {
+    return QGuiApplication::primaryScreen()->grabWindow(0, 0, 0, 1280, 60).toImage();
+  }
+  static QColor Pixel(int x, int y) {
+    return QGuiApplication::primaryScreen()->grabWindow(0, x, y, 1, 1).toImage().pixelColor(0, 0);
+  }
+  // The part of the picture that has blue letters.
+  static QRect Letters(const QImage& picture) {
+    QRect found;
+    for (int y = 0; y < picture.height(); ++y) {
+      for (int x = 0; x < picture.width(); ++x) {
+        const QColor c = picture.pixelColor(x, y);
+        if (c.blue() > 180 && c.red() < 100 && c.green() < 100) found |= QRect(x, y, 1, 1);
+      }
+    }
+    return found;
+  }
+  static bool IsSeen() { return !Letters(Strip()).isEmpty(); }
+  bool ShowAndWait() {
+    ShowCreditOverlay(*overlay);
+    return WaitUntil(IsSeen);
+  }
+  void Ticks(int count) {
+    for (int i = 0; i < count; ++i) CountDownCreditOverlay(*overlay);
+  }
+
+  const Formats formats;
+  WatchedAppPtr game = Entry(kFront, "org.game", "Game", 65);
+  WatchedAppTable table{game};
+  XcbScreens screens;
+  test::SecondClient other;
+  Beneath beneath;
+  std::unique_ptr<CreditOverlay> overlay =
+      CreateCreditOverlay({table, [] { return kFront; }, [] { return std::int16_t{0}; }}, screens);
+};
+
+TEST_F(CreditOverlayTest, LiesOverAFullScreenWindowAndLeavesItFocusAndClicks) {
+  EXPECT_FALSE(IsSeen());
+  ASSERT_TRUE(ShowAndWait());
+  Tool({"xdotool", "mousemove", "640", "8", "click", "1"});
+  EXPECT_TRUE(WaitUntil([&] { return beneath.clicks == std::vector{QPoint(640, 8)}; }));
+  EXPECT_TRUE(beneath.isActiveWindow());
+  EXPECT_EQ(other.UnmanagedWindows().back(), QRect(0, 0, 1280, 800));
+  EXPECT_EQ(Pixel(640, 60), Qt::white) << "beneath the strip";
+
+  QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(overlay.get());
+  EXPECT_EQ(accessible->role(), QAccessible::AlertMessage);
+  EXPECT_EQ(accessible->text(QAccessible::Name), QStringLiteral("Game: 1 hour 5 minutes left"));
+  game->limits.credit = 1;
+  RedrawCreditOverlay(*overlay);
+  EXPECT_EQ(accessible->text(QAccessible::Name), QStringLiteral("Game: 1 minute left"));
+}
+
+TEST_F(CreditOverlayTest, LiesOverAFullScreenWindowThatComesLaterFromTheNextTickOn) {
+  beneath.showNormal();
+  ASSERT_TRUE(WaitUntil([] { return Pixel(1270, 790) != Qt::white; }));
+  ASSERT_TRUE(ShowAndWait());
+  ASSERT_TRUE(ShowFullScreen());
+  Ticks(1);
+  EXPECT_TRUE(WaitUntil(IsSeen)) << "of a program that asks the window manager";
+  Beneath unmanaged;
+  unmanaged.setWindowFlags(Qt::X11BypassWindowManagerHint);
+  unmanaged.setGeometry(0, 0, 1280, 800);
+  unmanaged.show();
+  ASSERT_TRUE(WaitUntil([] { return !IsSeen(); }));
+  Ticks(1);
+  EXPECT_TRUE(WaitUntil(IsSeen)) << "of one that does not";
+}
+
+TEST_F(CreditOverlayTest, IsHiddenAtTheFourthTickWhateverIsAskedMeanwhile) {
+  const auto before = other.UnmanagedWindows();
+  for (int time = 0; time < 2; ++time) {
+    Ticks(2);  // while it is hidden
+    ASSERT_TRUE(ShowAndWait());
+    Ticks(3);
+    ShowCreditOverlay(*overlay);
+    EXPECT_TRUE(overlay->isVisible());
+    EXPECT_EQ(Pixel(640, 400), Qt::white) << "cut to the strip, also the second time";
+    Ticks(1);
+    EXPECT_FALSE(overlay->isVisible());
+    EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows() == before && !IsSeen(); }));
+  }
+}
+
+TEST_F(CreditOverlayTest, FadesWhereTheScreenIsComposedAndComesBackWhenAskedFor) {
+  Program compositor({"xcompmgr"}, {});
+  ASSERT_TRUE(WaitUntil([&] { return screens.IsComposited(); }));
+  const auto isFading = [&] {
+    return overlay->isVisible() && overlay->windowOpacity() < 0.9 && overlay->windowOpacity() > 0.1;
+  };
+  ASSERT_TRUE(ShowAndWait());
+  Ticks(4);
+  ASSERT_TRUE(WaitUntil(isFading));
+  Ticks(4);
+  ShowCreditOverlay(*overlay);
+  EXPECT_FALSE(WaitUntil([&] { return !overlay->isVisible(); }, 600ms)) << "faded on";
+  EXPECT_EQ(overlay->windowOpacity(), 1);
+  Ticks(3);
+  EXPECT_FALSE(WaitUntil(isFading, 100ms)) << "the count did not start anew";
+  Ticks(1);
+  EXPECT_TRUE(WaitUntil([&] { return !overlay->isVisible(); }));
+  ASSERT_TRUE(ShowAndWait()) << "opaque again";
+  compositor.End(SIGTERM);
+  ASSERT_TRUE(WaitUntil([&] { return !screens.IsComposited(); }));
+  EXPECT_TRUE(WaitUntil([] { return IsSeen() && Pixel(640, 400) == Qt::white; }));
+  HideCreditOverlay(*overlay);
+  EXPECT_FALSE(overlay->isVisible()) << "at once";
+}
+
+TEST_F(CreditOverlayTest, FollowsTheMainDisplay) {
+  ASSERT_TRUE(ShowAndWait());
+  Tool({"xrandr", "--setmonitor", "*left", "640/100x800/100+0+0", "screen"});
+  EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows().back() == QRect(0, 0, 640, 800); }));
+  Tool({"xrandr", "--delmonitor", "left"});
+  EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows().back() == QRect(0, 0, 1280, 800); }));
+}
+
+TEST_F(CreditOverlayTest, IsReadableAndWholeInAnyPaletteFontAndLength) {
+  const QString longName = QString(QLatin1String("Very Long Name ")).repeated(30);
+  struct Row {
+    const char* behaviour;
+    QString name;
+    int points;
+    QColor bar;
+  };
+  const Row rows[] = {
+      {"light", QStringLiteral("Game"), 9, QColor(240, 240, 240)},
+      {"a light plate on a dark bar", QStringLiteral("Game"), 9, QColor(40, 40, 44)},
+      {"a long name", longName, 9, QColor(40, 40, 44)},
+      {"lines break", QStringLiteral("a\nb\nc"), 20, QColor(240, 240, 240)},
+      {"large letters", longName, 40, QColor(240, 240, 240)},
+      {"too large ones", QStringLiteral("Game"), 90, QColor(40, 40, 44)}};
+  for (const Row& row : rows) {
+    game->displayName = row.name;
+    QFont font;
+    font.setPointSize(row.points);
+    overlay->setFont(font);
+    overlay->setPalette(row.bar);
+    ASSERT_TRUE(ShowAndWait()) << row.behaviour;
+    const QImage picture = QGuiApplication::primaryScreen()->grabWindow(0).toImage();
+    const QRect letters = Letters(picture);
+    EXPECT_GE(letters.left(), 10) << row.behaviour;
+    EXPECT_LE(letters.right(), 1270) << row.behaviour;
+    EXPECT_GE(letters.top(), 3) << row.behaviour;
+    EXPECT_EQ(picture.pixelColor(2, letters.bottom()), row.bar) << row.behaviour << ": cut below";
+    EXPECT_GE(picture.pixelColor(letters.left() - 3, letters.center().y()).lightness(), 188)
+        << row.behaviour << ": blue on a dark ground";
+    HideCreditOverlay(*overlay);
+    ASSERT_TRUE(WaitUntil([] { return !IsSeen(); }));
+  }
+}
+
+}  // namespace
+}  // namespace vardell
