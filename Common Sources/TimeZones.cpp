@@ -2,14 +2,18 @@
 
 namespace vardell {
 
-QTimeZone CopyCurrentTimeZone() {
-  const QTimeZone zone = QTimeZone::systemTimeZone();
-  return zone.isValid() ? zone : QTimeZone::utc();
+const QTimeZone& GetDefaultTimeZone() {
+  static const QTimeZone zone = [] {
+    const QTimeZone system = QTimeZone::systemTimeZone();
+    return system.isValid() ? system : QTimeZone::utc();
+  }();
+  return zone;
 }
 
-const QTimeZone& GetDefaultTimeZone() {
-  static const QTimeZone zone = CopyCurrentTimeZone();
-  return zone;
+// Not by way of systemTimeZone(), which knows zones by their names only: where the system's is a
+// file of its own it answers with another one. The C library reads the file anew when it changed.
+QDateTime LocalNow() {
+  return QDateTime::currentDateTime();
 }
 
 }  // namespace vardell

@@ -1,6 +1,7 @@
-// The time zone that clocks on the wall of this machine show.
+// The time and the time zone that clocks on the wall of this machine show.
 #pragma once
 
+#include <QDateTime>
 #include <QTimeZone>
 
 namespace vardell {
@@ -8,7 +9,7 @@ namespace vardell {
 // Fetched at the first call and kept for the life of the process.
 const QTimeZone& GetDefaultTimeZone();
 
-// As it is now: an administrator may have changed it since.
-QTimeZone CopyCurrentTimeZone();
+// Now, by the zone as it is now: an administrator may have changed it since the process began.
+QDateTime LocalNow();
 
 }  // namespace vardell

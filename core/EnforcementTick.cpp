@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <QDateTime>
 #include <algorithm>
 #include <cstddef>
 #include <thread>
@@ -75,9 +74,7 @@ std::int32_t SessionPid(Agent& agent) {
 
 void CheckCurfewOf(Agent& agent, const WatchedAppPtr& entry) {
   CurfewActions actions;
-  actions.localNow = [] {
-    return QDateTime::currentDateTimeUtc().toTimeZone(CopyCurrentTimeZone());
-  };
+  actions.localNow = LocalNow;
   actions.showAlert = [&agent](const WatchedAppPtr& about, bool isEarly, std::int32_t minutes,
                                std::function<void()> dismissed) {
     QueueCurfewAlert(agent, about, isEarly, minutes,

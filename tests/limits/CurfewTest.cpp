@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTimeZone>
+
 namespace vardell {
 namespace {
 
@@ -76,6 +78,34 @@ TEST(Curfew, DecidesByDayHourAndWarning) {
     EXPECT_EQ(decision.kill, row.kill);
     EXPECT_EQ(decision.warned, row.warned || decision.alert);
     EXPECT_EQ(decision.killAfterAlert, decision.alert && row.kill != None);
+  }
+}
+
+TEST(Curfew, CountsByTheClockOnTheWallWhereClocksChange) {
+  const QTimeZone berlin("Europe/Berlin");
+  const auto wall = [&](int month, int day, int hourUtc, int minute) {
+    return QDateTime(QDate(2024, month, day), QTime(hourUtc, minute, 30), Qt::UTC)
+        .toTimeZone(berlin);
+  };
+  const struct {
+    const char* behaviour;
+    LimitsRecord limits;
+    QDateTime now;
+    QString alert;
+  } kRows[] = {
+      {"spring: the minute before two is allowed", Hours(0, 150), wall(3, 31, 0, 59), QString()},
+      {"spring: the next one is past half past two", Hours(0, 150), wall(3, 31, 1, 0),
+       Alert(false, 150)},
+      {"autumn: half past two is too late", Hours(0, 150), wall(10, 27, 0, 30), Alert(false, 150)},
+      {"autumn: an hour later it is two again", Hours(0, 150), wall(10, 27, 1, 0), QString()},
+      {"autumn: and half past two once more", Hours(0, 150), wall(10, 27, 1, 30),
+       Alert(false, 150)},
+  };
+  for (const auto& row : kRows) {
+    const CurfewDecision decision = DecideCurfew(row.limits, false, row.now);
+    EXPECT_EQ(decision.alert ? Alert(decision.alertIsEarly, decision.boundaryMinutes) : QString(),
+              row.alert)
+        << row.behaviour;
   }
 }
 
