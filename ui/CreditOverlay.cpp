@@ -194,7 +194,7 @@ QString CreditOverlayLine(const WatchedAppTable& watchedApps, std::int32_t front
 
 CreditOverlay::CreditOverlay(const CreditOverlayInputs& inputs, Screens& screens)
     : inputs_(inputs), screens_(screens), fade_(this, "windowOpacity") {
-  setWindowTitle(QStringLiteral("Vardell"));
+  setWindowTitle(Localized("Time left"));
   setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
                  Qt::X11BypassWindowManagerHint | Qt::WindowTransparentForInput |
                  Qt::WindowDoesNotAcceptFocus);

@@ -15,7 +15,7 @@ std::vector<int> FirstOf(std::vector<int> values, std::size_t count) {
 }
 
 bool AlertIsUp() {
-  return Run({"xdotool", "search", "--onlyvisible", "--name", "^Vardell"}, {}).status == 0;
+  return Run({"xdotool", "search", "--onlyvisible", "--name", "^Vardell$"}, {}).status == 0;
 }
 
 // A request lies unread at a Server that is stopped.
