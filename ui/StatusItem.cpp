@@ -108,7 +108,10 @@ void StatusItem::Appear() {
     icon_->setToolTip(QStringLiteral("Vardell – ") + Localized("Time left"));
     icon_->setContextMenu(&menu_);
     QObject::connect(icon_.get(), &QSystemTrayIcon::activated, &listener_, [this](auto reason) {
-      if (reason == QSystemTrayIcon::Trigger) OpenHere();
+      // The second of two quick clicks, which only gets here where the menu has gone between them.
+      const bool isClick =
+          reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick;
+      if (isClick) OpenHere();
     });
   }
   icon_->setIcon(EyeIcon());
