@@ -26,7 +26,7 @@ MessageHost UserInterfaceWindows::MakeMessageHost() {
 
 void UserInterfaceWindows::InstallAlerts() {
   agent_.ui.showCreditAlert = [this](const WatchedAppPtr& entry, CreditAlertKind kind) {
-    ShowCreditAlert(entry, kind, MakeAlertOptions(agent_));
+    ShowCreditAlert(entry, kind, {agent_.platform.screens, MakeAlertOptions(agent_)});
   };
   agent_.ui.showCurfewAlert = [this](const QString& text) { ShowCurfewAlert(text); };
   agent_.ui.showMessage = [this](const QString& key) {

@@ -4,7 +4,6 @@
 
 #include <QRect>
 #include <QWindow>
-#include <functional>
 
 namespace vardell {
 
@@ -24,7 +23,11 @@ class Screens {
   virtual void ReleaseDisplays() = 0;
   // ContentHidden takes keyboard and pointer for `window` (tried again from a timer while another
   // program holds them); Normal gives them back. A click on any screen reaches `window`.
+  // While they are held, windows of other programs are put below `window` and the covers again
+  // whenever they come above them.
   virtual void SetSystemUIMode(SystemUIMode mode, int options, QWindow* window) = 0;
+  // True while keyboard and pointer are held; false also where they can never be.
+  virtual bool HoldsInput() = 0;
 };
 
 }  // namespace vardell

@@ -2,8 +2,12 @@
 
 #include <QLocale>
 #include <QTime>
+#include <QTimer>
+#include <memory>
 
 #include "Common Sources/Localization.h"
+#include "Common Sources/TestHooks.h"
+#include "ui/MessagePanel.h"
 #include "ui/StopAlert.h"
 
 namespace vardell {
@@ -29,6 +33,31 @@ bool IsKnown(CreditAlertKind kind) {
          kind == CreditAlertKind::DiscoIn5;
 }
 
+void ShowCreditPanel(const WatchedAppPtr& record, CreditAlertKind kind, const AlertHost& host) {
+  MessagePanel* below = MessagePanel::Topmost();
+  auto panel = std::make_unique<MessagePanel>(
+      PanelUse::CreditAlert, kCreditColour,
+      [&record, &kind] {
+        kind = CreditPanelKind(kind, record->limits.credit);
+        return CreditAlertText(*record, kind);
+      },
+      host.screens, below);
+  {
+    const AlertTimers timers(host.options, [&panel] { panel->Dismiss(); });
+    QTimer look;
+    QObject::connect(&look, &QTimer::timeout, panel.get(), &MessagePanel::Refresh);
+    look.start(SecondLength());
+    panel->TakeScreens();
+    panel->Appear();
+    panel->RunModally();
+    EndScreenFade(true, false);
+    panel->LeaveUIMode();
+  }
+  MessagePanel::LeaveDisplays(host.screens, below);
+  panel.reset();
+  CleanUpScreenFade();
+}
+
 }  // namespace
 
 QString ShownName(const WatchedApp& record) {
@@ -40,9 +69,16 @@ QString CreditAlertText(const WatchedApp& record, CreditAlertKind kind) {
   return FormatLocalized(Localized(FormatKey(kind)), {record.displayName, ShownName(record)});
 }
 
-void ShowCreditAlert(const WatchedAppPtr& record, CreditAlertKind kind,
-                     const AlertOptions& options) {
-  if (record && IsKnown(kind)) ShowStopAlert(CreditAlertText(*record, kind), options);
+CreditAlertKind CreditPanelKind(CreditAlertKind kind, std::int32_t credit) {
+  return kind == CreditAlertKind::DiscoIn5 && credit <= 1 ? CreditAlertKind::Low : kind;
+}
+
+void ShowCreditAlert(const WatchedAppPtr& record, CreditAlertKind kind, const AlertHost& host) {
+  if (!record) return;
+  if (!host.options.dontFadeScreen)
+    ShowCreditPanel(record, kind, host);
+  else if (IsKnown(kind))
+    ShowStopAlert(CreditAlertText(*record, kind), host.options);
 }
 
 QString CurfewAlertText(bool isEarly, const WatchedApp& record, std::int32_t minutes) {

@@ -5,27 +5,45 @@
 #include <QRasterWindow>
 #include <QScreen>
 
+#include <algorithm>
+
+#include "platform/linux/XcbStacking.h"
+
 namespace vardell {
 
 namespace {
 
 constexpr int kGrabRetryMs = 100;
+// Held input is taken again now and then: it is lost without a word when another program hides the
+// window for a moment.
+constexpr int kGrabRenewalMs = 500;
+constexpr int kStackPauseMs = 50;  // between two raises, so that a fight over the top costs little
+
+}  // namespace
 
 class BlackWindow : public QRasterWindow {
  public:
-  explicit BlackWindow(QScreen* screen) {
+  explicit BlackWindow(QScreen* screen) : covered_(screen) {
     setScreen(screen);
     setFlags(Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::X11BypassWindowManagerHint |
              Qt::WindowDoesNotAcceptFocus);
-    setGeometry(screen->geometry());
+    setCursor(Qt::ArrowCursor);
+    Fit();
   }
+  bool Covers(const QScreen* screen) const { return covered_ == screen; }
+  void Fit() { setGeometry(covered_->geometry()); }
 
  protected:
   void paintEvent(QPaintEvent*) override {
     QPainter painter(this);
     painter.fillRect(QRect(QPoint(), size()), Qt::black);
   }
+
+ private:
+  const QScreen* covered_;  // this goes before it, with the signal that it is removed
 };
+
+namespace {
 
 bool GrabInput(const XcbDesktop& desktop, xcb_window_t window) {
   xcb_connection_t* c = desktop.Connection();
@@ -43,12 +61,26 @@ bool GrabInput(const XcbDesktop& desktop, xcb_window_t window) {
          pointer->status == XCB_GRAB_STATUS_SUCCESS;
 }
 
+bool TellsOfStacking(const xcb_generic_event_t& event) {
+  switch (event.response_type & 0x7f) {
+    case XCB_MAP_NOTIFY:
+    case XCB_UNMAP_NOTIFY:
+    case XCB_CONFIGURE_NOTIFY:
+    case XCB_REPARENT_NOTIFY:
+    case XCB_CIRCULATE_NOTIFY:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 XcbScreens::XcbScreens(QObject* parent) : QObject(parent), desktop_(XcbDesktop::Open()) {
   if (!desktop_) return;
-  retry_.setInterval(kGrabRetryMs);
-  connect(&retry_, &QTimer::timeout, this, [this] { TakeInput(); });
+  stack_.setSingleShot(true);
+  connect(&grab_, &QTimer::timeout, this, [this] { TakeInput(); });
+  connect(&stack_, &QTimer::timeout, this, [this] { Stack(); });
   const auto screensChanged = [this] {
     if (capturing_) CoverScreens();
   };
@@ -60,9 +92,13 @@ XcbScreens::XcbScreens(QObject* parent) : QObject(parent), desktop_(XcbDesktop::
   connect(qGuiApp, &QGuiApplication::screenAdded, this, screensChanged);
   connect(qGuiApp, &QGuiApplication::screenRemoved, this, screensChanged);
   connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, screensChanged);
+  desktop_->SelectRootEvents(XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY);
+  QCoreApplication::instance()->installNativeEventFilter(this);
 }
 
-XcbScreens::~XcbScreens() = default;
+XcbScreens::~XcbScreens() {
+  if (qApp) qApp->removeNativeEventFilter(this);
+}
 
 QRect XcbScreens::MainDisplayBounds() {
   const QScreen* primary = QGuiApplication::primaryScreen();
@@ -84,35 +120,92 @@ void XcbScreens::ReleaseDisplays() {
   covers_.clear();
 }
 
+// A cover whose screen stays is kept: nothing flashes when another one comes or goes.
 void XcbScreens::CoverScreens() {
-  covers_.clear();
-  for (QScreen* screen : QGuiApplication::screens()) {
-    if (screen == QGuiApplication::primaryScreen()) continue;
-    covers_.push_back(std::make_unique<BlackWindow>(screen));
+  QList<QScreen*> screens = QGuiApplication::screens();
+  screens.removeOne(QGuiApplication::primaryScreen());
+  const auto covers = [](QScreen* screen) {
+    return [screen](const auto& cover) { return cover->Covers(screen); };
+  };
+  std::erase_if(covers_, [&](const auto& cover) {
+    return std::none_of(screens.begin(), screens.end(),
+                        [&](QScreen* screen) { return covers(screen)(cover); });
+  });
+  for (auto screen = screens.rbegin(); screen != screens.rend(); ++screen) {
+    const auto it = std::find_if(covers_.begin(), covers_.end(), covers(*screen));
+    if (it != covers_.end()) {
+      (*it)->Fit();
+      continue;
+    }
+    covers_.push_back(std::make_unique<BlackWindow>(*screen));
     covers_.back()->show();
   }
+  StackSoon();
 }
 
 void XcbScreens::SetSystemUIMode(SystemUIMode mode, int, QWindow* window) {
   if (!desktop_) return;
+  if (inputWindow_) inputWindow_->removeEventFilter(this);
   inputWindow_ = mode == SystemUIMode::Normal ? nullptr : window;
+  holdsInput_ = false;
   if (inputWindow_) {
-    retry_.start();
+    inputWindow_->installEventFilter(this);
     TakeInput();
+    StackSoon();
     return;
   }
-  retry_.stop();
+  grab_.stop();
   xcb_ungrab_keyboard(desktop_->Connection(), XCB_CURRENT_TIME);
   xcb_ungrab_pointer(desktop_->Connection(), XCB_CURRENT_TIME);
   xcb_flush(desktop_->Connection());
 }
 
+bool XcbScreens::HoldsInput() {
+  return inputWindow_ && holdsInput_;
+}
+
 // Refused while the window is not on the screen yet, and while another program has a menu open.
 void XcbScreens::TakeInput() {
-  const bool done =
-      !inputWindow_ || (inputWindow_->isExposed() &&
-                        GrabInput(*desktop_, static_cast<xcb_window_t>(inputWindow_->winId())));
-  if (done) retry_.stop();
+  if (!inputWindow_) {
+    grab_.stop();
+    return;
+  }
+  holdsInput_ = inputWindow_->isExposed() &&
+                GrabInput(*desktop_, static_cast<xcb_window_t>(inputWindow_->winId()));
+  grab_.start(holdsInput_ ? kGrabRenewalMs : kGrabRetryMs);
+}
+
+bool XcbScreens::eventFilter(QObject*, QEvent* event) {
+  if (event->type() == QEvent::Expose && !holdsInput_) TakeInput();
+  return false;
+}
+
+bool XcbScreens::nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) {
+  if (inputWindow_ && eventType == "xcb_generic_event_t" &&
+      TellsOfStacking(*static_cast<const xcb_generic_event_t*>(message)))
+    StackSoon();
+  return false;
+}
+
+void XcbScreens::StackSoon() {
+  if (stack_.isActive()) return;
+  const bool rested = !sinceStacked_.isValid() || sinceStacked_.hasExpired(kStackPauseMs);
+  stack_.start(rested ? 0 : kStackPauseMs);
+}
+
+// Shows the windows again too, and in their places, if another program has hidden or moved them.
+void XcbScreens::Stack() {
+  if (!inputWindow_ || !inputWindow_->isVisible()) return;
+  sinceStacked_.start();
+  std::vector<xcb_window_t> windows{static_cast<xcb_window_t>(inputWindow_->winId())};
+  for (const auto& cover : covers_) {
+    cover->Fit();
+    windows.push_back(static_cast<xcb_window_t>(cover->winId()));
+  }
+  for (const xcb_window_t window : windows) xcb_map_window(desktop_->Connection(), window);
+  RaiseAboveOthers(*desktop_, windows);
+  xcb_flush(desktop_->Connection());
+  if (!inputWindow_->isExposed()) holdsInput_ = false;
 }
 
 }  // namespace vardell

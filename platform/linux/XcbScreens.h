@@ -2,9 +2,14 @@
 // grabs. Where this program does not run on an X server nothing is covered or taken.
 #pragma once
 
+#include <xcb/xcb.h>
+#include <QAbstractNativeEventFilter>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
+#include <QWindow>
+
 #include <memory>
 #include <optional>
 #include <vector>
@@ -14,7 +19,9 @@
 
 namespace vardell {
 
-class XcbScreens : public QObject, public Screens {
+class BlackWindow;
+
+class XcbScreens : public QObject, public Screens, private QAbstractNativeEventFilter {
  public:
   explicit XcbScreens(QObject* parent = nullptr);
   ~XcbScreens() override;
@@ -24,16 +31,24 @@ class XcbScreens : public QObject, public Screens {
   void CaptureSecondaryDisplays() override;
   void ReleaseDisplays() override;
   void SetSystemUIMode(SystemUIMode mode, int options, QWindow* window) override;
+  bool HoldsInput() override;
 
  private:
+  bool eventFilter(QObject* object, QEvent* event) override;
+  bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr* result) override;
   void CoverScreens();
   void TakeInput();
+  void StackSoon();
+  void Stack();
 
   std::optional<XcbDesktop> desktop_;
   bool capturing_ = false;
-  std::vector<std::unique_ptr<QWindow>> covers_;
+  std::vector<std::unique_ptr<BlackWindow>> covers_;
   QPointer<QWindow> inputWindow_;
-  QTimer retry_;
+  bool holdsInput_ = false;
+  QTimer grab_;
+  QTimer stack_;
+  QElapsedTimer sinceStacked_;
 };
 
 }  // namespace vardell

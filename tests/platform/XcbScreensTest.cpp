@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QScreen>
 #include <QWidget>
+#include <algorithm>
 
 #include "tests/support/SecondClient.h"
 
@@ -13,8 +14,10 @@ namespace {
 
 using test::Tool;
 using test::WaitUntil;
+using namespace std::chrono_literals;
 
-// Monitors side by side on the 1280x800 screen; the first one is the primary.
+// Monitors side by side on the 1280x800 screen; the primary is the first one, and then the last
+// whose name was given with a star.
 class XcbScreensTest : public testing::Test {
  protected:
   void TearDown() override {
@@ -25,7 +28,13 @@ class XcbScreensTest : public testing::Test {
     const std::string size = std::to_string(width) + "/100x800/100+" + std::to_string(x) + "+0";
     Tool({"xrandr", "--setmonitor", monitors_.empty() ? "*" + name : name, size,
           monitors_.empty() ? "screen" : "none"});
-    monitors_.push_back(name);
+    monitors_.push_back(name.substr(name.find_first_not_of('*')));
+    const auto count = static_cast<qsizetype>(monitors_.size());
+    ASSERT_TRUE(WaitUntil([&] { return QGuiApplication::screens().size() == count; })) << name;
+  }
+  void RemoveMonitor(const std::string& name) {
+    std::erase(monitors_, name);
+    Tool({"xrandr", "--delmonitor", name});
     const auto count = static_cast<qsizetype>(monitors_.size());
     ASSERT_TRUE(WaitUntil([&] { return QGuiApplication::screens().size() == count; })) << name;
   }
@@ -40,24 +49,68 @@ class XcbScreensTest : public testing::Test {
   std::vector<std::string> monitors_;
 };
 
-TEST_F(XcbScreensTest, CoversTheOtherScreensAlsoThoseThatComeLater) {
+TEST_F(XcbScreensTest, CoversEveryOtherScreenAsTheyComeAndGo) {
   const std::vector<QRect> before = other.UnmanagedWindows();
+  const auto covered = [&](std::vector<QRect> covers) {
+    covers.insert(covers.begin(), before.begin(), before.end());
+    return WaitForCovers(covers);
+  };
+  const QRect middle(640, 0, 320, 800);
+  const QRect right(960, 0, 320, 800);
   EXPECT_EQ(screens.MainDisplayBounds(), QRect(0, 0, 1280, 800));
   screens.CaptureSecondaryDisplays();
-  EXPECT_TRUE(WaitForCovers(before)) << "with one screen";
+  EXPECT_TRUE(covered({})) << "with one screen";
   screens.ReleaseDisplays();
   AddMonitor("left", 0, 640);
   AddMonitor("middle", 640, 320);
   EXPECT_EQ(screens.MainDisplayBounds(), QRect(0, 0, 640, 800));
-  std::vector<QRect> covered = before;
   screens.CaptureSecondaryDisplays();
-  covered.push_back(QRect(640, 0, 320, 800));
-  EXPECT_TRUE(WaitForCovers(covered));
+  EXPECT_TRUE(covered({middle}));
   AddMonitor("right", 960, 320);
-  covered.push_back(QRect(960, 0, 320, 800));
-  EXPECT_TRUE(WaitForCovers(covered));
+  EXPECT_TRUE(covered({middle, right}));
+  RemoveMonitor("middle");
+  EXPECT_TRUE(covered({right}));
+  AddMonitor("*middle", 640, 320);
+  EXPECT_EQ(screens.MainDisplayBounds(), middle);
+  EXPECT_TRUE(covered({right, QRect(0, 0, 640, 800)})) << "where the main display changes";
   screens.ReleaseDisplays();
-  EXPECT_TRUE(WaitForCovers(before));
+  EXPECT_TRUE(covered({}));
+}
+
+TEST_F(XcbScreensTest, WhatAnotherProgramPutsAboveIsCoveredAgainButOurOwnIsNot) {
+  QWidget window(nullptr, Qt::X11BypassWindowManagerHint);
+  window.setGeometry(0, 0, 600, 500);
+  window.show();
+  QWidget strip(nullptr, Qt::X11BypassWindowManagerHint);
+  strip.setGeometry(0, 0, 600, 30);
+  strip.show();
+  screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch,
+                          window.windowHandle());
+  ASSERT_TRUE(WaitUntil([&] { return screens.HoldsInput(); }));
+  test::SecondClient stranger;
+  const QRect menu(50, 50, 200, 200);
+  const auto order = [&](std::vector<QRect> expected) {
+    const std::vector<QRect> all = other.UnmanagedWindows();
+    return all.size() >= 3 && std::equal(expected.begin(), expected.end(), all.end() - 3);
+  };
+  for (int raised = 0; raised < 3; ++raised) {
+    stranger.ShowOnTop(menu);
+    ASSERT_TRUE(order({window.geometry(), strip.geometry(), menu}));
+    EXPECT_TRUE(WaitUntil([&] { return order({menu, window.geometry(), strip.geometry()}); }));
+  }
+  stranger.Hide(static_cast<xcb_window_t>(window.winId()));
+  EXPECT_TRUE(WaitUntil([&] {
+    return screens.HoldsInput() && !other.CanTakePointer() &&
+           order({menu, window.geometry(), strip.geometry()});
+  }));
+  screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
+  stranger.ShowOnTop(menu);
+  EXPECT_FALSE(WaitUntil(
+      [&] {
+        return !order({window.geometry(), strip.geometry(), menu});
+      },
+      300ms))
+      << "goes on afterwards";
 }
 
 TEST_F(XcbScreensTest, InputIsTakenAfterAnotherProgramsMenuHasClosedUnlessGivenBack) {
@@ -69,11 +122,14 @@ TEST_F(XcbScreensTest, InputIsTakenAfterAnotherProgramsMenuHasClosedUnlessGivenB
     screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch,
                             window.windowHandle());
     ASSERT_TRUE(WaitUntil([&] { return !other.CanTakeKeyboard(); }));
+    EXPECT_FALSE(screens.HoldsInput());
     if (givenBack) screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
     menu.ReleasePointer();
     const auto patience = std::chrono::milliseconds(givenBack ? 400 : 5000);
-    EXPECT_EQ(WaitUntil([&] { return !other.CanTakePointer(); }, patience), !givenBack);
+    EXPECT_EQ(WaitUntil([&] { return screens.HoldsInput(); }, patience), !givenBack);
+    EXPECT_EQ(other.CanTakePointer(), givenBack);
     screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
+    EXPECT_FALSE(screens.HoldsInput());
     EXPECT_TRUE(WaitUntil([&] { return other.CanTakePointer() && other.CanTakeKeyboard(); }));
   }
 }

@@ -31,9 +31,12 @@ class FakeScreens : public Screens {
                     std::to_string(newOptions));
   }
 
+  bool HoldsInput() override { return holdsInput; }
+
   QRect bounds{0, 0, 800, 600};
   bool composited = false;
   bool captured = false;
+  bool holdsInput = true;
   SystemUIMode mode = SystemUIMode::Normal;
   int options = 0;
   QWindow* window = nullptr;       // the one that holds the input

@@ -61,6 +61,28 @@ class SecondClient {
     return !error;
   }
 
+  // Shows a window above everything that no window manager manages, and raises it again each time.
+  void ShowOnTop(const QRect& where) {
+    constexpr std::uint32_t kValues[] = {0x00ff00, 1};
+    constexpr std::uint32_t kAbove = XCB_STACK_MODE_ABOVE;
+    if (onTop_ == XCB_WINDOW_NONE) {
+      onTop_ = xcb_generate_id(connection_);
+      xcb_create_window(
+          connection_, XCB_COPY_FROM_PARENT, onTop_, root_, static_cast<std::int16_t>(where.x()),
+          static_cast<std::int16_t>(where.y()), static_cast<std::uint16_t>(where.width()),
+          static_cast<std::uint16_t>(where.height()), 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+          XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXEL | XCB_CW_OVERRIDE_REDIRECT, kValues);
+    }
+    xcb_map_window(connection_, onTop_);
+    xcb_configure_window(connection_, onTop_, XCB_CONFIG_WINDOW_STACK_MODE, &kAbove);
+    Sync();
+  }
+  // Takes another client's window off the screen.
+  void Hide(xcb_window_t window) {
+    xcb_unmap_window(connection_, window);
+    Sync();
+  }
+
   // The rectangles of the shown windows that no window manager manages, lowest first.
   std::vector<QRect> UnmanagedWindows() {
     const std::unique_ptr<xcb_query_tree_reply_t, decltype(&std::free)> tree(
@@ -98,6 +120,7 @@ class SecondClient {
 
   xcb_connection_t* connection_;
   xcb_window_t root_ = XCB_WINDOW_NONE;
+  xcb_window_t onTop_ = XCB_WINDOW_NONE;
 };
 
 // Runs an X tool to its end; what it does may need the event loop afterwards, not meanwhile.

@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QLocale>
 
+#include "tests/support/FakeScreens.h"
 #include "tests/support/QtEnvironment.h"
 
 namespace vardell {
@@ -32,12 +33,28 @@ TEST(CreditAlertTextTest, NamesTheApplicationOrTheSession) {
   EXPECT_EQ(ShownName(Entry("COM.APPLE.LOGINWINDOW", "x")), QStringLiteral("x"));
 }
 
-TEST(CreditAlertTextTest, AnUnknownKindReadsAsLowAndShowsNothing) {
+TEST(CreditAlertTextTest, AnUnknownKindReadsAsLowAndNoStopAlertShowsIt) {
   const auto unknown = static_cast<CreditAlertKind>(9);
   const auto game = std::make_shared<WatchedApp>(Entry("org.example.game", "Game"));
   EXPECT_EQ(CreditAlertText(*game, unknown), CreditAlertText(*game, CreditAlertKind::Low));
-  ShowCreditAlert(game, unknown, {});  // hangs where it shows
-  ShowCreditAlert(nullptr, CreditAlertKind::Low, {});
+  FakeScreens screens;
+  ShowCreditAlert(game, unknown, {screens, {.dontFadeScreen = true}});  // hangs where it shows
+  ShowCreditAlert(nullptr, CreditAlertKind::Low, {screens, {}});
+  EXPECT_TRUE(screens.calls.empty());
+}
+
+TEST(CreditPanelKindTest, OnlyFiveMinutesTurnIntoTheLastOne) {
+  using enum CreditAlertKind;
+  struct Row {
+    CreditAlertKind queued;
+    std::int32_t credit;
+    CreditAlertKind drawn;
+  };
+  constexpr Row kRows[] = {
+      {DiscoIn5, 5, DiscoIn5},     {DiscoIn5, 2, DiscoIn5}, {DiscoIn5, 1, Low}, {DiscoIn5, -1, Low},
+      {DiscoIn5, 12345, DiscoIn5}, {Low, 5, Low},           {Low, 12345, Low},  {Disco, 1, Disco}};
+  for (const Row& row : kRows)
+    EXPECT_EQ(CreditPanelKind(row.queued, row.credit), row.drawn) << row.credit;
 }
 
 TEST(CurfewAlertTextTest, TellsTheBoundaryInTheLocalesShortTime) {

@@ -1,172 +1,240 @@
-// The stop alert and the full-screen message on a real X server, clicked by another program.
+// Alerts and full-screen messages on a real X server, with keys and clicks of another program.
 #include <gtest/gtest.h>
 
+#include <QAccessible>
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QTimer>
+#include <QScreen>
 #include <QWindow>
-#include <algorithm>
 #include <chrono>
 
 #include "platform/linux/XcbScreens.h"
-#include "tests/support/FakeScreens.h"
-#include "tests/support/QtEnvironment.h"
-#include "tests/support/SecondClient.h"
+#include "tests/ui/ModalFixture.h"
 #include "ui/FullScreenMessage.h"
+#include "ui/MessagePanel.h"
 #include "ui/StopAlert.h"
 
 namespace vardell {
 namespace {
 
+using test::kSecond;
 using test::Program;
+using test::Tool;
 using test::WaitUntil;
 using namespace std::chrono_literals;
+using Calls = std::vector<std::string>;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
-constexpr auto kSecond = 10ms;
-
-QWidget* Shown() {
-  for (QWidget* widget : QApplication::topLevelWidgets()) {
-    if (widget->isVisible() && widget->windowHandle() && widget->windowHandle()->isExposed())
-      return widget;
-  }
-  return nullptr;
-}
-
-class MessageWindowTest : public testing::Test {
+class MessageWindowTest : public test::ModalFixture {
  protected:
-  void SetUp() override {
-    qputenv("VARDELL_TEST_SECOND_MS", QByteArray::number(int{kSecond.count()}));
-    poll_.setInterval(10);
-    QObject::connect(&poll_, &QTimer::timeout, [this] { Act(); });
-    poll_.start();
-    QObject::connect(&watchdog_, &QTimer::timeout, [this] {
-      ADD_FAILURE() << "still up after " << watchdog_.interval() << " ms";
-      for (QWidget* widget : QApplication::topLevelWidgets()) widget->close();
-    });
-    watchdog_.start(15s);
-  }
-
-  // Does the steps one after the other, each once `condition` holds; they run inside the modal
-  // loop.
-  void When(std::function<bool()> condition, std::function<void()> action) {
-    steps_.push_back({std::move(condition), std::move(action)});
-  }
-  void ClickOnceUp(int x, int y) {
-    When([] { return Shown() != nullptr; }, [this, x, y] { Click(x, y); });
-  }
-  void Click(int x, int y) {
-    pointer_ =
-        Program({"xdotool", "mousemove", std::to_string(x), std::to_string(y), "click", "1"}, {});
-  }
-  bool AllStepsDone() const { return steps_.empty(); }
-
   MessageHost Host(Screens& screens, AlertOptions options = {}) {
-    return {screens, options, [this] { calls.push_back("suspend"); },
-            [this] { calls.push_back("resume"); }};
+    return {screens,
+            options,
+            [this] { fake.calls.push_back("suspend"); },
+            [this] { fake.calls.push_back("resume"); },
+            [this] { fake.calls.push_back("hide badge"); },
+            [this] { fake.calls.push_back("show badge"); }};
   }
-
-  std::vector<std::string> calls;
-  test::SecondClient other;
-
- private:
-  struct Step {
-    std::function<bool()> condition;
-    std::function<void()> action;
-  };
-
-  void Act() {
-    if (steps_.empty() || !steps_.front().condition()) return;
-    const Step step = std::move(steps_.front());
-    steps_.erase(steps_.begin());
-    QTimer::singleShot(0, qApp, step.action);  // may run a modal loop, in which we poll on
+  MessageHost FakeHost(AlertOptions options = {}) { return Host(fake, options); }
+  static WatchedAppPtr Game(std::int32_t credit) {
+    auto game = std::make_shared<WatchedApp>();
+    game->displayName = QStringLiteral("Game");
+    game->limits.credit = credit;
+    return game;
   }
+  static void DismissTopmost() { MessagePanel::Topmost()->Dismiss(); }
 
-  std::vector<Step> steps_;
-  QTimer poll_;
-  QTimer watchdog_;
-  Program pointer_;
+  FakeScreens fake;
 };
 
-TEST_F(MessageWindowTest, AClickAnywhereTakesTheMessageAway) {
+TEST_F(MessageWindowTest, AClickOfAnyButtonOnAnyScreenTakesTheMessageAwayAndOpensNothing) {
+  Tool({"xrandr", "--setmonitor", "*left", "900/100x800/100+0+0", "screen"});
+  Tool({"xrandr", "--setmonitor", "right", "380/100x800/100+900+0", "none"});
+  ASSERT_TRUE(WaitUntil([] { return QGuiApplication::screens().size() == 2; }));
   XcbScreens screens;
-  for (const QPoint& where : {QPoint(5, 5), QPoint(1275, 795), QPoint(640, 400)}) {
-    ClickOnceUp(where.x(), where.y());
+  const std::vector<QRect> before = other.UnmanagedWindows();
+  for (const auto& [where, button] :
+       {std::pair(QPoint(5, 5), 1), {QPoint(450, 400), 2}, {QPoint(1275, 795), 3}}) {
+    When([&] { return screens.HoldsInput(); },
+         [this, where = where, button = button] { Click(where, button); });
     ShowFullScreenMessage(QStringLiteral("Cannot contact server"), true, Host(screens));
     EXPECT_TRUE(AllStepsDone());
-    EXPECT_EQ(Shown(), nullptr);
+    EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows() == before; }))
+        << "button " << button;
   }
+  Tool({"xrandr", "--delmonitor", "left"});
+  Tool({"xrandr", "--delmonitor", "right"});
 }
 
-TEST_F(MessageWindowTest, TakesScreensAndInputBetweenSuspendAndResume) {
-  FakeScreens screens;
-  When([] { return Shown() != nullptr; },
-       [&] {
-         calls = screens.calls;
-         EXPECT_EQ(screens.window, Shown()->windowHandle());
-         DismissFullScreenMessage();
-       });
-  MessageHost host = Host(screens);
-  host.suspendTick = [&] { EXPECT_EQ(screens.calls.size(), 0u); };
-  host.resumeTick = [&] { EXPECT_EQ(screens.calls.size(), 4u); };
-  ShowFullScreenMessage(QStringLiteral("text"), false, host);
-  EXPECT_EQ(calls, (std::vector<std::string>{"mode 2 8", "capture"}));
-  EXPECT_EQ(screens.calls,
-            (std::vector<std::string>{"mode 2 8", "capture", "mode 0 0", "release"}));
-}
-
-TEST_F(MessageWindowTest, HoldsAllInputWhileItIsUp) {
+TEST_F(MessageWindowTest, NoKeyGetsPastALock) {
+  const Program terminal = StartTerminal("first");
+  const Program second = StartTerminal("second");
   XcbScreens screens;
-  const Program terminal({"xterm", "-fa", "DejaVu Sans Mono"}, {});
-  When([&] { return Shown() && !other.CanTakeKeyboard() && !other.CanTakePointer(); },
-       [&] { Click(100, 100); });
+  const auto desktop = [] {
+    return test::Run({"sh", "-c", "xdotool get_desktop; xprop -root _NET_CLIENT_LIST"}, {}).output;
+  };
+  const QString before = desktop();
+  std::vector<QRect> windows;
+  When([&] { return screens.HoldsInput(); },
+       [&] {
+         windows = other.UnmanagedWindows();
+         for (const char* keys : {"alt+Tab", "alt+shift+Tab", "alt+F4", "Escape", "Return", "space",
+                                  "super+d", "super+e", "super+F2", "ctrl+alt+Right",
+                                  "ctrl+alt+Down", "shift+alt+Right", "alt+space", "alt+Escape"})
+           Tool({"xdotool", "key", keys});
+         EXPECT_EQ(other.UnmanagedWindows(), windows);
+         EXPECT_EQ(desktop(), before);
+         EXPECT_TRUE(MessagePanel::Topmost());
+         Click({100, 100});
+       });
   LockScreen(Host(screens));
   EXPECT_TRUE(AllStepsDone());
+  EXPECT_TRUE(WaitUntil([&] { return desktop() == before; }));
+  EXPECT_TRUE(terminal.IsRunning() && second.IsRunning());
   EXPECT_TRUE(WaitUntil([&] { return other.CanTakeKeyboard() && other.CanTakePointer(); }));
+}
+
+TEST_F(MessageWindowTest, ShowsAndCleansUpInOrder) {
+  When([&] { return Shown() != nullptr; },
+       [&] {
+         EXPECT_EQ(fake.window, Shown()->windowHandle());
+         EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge"}));
+         DismissTopmost();
+       });
+  ShowFullScreenMessage(QStringLiteral("text"), false, FakeHost());
+  EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge", "mode 0 0",
+                               "release", "show badge", "resume"}));
+}
+
+TEST_F(MessageWindowTest, ACreditPanelFollowsTheCreditAndSuspendsNothing) {
+  const WatchedAppPtr game = Game(5);
+  const QString five = CreditAlertText(*game, CreditAlertKind::DiscoIn5);
+  const QString low = CreditAlertText(*game, CreditAlertKind::Low);
+  const auto name = [] {
+    QAccessibleInterface* spoken = QAccessible::queryAccessibleInterface(MessagePanel::Topmost());
+    return spoken->role() == QAccessible::AlertMessage ? spoken->text(QAccessible::Name)
+                                                       : QString();
+  };
+  When([&] { return Shown() != nullptr; },
+       [&] {
+         EXPECT_EQ(name(), five);
+         game->limits.credit = 1;
+       });
+  When([&] { return name() == low; },
+       [&] {
+         game->limits.credit = 30;
+         MessagePanel::Topmost()->Refresh();
+         EXPECT_EQ(name(), low);
+         EXPECT_EQ(Shown()->grab().toImage().pixel(1, 1), qRgb(0, 0, 0));
+         DismissTopmost();
+       });
+  ShowCreditAlert(game, CreditAlertKind::DiscoIn5, {fake, {}});
+  EXPECT_TRUE(AllStepsDone());
+  EXPECT_EQ(fake.calls, (Calls{"mode 2 8", "capture", "mode 0 0", "release"}));
+}
+
+TEST_F(MessageWindowTest, TheCountGoesOnWhileTheInputIsKeptFromTheMessage) {
+  fake.holdsInput = false;
+  const auto lastIs = [this](const char* call) {
+    return [=, this] { return fake.calls.back() == call; };
+  };
+  QElapsedTimer waited;
+  When(lastIs("hide badge"), [&] { waited.start(); });
+  When(lastIs("resume"), [&] {
+    EXPECT_GE(waited.elapsed(), std::chrono::milliseconds(5 * kSecond).count() - 10);
+    fake.holdsInput = true;
+  });
+  When(lastIs("suspend"), [&] { fake.holdsInput = false; });
+  When(lastIs("resume"), [&] { DismissTopmost(); });  // what was lost adds up
+  ShowFullScreenMessage(QStringLiteral("text"), false, FakeHost());
+  EXPECT_TRUE(AllStepsDone());
+  EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge", "resume", "suspend",
+                               "resume", "mode 0 0", "release", "show badge"}));
 }
 
 TEST_F(MessageWindowTest, HidesItselfOnlyWhereTimersAndThePreferenceSaySo) {
   struct Row {
     const char* what;
-    bool withTimers;
+    std::function<void(const AlertOptions&)> show;
     bool autoHide;
     bool hides;
   };
-  constexpr Row kRows[] = {{"both", true, true, true},
-                           {"without timers, as the lock", false, true, false},
-                           {"without the preference", true, false, false}};
+  const auto message = [this](bool withTimers) {
+    return [this, withTimers](const AlertOptions& options) {
+      ShowFullScreenMessage(QStringLiteral("text"), withTimers, FakeHost(options));
+    };
+  };
+  const auto credit = [this](AlertOptions options) {
+    ShowCreditAlert(Game(5), CreditAlertKind::Low, {fake, options});
+  };
+  const auto lock = [this](AlertOptions options) { LockScreen(FakeHost(options)); };
+  const auto alert = [](AlertOptions options) { ShowStopAlert(QStringLiteral("text"), options); };
+  const Row kRows[] = {{"a message", message(true), true, true},
+                       {"a message without timers", message(false), true, false},
+                       {"a message without the preference", message(true), false, false},
+                       {"the lock", lock, true, false},
+                       {"a credit panel", credit, true, true},
+                       {"a credit panel without the preference", credit, false, false},
+                       {"a stop alert", alert, true, true},
+                       {"a stop alert without the preference", alert, false, false}};
   for (const Row& row : kRows) {
-    FakeScreens screens;
     bool dismissed = false;
-    QTimer::singleShot(120 * kSecond, qApp, [&] {
+    QTimer::singleShot(80 * kSecond, qApp, [&] {
       dismissed = true;
-      DismissFullScreenMessage();
+      if (QWidget* up = Shown()) up->close();
     });
-    ShowFullScreenMessage(QStringLiteral("text"), row.withTimers, Host(screens, {row.autoHide}));
+    row.show({.autoHideAlerts = row.autoHide});
     EXPECT_EQ(!dismissed, row.hides) << row.what;
+    EXPECT_EQ(fake.window, nullptr) << row.what;
     EXPECT_TRUE(WaitUntil([&] { return dismissed; }));
   }
 }
 
-TEST_F(MessageWindowTest, ALockOverAMessageGivesTheScreensBackToIt) {
-  FakeScreens screens;
+TEST_F(MessageWindowTest, BeepsEveryThreeSecondsWhereThePreferenceSaysSo) {
+  QElapsedTimer since;
+  since.start();
+  int beeps = 0;
+  const auto beep = [&] {
+    EXPECT_GE(since.elapsed(), std::chrono::milliseconds(3 * kSecond).count() * ++beeps - 1);
+  };
+  const auto hide = [] { FAIL(); };
+  const AlertTimers sounds({.playAlertsSound = true}, hide, beep);
+  const AlertTimers silent({}, hide, [] { FAIL(); });
+  EXPECT_TRUE(WaitUntil([&] { return beeps == 3; }));
+}
+
+TEST_F(MessageWindowTest, ALockOverAPanelGivesTheScreensBackToItAndIsNotDismissedForIt) {
+  const auto lockOver = [this] {
+    QWidget* panel = Shown();
+    When([panel] { return Shown(panel) != nullptr; },
+         [this, panel] {
+           DismissFullScreenMessage();
+           EXPECT_TRUE(MessagePanel::Topmost() != panel);
+           DismissTopmost();
+         });
+    LockScreen(FakeHost());
+    EXPECT_TRUE(panel->isVisible());
+    EXPECT_EQ(fake.window, panel->windowHandle());
+    EXPECT_TRUE(fake.captured);
+  };
+  When([] { return Shown() != nullptr; }, lockOver);
+  ShowFullScreenMessage(QStringLiteral("text"), true, FakeHost());  // dismissed beneath the lock
+  EXPECT_TRUE(AllStepsDone());
+  EXPECT_EQ(fake.window, nullptr);
+  EXPECT_FALSE(fake.captured);
   When([] { return Shown() != nullptr; },
        [&] {
-         QWidget* message = Shown();
-         QTimer::singleShot(0, qApp, DismissFullScreenMessage);
-         LockScreen(Host(screens));
-         EXPECT_TRUE(message->isVisible()) << "the dismissal went to the covered message";
-         EXPECT_EQ(screens.window, message->windowHandle());
-         EXPECT_TRUE(screens.captured);
-         DismissFullScreenMessage();
+         lockOver();
+         DismissTopmost();
        });
-  ShowFullScreenMessage(QStringLiteral("text"), true, Host(screens));
-  EXPECT_EQ(screens.window, nullptr);
-  EXPECT_FALSE(screens.captured);
-  EXPECT_EQ(calls, (std::vector<std::string>{"suspend", "suspend", "resume", "resume"}));
+  ShowCreditAlert(Game(5), CreditAlertKind::Low, {fake, {}});
+  EXPECT_FALSE(fake.captured);
+  EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "suspend"), 3);
+  EXPECT_EQ(std::count(fake.calls.begin(), fake.calls.end(), "resume"), 3);
 }
 
 TEST_F(MessageWindowTest, AnAlertShowsItsTextAsItStands) {
@@ -178,26 +246,34 @@ TEST_F(MessageWindowTest, AnAlertShowsItsTextAsItStands) {
          EXPECT_EQ(box->text(), text);
          EXPECT_EQ(box->textFormat(), Qt::PlainText);
          EXPECT_EQ(box->informativeText(), QStringLiteral("Click to continue"));
-         EXPECT_EQ(box->windowTitle(), QStringLiteral("Vardell"));
-         const QPoint centre =
-             box->defaultButton()->mapToGlobal(box->defaultButton()->rect().center());
-         Click(centre.x(), centre.y());
+         EXPECT_EQ(QAccessible::queryAccessibleInterface(box)->text(QAccessible::Name), text);
+         EXPECT_EQ(QAccessible::queryAccessibleInterface(box)->role(), QAccessible::AlertMessage);
+         Click(box->defaultButton()->mapToGlobal(box->defaultButton()->rect().center()));
        });
   ShowStopAlert(text, {});
   EXPECT_TRUE(AllStepsDone());
 }
 
-TEST_F(MessageWindowTest, AnAlertHidesItselfOnlyWhereThePreferenceSaysSo) {
-  for (const bool autoHide : {true, false}) {
-    bool closed = false;
-    QTimer::singleShot(120 * kSecond, qApp, [&] {
-      closed = true;
-      if (QWidget* box = QApplication::activeModalWidget()) box->close();
-    });
-    ShowStopAlert(QStringLiteral("text"), {autoHide});
-    EXPECT_EQ(closed, !autoHide);
-    EXPECT_TRUE(WaitUntil([&] { return closed; }));
-  }
+TEST_F(MessageWindowTest, WhatIsBeingTypedDoesNotDismissAnAlertWhichThenComesAboveAFullScreenGame) {
+  const Program game = StartTerminal("game", "-fullscreen");
+  const QString active = test::Run({"xdotool", "getactivewindow"}, {}).output;
+  QElapsedTimer up;
+  When([] { return Shown() != nullptr; },
+       [&] {
+         up.start();
+         Tool({"xdotool", "key", "Return", "key", "space"});
+         EXPECT_EQ(test::Run({"xdotool", "getactivewindow"}, {}).output, active);
+       });
+  When([] { return Shown() && Shown()->isActiveWindow(); },
+       [&] {
+         EXPECT_GE(up.elapsed(), 800);
+         up.start();
+         Tool({"xdotool", "key", "Return", "key", "space", "key", "Escape"});
+         EXPECT_FALSE(WaitUntil([] { return !Shown(); }, 300ms));
+       });
+  When([&] { return up.hasExpired(1000); }, [] { Tool({"xdotool", "key", "Return"}); });
+  ShowStopAlert(QStringLiteral("text"), {});
+  EXPECT_TRUE(AllStepsDone());
 }
 
 TEST_F(MessageWindowTest, ALockLiesOverAStandingAlertAndIsClickedFirst) {
@@ -205,11 +281,8 @@ TEST_F(MessageWindowTest, ALockLiesOverAStandingAlertAndIsClickedFirst) {
   When([] { return Shown() != nullptr; },
        [&] {
          QWidget* alert = Shown();
-         const QPoint button = alert->geometry().center();
-         QTimer::singleShot(0, qApp, [this, button] {
-           When([this] { return !other.CanTakePointer(); },
-                [this, button] { Click(button.x(), button.y()); });
-         });
+         When([&] { return screens.HoldsInput(); },
+              [this, alert] { Click(alert->geometry().center()); });
          LockScreen(Host(screens));
          EXPECT_TRUE(alert->isVisible());
          alert->close();

@@ -1,0 +1,128 @@
+#include "ui/LockBadge.h"
+
+#include "platform/HotKeys.h"
+#include "tests/ui/ModalFixture.h"
+#include "ui/AlertHelpers.h"
+
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+
+namespace vardell {
+namespace {
+
+using test::Tool;
+using test::WaitUntil;
+using namespace std::chrono_literals;
+
+class LockBadgeTest : public test::ModalFixture {
+ protected:
+  void SetUp() override {
+    ModalFixture::SetUp();
+    qputenv("VARDELL_TEST_SECOND_MS", "100");
+    badge = CreateLockBadge(screens, [this](std::function<void()> dismissed) {
+      lockGone = std::move(dismissed);
+      ++locks;
+    });
+    ASSERT_TRUE(WaitUntil([this] { return Shown() == badge.get(); }));
+  }
+  bool ShowsPadlock() const {
+    const QImage picture = badge->grab().toImage().convertToFormat(QImage::Format_ARGB32);
+    return qAlpha(picture.pixel(10, 14)) == 255;
+  }
+  bool WaitForLocks(int count) {
+    return WaitUntil([&] { return locks == count; });
+  }
+
+  FakeScreens screens;
+  std::unique_ptr<LockBadge> badge;
+  std::function<void()> lockGone;
+  int locks = 0;
+};
+
+TEST_F(LockBadgeTest, BlinksAfterADoubleClickAndLocksOnceAfterThreeSeconds) {
+  screens.composited = true;
+  EXPECT_TRUE(ShowsPadlock());
+  QElapsedTimer since;
+  Click({8, 14});
+  EXPECT_FALSE(WaitUntil([&] { return !ShowsPadlock(); }, 200ms)) << "a single click";
+  Click({8, 14}, 1, 2);
+  ASSERT_TRUE(WaitUntil([&] { return !ShowsPadlock(); }));
+  since.start();
+  Click({8, 14}, 1, 2);  // swallowed
+  ASSERT_TRUE(WaitForLocks(1));
+  EXPECT_GE(since.elapsed(), 150);
+  ASSERT_TRUE(WaitUntil([&] { return ShowsPadlock(); }));
+  Click({8, 14}, 1, 2);  // swallowed until the lock has gone
+  EXPECT_FALSE(WaitUntil([&] { return !ShowsPadlock() || locks > 1; }, 500ms));
+  lockGone();
+  Click({8, 14}, 1, 2);
+  ASSERT_TRUE(WaitForLocks(2));
+}
+
+TEST_F(LockBadgeTest, StaysInTheCornerOfTheMainDisplayAndHidesAsOftenAsItIsHidden) {
+  screens.bounds = QRect(300, 200, 400, 300);
+  const QRect place(300, 200, 16, 20);
+  Tool({"xdotool", "windowmove", std::to_string(badge->winId()), "40", "50"});
+  EXPECT_TRUE(WaitUntil([&] { return badge->geometry() == place; }));
+  Tool({"xdotool", "windowsize", std::to_string(badge->winId()), "100", "100"});
+  EXPECT_TRUE(WaitUntil([&] { return badge->geometry() == place; }));
+  ToggleLockBadge(*badge);
+  EXPECT_FALSE(ShowsPadlock());
+  HideLockBadge(badge.get());
+  HideLockBadge(badge.get());
+  ShowLockBadge(badge.get());
+  EXPECT_FALSE(badge->isVisible());
+  ShowLockBadge(badge.get());
+  EXPECT_TRUE(badge->isVisible());
+  ShowLockBadge(nullptr);
+}
+
+using AlertHelpersTest = test::ModalFixture;
+
+TEST_F(AlertHelpersTest, OnlyTheButtonWithTheThirdKeyConfirms) {
+  struct Row {
+    const char* what;
+    const char* keys;
+    bool confirms;
+  };
+  for (const Row& row : {Row{"Return", "Return", false},
+                         {"Escape", "Escape", false},
+                         {"the other button", "Tab Return", true}}) {
+    When([] { return Shown() && Shown()->isActiveWindow(); },
+         [&] {
+           QStringList labels;
+           for (const auto* button : Shown()->findChildren<QPushButton*>())
+             labels << button->text();
+           labels.sort();
+           EXPECT_EQ(labels, (QStringList{QStringLiteral("Delete"), QStringLiteral("Keep")}));
+           Tool({"sh", "-c", std::string("xdotool key ") + row.keys});
+         });
+    EXPECT_EQ(ConfirmAlert("Delete it?", nullptr, "Delete", "Keep"), row.confirms) << row.what;
+  }
+  When([] { return Shown() && Shown()->isActiveWindow(); },
+       [] {
+         Tool({"xdotool", "key", "Return"});
+       });
+  NoteAlert(nullptr, "explanation");  // shows nothing
+  NoteAlert("message", "explanation");
+  EXPECT_TRUE(AllStepsDone());
+}
+
+TEST_F(AlertHelpersTest, ControlsAreFoundByTheirWholeNameAndGiveTheirText) {
+  QWidget window;
+  QLineEdit edit(QStringLiteral("typed"), &window);
+  QLabel label(QStringLiteral("said"), &window);
+  constexpr std::uint32_t kForm = FourCharCode("form");
+  SetControlId(edit, kForm, 1);
+  SetControlId(label, kForm, 2);
+  EXPECT_EQ(FindControl(window, kForm, 1), &edit);
+  EXPECT_EQ(FindControl(window, FourCharCode("from"), 1), nullptr);
+  EXPECT_EQ(CopyControlText(edit), QStringLiteral("typed"));
+  EXPECT_EQ(CopyControlText(*FindControl(window, kForm, 2)), QStringLiteral("said"));
+  EXPECT_EQ(CopyControlText(window), QString());
+}
+
+}  // namespace
+}  // namespace vardell
