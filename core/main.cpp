@@ -12,6 +12,7 @@
 #include "platform/linux/LinuxPreferences.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "platform/linux/LinuxSession.h"
+#include "platform/linux/LinuxStatusBar.h"
 #include "platform/linux/LinuxSystem.h"
 #include "platform/linux/WindowClasses.h"
 #include "platform/linux/XcbDesktop.h"
@@ -42,6 +43,7 @@ int main(int, char** argv) {
   Agent agent(
       {processes, session, system, preferences, discovery, hotKeys, frontApplication, screens},
       MonotonicNow, SecondLength());
-  UserInterfaceWindows windows(agent);
+  LinuxStatusBar statusBar;
+  UserInterfaceWindows windows(agent, statusBar);
   return RunAgent(agent, {[&] { return QApplication::exec(); }, [&] { QApplication::quit(); }});
 }
