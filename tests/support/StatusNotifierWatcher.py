@@ -5,19 +5,16 @@
 
 import dbus
 
-BUS_NAME = "org.kde.StatusNotifierWatcher"
+BUS_NAME = MAIN_IFACE = "org.kde.StatusNotifierWatcher"
 MAIN_OBJ = "/StatusNotifierWatcher"
-MAIN_IFACE = "org.kde.StatusNotifierWatcher"
 SYSTEM_BUS = False
 
 
 def load(mock, parameters):
-    mock.AddProperties(MAIN_IFACE, dbus.Dictionary({
-        "IsStatusNotifierHostRegistered": parameters.get("host", False),
-        "RegisteredStatusNotifierItems": dbus.Array([], signature="s"),
-    }, signature="sv"))
-    mock.AddMethod(MAIN_IFACE, "RegisterStatusNotifierItem", "s", "", """
-items = self.Get("%(face)s", "RegisteredStatusNotifierItems")
-self.UpdateProperties("%(face)s", {"RegisteredStatusNotifierItems":
-                                   dbus.Array(list(items) + [args[0]], signature="s")})
-""" % {"face": MAIN_IFACE})
+    mock.items = dbus.Array([], signature="s")
+    mock.AddProperty(MAIN_IFACE, "IsStatusNotifierHostRegistered", parameters.get("host", False))
+    mock.AddMethod(MAIN_IFACE, "RegisterStatusNotifierItem", "s", "", "self.items.append(args[0])")
+    mock.AddMethod(MAIN_IFACE, "Items", "", "as", "ret = self.items")
+    mock.AddMethod(MAIN_IFACE, "HostComes", "", "", f"""
+self.UpdateProperties("{MAIN_IFACE}", {{"IsStatusNotifierHostRegistered": dbus.Boolean(True)}})
+self.EmitSignal("{MAIN_IFACE}", "StatusNotifierHostRegistered", "", [])""")
