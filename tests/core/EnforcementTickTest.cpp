@@ -272,30 +272,24 @@ class HomeFolderTest : public EnforcementTickTest {
   std::optional<std::uint64_t> usage_;
 };
 
-TEST_F(HomeFolderTest, OneThatStaysTooLargeEndsTheSessionTwoChecksAfterTheWarning) {
+TEST_F(HomeFolderTest, IsWarnedOfForgivenWarnedOfAnewAndEndsTheSession) {
   Hold(1 << 20);
   EXPECT_EQ(Words(), CheckOnce());
   Hold(2 << 20);
   EXPECT_EQ(kWarning, CheckOnce());
   EXPECT_EQ(-1, agent.diskQuota.warningCounter);
   EXPECT_EQ(Words(), CheckOnce());
+  Hold(1 << 10);
+  EXPECT_EQ(Words(), CheckOnce());
+  Hold(2 << 20);
+  EXPECT_EQ(kWarning, CheckOnce());
+  EXPECT_EQ(Words(), CheckOnce());
   EXPECT_TRUE(leader_.IsRunning());
   EXPECT_EQ(Words(), CheckOnce());
   EXPECT_EQ(-SIGKILL, leader_.Wait());
   EXPECT_EQ(0, entry_->pid);
+  Tick(60);
   EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
-}
-
-TEST_F(HomeFolderTest, OneThatWasTidiedUpIsForgivenAndWarnedAnew) {
-  Hold(2 << 20);
-  EXPECT_EQ(kWarning, CheckOnce());
-  EXPECT_EQ(Words(), CheckOnce());
-  Hold(1 << 10);
-  EXPECT_EQ(Words(), CheckOnce());
-  EXPECT_EQ(0, agent.diskQuota.warningCounter);
-  Hold(2 << 20);
-  EXPECT_EQ(kWarning, CheckOnce());
-  EXPECT_TRUE(leader_.IsRunning());
 }
 
 TEST_F(HomeFolderTest, AWarningThatWaitsBehindAnotherIsNotCounted) {

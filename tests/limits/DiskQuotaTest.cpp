@@ -69,12 +69,7 @@ class DiskQuotaCheckTest : public testing::Test {
       if (!deliver_) deliver_ = std::move(deliver);
     };
     actions.showMessage = [this](const QString&, std::function<void()> dismissed) {
-      told_ << QStringLiteral("message");
       dismiss_ = std::move(dismissed);
-    };
-    actions.loginPid = [] { return 4711; };
-    actions.endWatchedApp = [this](const WatchedApp& entry) {
-      told_ << QStringLiteral("end %1").arg(entry.pid);
     };
     actions.setDiskLine = [this](bool enabled, std::uint64_t limit, std::uint64_t usage) {
       told_ << QStringLiteral("%1 %2 of %3").arg(enabled).arg(usage).arg(limit);
@@ -83,11 +78,6 @@ class DiskQuotaCheckTest : public testing::Test {
     EXPECT_EQ(entry_->limits.credit, 10);
   }
   void Figure(std::uint64_t usage) { std::exchange(deliver_, nullptr)(usage); }
-  QStringList CheckWith(std::uint64_t usage) {
-    Check();
-    Figure(usage);
-    return Told();
-  }
   QStringList Told() { return std::exchange(told_, {}); }
 
   WatchedAppPtr entry_;
@@ -97,23 +87,9 @@ class DiskQuotaCheckTest : public testing::Test {
   QStringList told_;
 };
 
-TEST_F(DiskQuotaCheckTest, WarningSilenceEnd) {
-  const QString line = QStringLiteral("1 1048577 of 1048576");
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("message"), line}));
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line)) << "while it is up";
-  EXPECT_EQ(quota_.warningCounter, 0);
-  dismiss_();
-  EXPECT_EQ(quota_.warningCounter, -1);
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line));
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("end 4711"), line}));
-  EXPECT_EQ(entry_->pid, 0);
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList(line));
-  EXPECT_EQ(CheckWith(kMega), QStringList(QStringLiteral("1 1048576 of 1048576")));
-  EXPECT_EQ(CheckWith(kMega + 1), QStringList({QStringLiteral("message"), line}));
-}
-
 TEST_F(DiskQuotaCheckTest, ACheckUnderTheMessageDecidesNothingWhenItsFigureComesLater) {
-  (void)CheckWith(2 * kMega);
+  Check();
+  Figure(2 * kMega);
   Check();
   dismiss_();
   Figure(2 * kMega);
@@ -125,11 +101,6 @@ TEST_F(DiskQuotaCheckTest, WhatIsNoQuotaSaysSoAndMeasuresNothing) {
   Check();
   EXPECT_EQ(Told(), QStringList(QStringLiteral("0 0 of 0")));
   EXPECT_FALSE(deliver_);
-}
-
-TEST_F(DiskQuotaCheckTest, ANegativeQuotaIsShownAsItsBits) {
-  Renew(-1);
-  EXPECT_EQ(CheckWith(0).last(), QStringLiteral("1 0 of 18446744073708503040"));
 }
 
 TEST_F(DiskQuotaCheckTest, AFigureWhoseEntryHasGoneIsDropped) {
