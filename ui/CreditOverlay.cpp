@@ -140,7 +140,7 @@ struct FittedLine {
 
 // The whole line where it fits, else with a shortened name; the times are never cut.
 FittedLine FitLine(const LineSource& source, QFont font, int width) {
-  const QString name = source.Name().simplified();
+  const QString name = source.Name();
   for (int pixels = QFontInfo(font).pixelSize();; --pixels) {
     font.setPixelSize(pixels);
     const QFontMetrics metrics(font);
