@@ -1,6 +1,6 @@
-// What the size of a tree of 200,000 files in 20,000 folders takes, beside du in the same run; to be
-// run with --benchmark_enable_random_interleaving=true --benchmark_repetitions=10. The tree is made
-// in the folder $TMPDIR, or else in /tmp.
+// What the size of a tree of 200,000 files in 20,000 folders takes, beside du in the same run; to
+// be run with --benchmark_enable_random_interleaving=true --benchmark_repetitions=10. The tree is
+// made in the folder $TMPDIR, or else in /tmp.
 
 #include "limits/FolderSize.h"
 

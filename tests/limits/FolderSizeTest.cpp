@@ -212,6 +212,7 @@ TEST(FolderSizeTest, AFolderThatMovesAwayUnderTheWalkTakesOnlyItsNeighboursAlong
   tree.Folder(branch), tree.Folder(branch + "/c"), tree.Folder(branch + "/c/d");
   tree.File(branch + "/c/d/file", 1);
   tree.File(deep + "file", 1);
+  tree.Folder(deep + "a");
   tree.Folder("a"), tree.Folder("z");
   tree.File("a/file", kMega), tree.File("z/file", kMega);
   std::atomic<bool> done = false;
@@ -219,6 +220,10 @@ TEST(FolderSizeTest, AFolderThatMovesAwayUnderTheWalkTakesOnlyItsNeighboursAlong
     while (!done) {
       rename(tree.Path(branch).c_str(), tree.Path("moved").c_str());
       rename(tree.Path("moved").c_str(), tree.Path(branch).c_str());
+      // A neighbour that waits, whose name is at the top as well: it is walked after the branch,
+      // since it is newer.
+      rename(tree.Path(deep + "a").c_str(), tree.Path(deep + "x").c_str());
+      rename(tree.Path(deep + "x").c_str(), tree.Path(deep + "a").c_str());
     }
   });
   int odd = 0;
