@@ -52,11 +52,11 @@ class StatusNotifierTest : public testing::Test {
     return !Call(service, "/", {"org.freedesktop.DBus.Peer.Ping"}).isEmpty();
   }
 
-  void StartWatcher(const char* parameters = "{\"host\": true}") {
-    watcher_ =
-        Program({"/usr/bin/python3", "-m", "dbusmock", "--session", "--template",
-                 VARDELL_SOURCE_DIR "/tests/support/StatusNotifierWatcher.py", "-p", parameters},
-                {.output = "/dev/null"});
+  void StartWatcher(const std::vector<std::string>& arguments = {"host"}) {
+    std::vector<std::string> command{"/usr/bin/python3",
+                                     VARDELL_SOURCE_DIR "/tests/support/StatusNotifierWatcher.py"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    watcher_ = Program(command, {});
     ASSERT_TRUE(WaitUntil([&] { return IsReachable(kWatcher); }));
   }
   QString CallWatcher(const std::string& method) {
@@ -85,7 +85,7 @@ class StatusNotifierTest : public testing::Test {
 };
 
 TEST_F(StatusNotifierTest, WaitsForTheHostOfAWatcherAlthoughASystemTrayIsThere) {
-  StartWatcher("{}");
+  StartWatcher({});
   const Program trayer({"trayer"}, {.output = "/dev/null"});
   ASSERT_TRUE(
       WaitUntil([] { return XcbDesktop::Open()->HasSelectionOwner("_NET_SYSTEM_TRAY_S0"); }));
