@@ -27,7 +27,7 @@ int main(int, char** argv) {
   CleanEnvironment();
   signal(SIGPIPE, SIG_IGN);
   QApplication application(argc, argv);
-  application.setApplicationName(QStringLiteral("vardell-agent"));
+  application.setApplicationName(QStringLiteral("Vardell"));
   application.setQuitOnLastWindowClosed(false);
   InstallTranslations(application);
 

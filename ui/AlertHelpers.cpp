@@ -42,7 +42,7 @@ void NoteAlert(const char* messageKey, const char* explanationKey) {
   if (!messageKey) return;
   QMessageBox box;
   Prepare(box, messageKey, explanationKey);
-  box.setStandardButtons(QMessageBox::Ok);
+  box.addButton(QMessageBox::Ok)->setText(Localized("OK"));
   box.exec();
 }
 

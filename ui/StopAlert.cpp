@@ -68,7 +68,9 @@ class StopAlertBox : public QMessageBox {
     setText(Breakable(text));
     setInformativeText(Localized("Click to continue"));
     setAccessibleName(text);
-    setDefaultButton(addButton(QMessageBox::Ok));
+    QPushButton* ok = addButton(QMessageBox::Ok);
+    ok->setText(Localized("OK"));
+    setDefaultButton(ok);
     Arrange(*this);
     qApp->installEventFilter(this);
     QTimer::singleShot(kKeysIgnored, this, [this] {
