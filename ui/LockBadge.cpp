@@ -1,6 +1,6 @@
 #include "ui/LockBadge.h"
 
-#include <QGuiApplication>
+#include <QBitmap>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -10,6 +10,7 @@
 
 #include "Common Sources/Localization.h"
 #include "Common Sources/TestHooks.h"
+#include "ui/MainDisplay.h"
 
 namespace vardell {
 
@@ -28,7 +29,7 @@ int Milliseconds(double seconds) {
 // of it that is drawn.
 QPainterPath Body() {
   QPainterPath path;
-  path.addRoundedRect(QRectF(4.5, 8, 11, 8.5), 1.5, 1.5);
+  path.addRoundedRect(QRectF(5, 8, 10, 8), 1.5, 1.5);
   return path;
 }
 
@@ -46,9 +47,16 @@ QPainterPath Shackle() {
 
 QPainterPath Outline() {
   QPainterPathStroker stroker;
-  stroker.setWidth(1.5);
+  stroker.setWidth(2);
   const QPainterPath padlock = Body().united(Shackle());
   return padlock.united(stroker.createStroke(padlock));
+}
+
+QBitmap OutlineMask() {
+  QBitmap mask(kBadgeSize);
+  mask.clear();
+  QPainter(&mask).fillPath(Outline(), Qt::color1);
+  return mask;
 }
 
 // `cut`: to its outline, so that nothing shines through what lies within.
@@ -78,7 +86,7 @@ LockBadge::LockBadge(Screens& screens, LockRequest lockScreen)
   countdown_.setSingleShot(true);
   connect(&blink_, &QTimer::timeout, this, [this] { Blink(); });
   connect(&countdown_, &QTimer::timeout, this, [this] { Lock(); });
-  connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, [this] { SnapBack(); });
+  WatchMainDisplay(this, [this] { SnapBack(); });
 }
 
 void LockBadge::ShowWindow() {
@@ -142,7 +150,7 @@ void LockBadge::Shape() {
   if (screens_.IsComposited())
     clearMask();
   else if (badgeVisible_)
-    setMask(QRegion(Outline().toFillPolygon().toPolygon()));
+    setMask(OutlineMask());
   else
     setMask(QRegion(-1, -1, 1, 1));
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Common Sources/Localization.h"
+#include "ui/MainDisplay.h"
 
 namespace vardell {
 
@@ -140,7 +141,7 @@ MessagePanel::MessagePanel(PanelUse use, QRgb colour, std::function<QString()> t
   setAccessibleDescription(Localized("Click to continue"));
   Refresh();
   FollowScreen();
-  connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, [this] { FollowScreenSoon(); });
+  WatchMainDisplay(this, [this] { FollowScreenSoon(); });
 }
 
 void MessagePanel::TakeScreens() {

@@ -31,6 +31,7 @@ TEST(WithoutXServerTest, NothingIsInFrontTakenOrPressed) {
   EXPECT_EQ(screens.MainDisplayBounds(), QGuiApplication::primaryScreen()->geometry());
   screens.CaptureSecondaryDisplays();
   screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch, &window);
+  EXPECT_FALSE(screens.HoldsInput());
   screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
   screens.ReleaseDisplays();
   QCoreApplication::processEvents();

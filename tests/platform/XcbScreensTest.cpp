@@ -103,6 +103,11 @@ TEST_F(XcbScreensTest, WhatAnotherProgramPutsAboveIsCoveredAgainButOurOwnIsNot) 
     return screens.HoldsInput() && !other.CanTakePointer() &&
            order({menu, window.geometry(), strip.geometry()});
   }));
+  // As when a menu of this program closes, of which nothing is told.
+  xcb_ungrab_pointer(XcbDesktop::Open()->Connection(), XCB_CURRENT_TIME);
+  xcb_flush(XcbDesktop::Open()->Connection());
+  ASSERT_TRUE(WaitUntil([&] { return other.CanTakePointer(); }));
+  EXPECT_TRUE(WaitUntil([&] { return !other.CanTakePointer(); }));
   screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
   stranger.ShowOnTop(menu);
   EXPECT_FALSE(WaitUntil(

@@ -8,6 +8,7 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QWindow>
+#include <algorithm>
 #include <chrono>
 
 #include "platform/linux/XcbScreens.h"
@@ -52,22 +53,34 @@ class MessageWindowTest : public test::ModalFixture {
 };
 
 TEST_F(MessageWindowTest, AClickOfAnyButtonOnAnyScreenTakesTheMessageAwayAndOpensNothing) {
-  Tool({"xrandr", "--setmonitor", "*left", "900/100x800/100+0+0", "screen"});
-  Tool({"xrandr", "--setmonitor", "right", "380/100x800/100+900+0", "none"});
-  ASSERT_TRUE(WaitUntil([] { return QGuiApplication::screens().size() == 2; }));
   XcbScreens screens;
   const std::vector<QRect> before = other.UnmanagedWindows();
+  When([&] { return screens.HoldsInput(); },
+       [] {
+         Tool({"xrandr", "--setmonitor", "*left", "900/100x800/100+0+0", "screen"});
+         Tool({"xrandr", "--setmonitor", "middle", "180/100x800/100+900+0", "none"});
+       });
+  When([] { return MessagePanel::Topmost()->width() == 900; },
+       [] {
+         Tool({"xrandr", "--setmonitor", "*right", "200/100x800/100+1080+0", "none"});
+       });
+  std::vector<QRect> up = before;
+  up.insert(up.end(), {{0, 0, 900, 800}, {900, 0, 180, 800}, {1080, 0, 200, 800}});
+  const auto isUp = [&] {
+    const std::vector<QRect> windows = other.UnmanagedWindows();
+    return screens.HoldsInput() && MessagePanel::Topmost()->x() == 1080 &&
+           std::is_permutation(windows.begin(), windows.end(), up.begin(), up.end());
+  };
   for (const auto& [where, button] :
-       {std::pair(QPoint(5, 5), 1), {QPoint(450, 400), 2}, {QPoint(1275, 795), 3}}) {
-    When([&] { return screens.HoldsInput(); },
-         [this, where = where, button = button] { Click(where, button); });
+       {std::pair(QPoint(5, 5), 1), {QPoint(1000, 400), 2}, {QPoint(1275, 795), 3}}) {
+    When(isUp, [this, where = where, button = button] { Click(where, button); });
     ShowFullScreenMessage(QStringLiteral("Cannot contact server"), true, Host(screens));
     EXPECT_TRUE(AllStepsDone());
     EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows() == before; }))
         << "button " << button;
   }
-  Tool({"xrandr", "--delmonitor", "left"});
-  Tool({"xrandr", "--delmonitor", "right"});
+  for (const char* monitor : {"right", "middle", "left"}) Tool({"xrandr", "--delmonitor", monitor});
+  EXPECT_TRUE(WaitUntil([] { return QGuiApplication::screens().size() == 1; }));
 }
 
 TEST_F(MessageWindowTest, NoKeyGetsPastALock) {
