@@ -1,12 +1,6 @@
 // The real agent in a login session that is switched away and back. login1 is a stand-in on the
 // desktop's own system bus.
-#include <gtest/gtest.h>
-
-#include <QCoreApplication>
-#include <QDBusConnection>
-#include <QDBusMessage>
-
-#include "tests/integration/World.h"
+#include "tests/integration/ScreenFixture.h"
 
 namespace vardell::test {
 namespace {
@@ -15,14 +9,11 @@ const QString kLogin1 = QStringLiteral("org.freedesktop.login1");
 const QString kManagerPath = QStringLiteral("/org/freedesktop/login1");
 const QString kSessionPath = QStringLiteral("/org/freedesktop/login1/session/s1");
 
-class SessionTest : public testing::Test {
+class SessionTest : public ScreenFixture {
  protected:
   void TearDown() override {
-    if (HasFailure()) {
-      fprintf(stderr, "--- agent\n%s\n--- Server\n%s\n--- login1\n%s\n",
-              qPrintable(world.agent.Output()), qPrintable(world.server.Output()),
-              qPrintable(login1.Output()));
-    }
+    ScreenFixture::TearDown();
+    if (HasFailure()) fprintf(stderr, "--- login1\n%s\n", qPrintable(login1.Output()));
     login1.End(SIGKILL);
     EXPECT_TRUE(WaitUntil([] { return !HasLogin1(); }));
   }
@@ -68,11 +59,6 @@ class SessionTest : public testing::Test {
                      world.Seconds(seconds));
   }
 
-  int argc = 1;
-  char name[5] = "test";
-  char* argv[2] = {name, nullptr};
-  QCoreApplication application{argc, argv};
-  World world;
   Program login1;
 };
 
@@ -100,9 +86,33 @@ TEST_F(SessionTest, ThatIsNotInFrontAtTheStartCountsOnceItIs) {
   StartLogin1(false);
   ASSERT_TRUE(world.StartAll());
   world.StartWitness();
-  EXPECT_FALSE(ClaimsMoreThan(0, 70));
+  ExpectNothingIsCounted();
   Switch(true);
   EXPECT_TRUE(Claims({99}));
+}
+
+TEST_F(SessionTest, WhatStandsWhenItIsSwitchedAwayGoesOnStanding) {
+  const QString warning = u"5 minutes left. Please finish"_s;
+  StartLogin1(true);
+  ASSERT_TRUE(StartAll());
+  world.StartWitness();
+  Program toy = LaunchWithCredit("toy", 5);
+  ASSERT_TRUE(ComesUp(warning) && WitnessPays(1));
+  Switch(false);
+  ExpectNothingIsCounted();
+  EXPECT_TRUE(IsUp(warning));
+  Switch(true);
+  EXPECT_TRUE(WitnessPays(Paid() + 1));
+  Click();
+  EXPECT_TRUE(Goes(warning));
+
+  LockByMenu();
+  Switch(false);
+  Switch(true);
+  ExpectNothingIsCounted();
+  Click();
+  EXPECT_TRUE(Goes(kLocked));
+  EXPECT_TRUE(WitnessPays(Paid() + 1));
 }
 
 }  // namespace

@@ -42,7 +42,13 @@ World::~World() {
 std::map<std::string, std::string> World::Environment() const {
   return {{"VARDELL_TEST_ROOT", root_},
           {"VARDELL_TEST_SECOND_MS", std::to_string(kSecondMs)},
-          {"LANG", "C.UTF-8"}};
+          {"LC_ALL", "C.UTF-8"},
+          {"LANGUAGE", ""}};
+}
+
+QString World::AgentOutput() const {
+  QFile file(QString::fromStdString(Path("agent.log")));
+  return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 std::string World::ExecutableOf(const std::string& identifier) const {
@@ -70,6 +76,12 @@ void World::WritePreferences(const QVariantMap& preferences) {
   if (WritePropertyListToPath(preferences, path, true) != 0) abort();
 }
 
+void World::SetHomeSize(std::int64_t bytes) {
+  const QString home = QString::fromStdString(root_ + getpwuid(getuid())->pw_dir);
+  QFile file(home + QStringLiteral("/film"));
+  if (!QDir().mkpath(home) || !file.open(QIODevice::WriteOnly) || !file.resize(bytes)) abort();
+}
+
 void World::StartServer(const std::string& listen, bool publish) {
   std::vector<std::string> command{Bin("vardell-server"), "--listen", listen};
   if (!publish) command.push_back("--no-publish");
@@ -86,11 +98,13 @@ void World::StartAgent(const std::map<std::string, std::string>& environment) {
                   {.environment = all, .output = Path("agent.log"), .ownSession = true});
 }
 
-void World::StartAgentInSession() {
+void World::StartAgentInSession(const std::map<std::string, std::string>& environment) {
+  auto all = Environment();
+  all.insert(environment.begin(), environment.end());
   leader = Program({"/bin/sh", "-c",
                     "'" + Bin("vardell-agent") + "' & echo $! > '" + Path("agent.pid") +
                         "'; wait; read never < '" + Path("never") + "'"},
-                   {.environment = Environment(), .output = Path("agent.log"), .ownSession = true});
+                   {.environment = all, .output = Path("agent.log"), .ownSession = true});
 }
 
 void World::EndAgentOfSession() {

@@ -27,11 +27,13 @@ class World {
   std::string ExecutableOf(const std::string& identifier) const;
   Program Launch(const std::string& identifier, const std::vector<std::string>& arguments = {});
   void WritePreferences(const QVariantMap& preferences);
+  // The user's home folder then holds one file of that length.
+  void SetHomeSize(std::int64_t bytes);
 
   void StartServer(const std::string& listen = "127.0.0.1:0", bool publish = true);
   void StartAgent(const std::map<std::string, std::string>& environment = {});
   // The agent inside the session of a leader: `sh`, which stays.
-  void StartAgentInSession();
+  void StartAgentInSession(const std::map<std::string, std::string>& environment = {});
   void EndAgentOfSession();
   // Server and agent, up to where the agent has found the Server.
   [[nodiscard]] bool StartAll();
@@ -53,6 +55,7 @@ class World {
   const std::string& user() const { return user_; }
   std::string Path(const std::string& relative) const { return root_ + "/" + relative; }
   std::map<std::string, std::string> Environment() const;
+  QString AgentOutput() const;
 
   Program server;
   Program agent;
