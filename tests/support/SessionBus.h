@@ -72,6 +72,7 @@ class StatusBarReader {
     const auto argument = line.value<QDBusArgument>();
     argument.beginStructure();
     argument >> read.first >> read.second >> *below;
+    argument.endStructure();
     return read;
   }
   QVariantList CallMenu(const QString& method, const QVariantList& arguments) const {
