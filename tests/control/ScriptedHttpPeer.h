@@ -2,20 +2,10 @@
 // what it was asked.
 #pragma once
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <QByteArray>
 #include <QRegularExpression>
-#include <QString>
 #include <QTemporaryDir>
-#include <atomic>
-#include <cstring>
-#include <mutex>
-#include <thread>
-#include <vector>
+
+#include "tests/support/ScriptedPeer.h"
 
 namespace vardell::test {
 
@@ -31,81 +21,42 @@ class ScriptedHttpPeer {
   static constexpr char kSilence[] = "HTTP/1.1 200";
 
   explicit ScriptedHttpPeer(std::vector<QByteArray> answers)
-      : path_(folder_.filePath(QStringLiteral("control.sock"))), answers_(std::move(answers)) {
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const QByteArray name = path_.toUtf8();
-    std::memcpy(address.sun_path, name.constData(), static_cast<std::size_t>(name.size()));
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    listen(listener_, 8);
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~ScriptedHttpPeer() {
-    stop_ = true;
-    thread_.join();
-    close(listener_);
-  }
+      : path_(folder_.filePath(QStringLiteral("control.sock"))),
+        peer_(Scripts(std::move(answers)), path_) {}
 
   QString path() const { return path_; }
   // Whole requests, in order.
-  std::vector<QByteArray> requests() const {
-    const std::lock_guard lock(mutex_);
-    return requests_;
-  }
+  std::vector<QByteArray> requests() const { return peer_.Frames(); }
 
  private:
-  bool Readable(int fd) const {
-    pollfd waiting{fd, POLLIN, 0};
-    while (!stop_) {
-      if (poll(&waiting, 1, 20) == 1) return true;
+  static std::vector<ScriptedPeer::Script> Scripts(std::vector<QByteArray> answers) {
+    std::vector<ScriptedPeer::Script> scripts;
+    answers.push_back(Answer(500, "{}"));
+    for (const QByteArray& answer : answers) {
+      scripts.push_back([answer](PeerConnection& peer) {
+        peer.recorded(ReadRequest(peer));
+        peer.Send(answer);
+        if (answer == kSilence) peer.HoldUntilPeerStops();
+      });
     }
-    return false;
+    return scripts;
   }
 
-  void Serve() {
-    for (std::size_t next = 0; Readable(listener_); ++next) {
-      const int connection = accept(listener_, nullptr, nullptr);
-      const QByteArray request = ReadRequest(connection);
-      {
-        const std::lock_guard lock(mutex_);
-        requests_.push_back(request);
-      }
-      const QByteArray answer = next < answers_.size() ? answers_[next] : Answer(500, "{}");
-      // A blocking send takes it all.
-      (void)!send(connection, answer.constData(), static_cast<std::size_t>(answer.size()),
-                  MSG_NOSIGNAL);
-      if (answer == kSilence) (void)Readable(connection);
-      close(connection);
-    }
-  }
-
-  QByteArray ReadRequest(int connection) const {
-    QByteArray request;
-    while (!Complete(request) && Readable(connection)) {
-      char buffer[4096];
-      const ssize_t count = recv(connection, buffer, sizeof(buffer), 0);
-      if (count <= 0) break;
-      request.append(buffer, count);
-    }
-    return request;
-  }
-
-  static bool Complete(const QByteArray& request) {
+  static QByteArray ReadRequest(PeerConnection& peer) {
     static const QRegularExpression kLength(QStringLiteral("Content-Length: (\\d+)"));
-    const qsizetype end = request.indexOf("\r\n\r\n");
-    const int body = kLength.match(QString::fromLatin1(request)).captured(1).toInt();
-    return end >= 0 && request.size() >= end + 4 + body;
+    QByteArray request;
+    while (!request.endsWith("\r\n\r\n")) {
+      const QByteArray byte = peer.ReadBytes(1);
+      if (byte.isEmpty()) return request;
+      request += byte;
+    }
+    return request +
+           peer.ReadBytes(kLength.match(QString::fromLatin1(request)).captured(1).toInt());
   }
 
   QTemporaryDir folder_;
   QString path_;
-  std::vector<QByteArray> answers_;
-  int listener_ = -1;
-  std::atomic<bool> stop_ = false;
-  mutable std::mutex mutex_;
-  std::vector<QByteArray> requests_;
-  std::thread thread_;
+  ScriptedPeer peer_;
 };
 
 }  // namespace vardell::test

@@ -26,26 +26,32 @@ inline QByteArray Hex(const char* text) {
   return QByteArray::fromHex(text);
 }
 
-struct Observed {
-  std::string out;
-  std::string err;
-  std::chrono::milliseconds took{0};
-};
-
-template <typename Operation>
-Observed Observe(Operation operation) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const auto began = std::chrono::steady_clock::now();
-  operation();
-  const auto took = std::chrono::steady_clock::now() - began;
-  return {testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr(),
-          std::chrono::duration_cast<std::chrono::milliseconds>(took)};
+// A port of 127.0.0.1 on which nobody listens.
+inline std::uint16_t ClosedPort() {
+  return ScriptedPeer({StaySilent}).Port();
 }
 
 class LinkTest : public testing::Test {
  protected:
+  struct Observed {
+    std::string out;
+    std::string err;
+    std::chrono::milliseconds took{0};
+  };
+
   LinkTest() { link.second = 100ms; }
+
+  template <typename Operation>
+  auto Observe(Operation operation) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const auto began = std::chrono::steady_clock::now();
+    const auto result = operation();
+    const auto took = std::chrono::steady_clock::now() - began;
+    observed = {testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr(),
+                std::chrono::duration_cast<std::chrono::milliseconds>(took)};
+    return result;
+  }
 
   // A peer that the link will find, in the place of the one before.
   ScriptedPeer& Serve(std::vector<ScriptedPeer::Script> scripts) {
@@ -54,8 +60,8 @@ class LinkTest : public testing::Test {
     discovery.ServeAt(server_->Port());
     return *server_;
   }
-  void Connect() {
-    (void)Observe([&] { ASSERT_EQ(ConnectToServer(link), 0); });
+  std::int32_t Connect() {
+    return Observe([&] { return ConnectToServer(link); });
   }
   // Until something (bytes, the end, a reset) has come from the peer.
   void WaitForPeer() {
@@ -64,14 +70,10 @@ class LinkTest : public testing::Test {
 
   FakeServiceDiscovery discovery;
   ServerLink link{discovery};
+  Observed observed;  // of the last operation
 
  private:
   std::unique_ptr<ScriptedPeer> server_;
 };
-
-// A port of 127.0.0.1 on which nobody listens.
-inline std::uint16_t ClosedPort() {
-  return ScriptedPeer({StaySilent}).Port();
-}
 
 }  // namespace vardell::test

@@ -9,6 +9,7 @@
 #include "link/MessageEncoding.h"
 #include "link/RequestExchange.h"
 #include "tests/link/LinkFixture.h"
+#include "tests/support/OtherUsers.h"
 
 namespace vardell {
 namespace {
@@ -18,23 +19,18 @@ using namespace test;
 const QString kUser = QStringLiteral("bob");
 const QString kApp = QStringLiteral("org.example.app");
 const QByteArray kNames = Hex("03000000") + "bob" + Hex("0f000000") + "org.example.app";
+const QVariantMap kLimits = {{QStringLiteral("Credit"), qlonglong(7)},
+                             {QStringLiteral("Enabled"), true}};
 
 QByteArray Xml(const QVariant& value) {
   return WritePropertyListXml(value).value();
 }
 
-const QVariantMap kLimits = {{QStringLiteral("Credit"), 7}, {QStringLiteral("Enabled"), true}};
-const QVariantMap kLimitsRead = {{QStringLiteral("Credit"), qlonglong(7)},
-                                 {QStringLiteral("Enabled"), true}};
-
 class RequestsTest : public LinkTest {
  protected:
   QVariant Fetch() {
-    QVariant limits;
-    observed = Observe([&] { limits = CopyLimitsDictionary(link, kUser, kApp); });
-    return limits;
+    return Observe([&] { return CopyLimitsDictionary(link, kUser, kApp); });
   }
-  Observed observed;
 };
 
 TEST_F(RequestsTest, ALaunchAndAMinuteOnTheWire) {
@@ -42,15 +38,13 @@ TEST_F(RequestsTest, ALaunchAndAMinuteOnTheWire) {
   LimitsRecord record;
   record.credit = 6;
   record.enabled = 1;
-  (void)Observe([&] {
-    EXPECT_EQ(SendAppStarted(link, kUser, kApp), 0);
-    EXPECT_EQ(CopyLimitsDictionary(link, kUser, kApp), QVariant(kLimitsRead));
-    EXPECT_EQ(SendRequest(link, RequestKind::CreditReport,
-                          AppendLimitsRecordToData(kUser, kApp, record), 3, false, nullptr),
-              0);
-    EXPECT_EQ(CopyLimitsDictionary(link, kUser, kApp), QVariant(kLimitsRead));
-    SendQuery(link, kUser);
-  });
+  const QByteArray report = AppendLimitsRecordToData(kUser, kApp, record);
+  Connect();
+  EXPECT_EQ(SendAppStarted(link, kUser, kApp), 0);
+  EXPECT_EQ(Fetch(), QVariant(kLimits));
+  EXPECT_EQ(SendRequest(link, RequestKind::CreditReport, report, 3, false, nullptr), 0);
+  EXPECT_EQ(Fetch(), QVariant(kLimits));
+  SendQuery(link, kUser);
   const QByteArray packed = Hex(
       "00000000 00000000 06000000 00 00 00 00000000 00000000 00000000 00000000 01 00 00 00000000"
       "00 00000000");
@@ -70,7 +64,7 @@ TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
     QVariant limits;
     bool missed;
   } rows[] = {
-      {"a dictionary", Xml(kLimits), kLimitsRead, false},
+      {"a dictionary", Xml(kLimits), kLimits, false},
       {"an empty dictionary is an answer", Xml(QVariantMap()), QVariantMap(), false},
       {"a string is handed on and answers nothing", Xml(QStringLiteral("no")), QStringLiteral("no"),
        true},
@@ -101,7 +95,7 @@ TEST_F(RequestsTest, ASilentServerCostsOneTimeOutAndIsAskedOnNoFurther) {
   EXPECT_FALSE(link.offerAgain);
 
   // The next connection offers everything again.
-  EXPECT_EQ(Fetch(), QVariant(kLimitsRead));
+  EXPECT_EQ(Fetch(), QVariant(kLimits));
   EXPECT_FALSE(link.replyMissed);
   EXPECT_TRUE(link.offerAgain);
 }
@@ -110,12 +104,13 @@ TEST_F(RequestsTest, AFetchThatFailsIsTriedOnceMore) {
   Serve({[](PeerConnection&) {}, AnswerWith(Xml(kLimits))});
   Connect();
   WaitForPeer();
-  EXPECT_EQ(Fetch(), QVariant(kLimitsRead));
+  EXPECT_EQ(Fetch(), QVariant(kLimits));
   EXPECT_EQ(observed.err, std::string(kLostText) + kReconnectText);
   EXPECT_FALSE(link.replyMissed || link.offerAgain);
-}
 
-TEST_F(RequestsTest, WithoutAServerBothAttemptsSaySo) {
+  discovery.daemonRuns = false;
+  link.rememberedService.reset();
+  DropServerConnection(link);
   EXPECT_EQ(Fetch(), QVariant(QVariantMap()));
   EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
   EXPECT_TRUE(link.replyMissed);
@@ -123,20 +118,17 @@ TEST_F(RequestsTest, WithoutAServerBothAttemptsSaySo) {
 }
 
 TEST_F(RequestsTest, AQueryIsAnsweredByADictionaryOnly) {
-  std::optional<QVariantMap> dictionary;
   const auto query = [&] {
-    observed = Observe([&] { dictionary = CopyQueryDictionary(link, kUser, kApp); });
+    return Observe([&] { return CopyQueryDictionary(link, kUser, kApp); });
   };
   const ScriptedPeer& peer =
       Serve({AnswerWith(Xml(QStringLiteral("no"))), AnswerWith(Xml(kLimits))});
-  query();
-  EXPECT_EQ(dictionary, kLimitsRead);
+  EXPECT_EQ(query(), kLimits);
   EXPECT_EQ(observed.err, kReconnectText);
   EXPECT_EQ(peer.Frames().front(), Hex("000000230500000000") + kNames);
 
   Serve({AnswerWith("garbage")});
-  query();
-  EXPECT_EQ(dictionary, std::nullopt);
+  EXPECT_EQ(query(), std::nullopt);
   EXPECT_EQ(observed.err, std::string(kReconnectText) + kReconnectText);
   EXPECT_FALSE(link.shared);
 }
@@ -146,81 +138,67 @@ TEST_F(RequestsTest, AQueryIsAnsweredByADictionaryOnly) {
 class KillTest : public RequestsTest {
  protected:
   KillTest() : shared(Serve({AnswerWith(Xml(kLimits))})) { link.killPort = listener.Port(); }
+
   void Kill(std::int32_t pid) {
-    observed = Observe([&] { KillProcess(link, pid); });
+    (void)Observe([&] { return KillProcess(link, pid), 0; });
+  }
+  // By a process that may not signal others' processes.
+  void KillUnprivileged(std::int32_t pid) {
+    const int status = Observe([&] {
+      const pid_t child = fork();
+      if (child == 0) {
+        constexpr uid_t kNobody = 65534;
+        if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) _exit(3);
+        if (setsid() < 0) _exit(4);
+        KillProcess(link, pid);
+        _exit(0);
+      }
+      int exit = -1;
+      waitpid(child, &exit, 0);
+      return exit;
+    });
+    ASSERT_EQ(status, 0);
   }
 
   const ScriptedPeer& shared;
   ScriptedPeer listener{{StaySilent}};
 };
 
-pid_t StartChild() {
-  const pid_t child = fork();
-  if (child == 0)
-    for (;;) pause();
-  return child;
-}
-
 pid_t VanishedPid() {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  return child;
-}
-
-// Runs `work` in a process that may not signal others' processes, and waits for it.
-template <typename Work>
-int RunUnprivileged(Work work) {
-  const pid_t child = fork();
-  if (child == 0) {
-    constexpr uid_t kNobody = 65534;
-    if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) _exit(3);
-    if (setsid() < 0) _exit(4);
-    work();
-    _exit(0);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status;
+  Sleeper process;
+  const pid_t pid = process.Pid();
+  process.End();
+  return pid;
 }
 
 TEST_F(KillTest, TheAgentEndsAProcessItselfWhereItCan) {
-  const pid_t child = StartChild();
-  Kill(child);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-  EXPECT_EQ(observed.out, "Killed pid " + std::to_string(child) + " ourself!\n");
+  const Sleeper process;
+  Kill(process.Pid());
+  EXPECT_TRUE(process.DiesOfKill());
+  EXPECT_EQ(observed.out, "Killed pid " + std::to_string(process.Pid()) + " ourself!\n");
   EXPECT_EQ(listener.ConnectionCount(), 0u);
   EXPECT_EQ(shared.ConnectionCount(), 0u);
 }
 
-TEST_F(KillTest, WhatItCannotEndGoesToTheListenerOfThisMachine) {
+TEST_F(KillTest, WhatItCannotEndGoesToTheListenerOfThisMachineEachInAConnectionOfItsOwn) {
   Connect();
   const pid_t pid = VanishedPid();
   Kill(pid);
   EXPECT_EQ(observed.out + observed.err, "");
-  QByteArray digits;
-  AppendStringToData(digits, QString::number(pid));
-  std::uint32_t reservedWord = 0;
-  EXPECT_EQ(listener.WaitForFrames(1),
-            std::vector{BuildRequestFrame(RequestKind::KillProcess, digits, reservedWord)});
-  EXPECT_TRUE(shared.Frames().empty());
-
-  Kill(pid);
-  EXPECT_EQ(listener.WaitForFrames(2).size(), 2u);
-  EXPECT_EQ(listener.ConnectionCount(), 2u);
-}
-
-TEST_F(KillTest, AProcessThatMayNotBeSignalledGoesToTheListenerToo) {
-  observed = Observe([&] { EXPECT_EQ(RunUnprivileged([&] { KillProcess(link, 1); }), 0); });
-  EXPECT_EQ(listener.WaitForFrames(1), std::vector{Hex("0000000e 07 00000000 01000000 31")});
+  ASSERT_EQ(listener.WaitForFrames(1).size(), 1u);
+  KillUnprivileged(1);
   EXPECT_EQ(observed.out.find("ourself"), std::string::npos);
+  const std::vector<QByteArray> frames = listener.WaitForFrames(2);
+  ASSERT_EQ(frames.size(), 2u);
+  EXPECT_EQ(frames[0].mid(4, 1) + frames[0].mid(13), "\7" + QByteArray::number(pid));
+  EXPECT_EQ(frames[1], Hex("0000000e 07 00000000 01000000 31"));
+  EXPECT_EQ(listener.ConnectionCount(), 2u);
+  EXPECT_TRUE(shared.Frames().empty());
 }
 
 TEST_F(KillTest, NothingHappensForAPidOfNothing) {
   for (const std::int32_t pid : {0, -1}) {
-    observed = Observe([&] { EXPECT_EQ(RunUnprivileged([&] { KillProcess(link, pid); }), 0); });
+    KillUnprivileged(pid);
     EXPECT_EQ(observed.out + observed.err, "") << pid;
   }
 }

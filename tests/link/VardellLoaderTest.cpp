@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,6 +18,7 @@ using Milliseconds = std::chrono::milliseconds;
 
 const QString kLocalDomain = QStringLiteral("local");
 const QString kType = QStringLiteral("_vardell5._tcp");
+const std::string kAddress = "Address 0 is: 1.0.0.127\n";
 
 NetService Service(const char* name, bool isLocal = false) {
   return {
@@ -33,16 +33,13 @@ class LoaderTest : public LinkTest {
     DropServerConnection(link);
     discovery.runs.clear();
     discovery.resolved.clear();
-    std::int32_t result = 99;
-    observed = Observe([&] { result = ConnectToServer(link); });
-    return result;
+    return Connect();
   }
   void ResolvesTo(const std::vector<QByteArray>& addresses) {
     discovery.ServeAt(peer.Port());
     discovery.answers.begin()->second.addresses = addresses;
   }
 
-  Observed observed;
   ScriptedPeer peer{{StaySilent}};
 };
 
@@ -108,12 +105,12 @@ TEST_F(LoaderTest, WhichOfSeveralServicesIsChosen) {
     std::string said;
     for (const char* name : row.said)
       said += std::string("Found service at host: ") + name + ".local\n";
-    observed = Observe([&] { EXPECT_EQ(ConnectToServer(here), 0); });
+    EXPECT_EQ(Observe([&] { return ConnectToServer(here); }), 0);
     EXPECT_EQ(network.runs, row.runs);
     ASSERT_EQ(network.resolved.size(), 1u);
     EXPECT_EQ(network.resolved[0].first.name, QString::fromUtf8(row.said.back()));
     EXPECT_EQ(network.resolved[0].second, 5s);
-    EXPECT_EQ(observed.out, said + "Address 0 is: 1.0.0.127\n");
+    EXPECT_EQ(observed.out, said + kAddress);
     EXPECT_EQ(network.liveBrowsers, 0);
   }
 }
@@ -139,7 +136,7 @@ TEST_F(LoaderTest, ServicesAreSearchedForInEachDomainUntilItGoes) {
   EXPECT_EQ(discovery.searches[1].domain, kLocalDomain);
   EXPECT_EQ(discovery.searches[1].type, kType);
   EXPECT_EQ(discovery.searches[2].domain, QStringLiteral("example.org"));
-  EXPECT_EQ(observed.out, "Found service at host: there.example.org\nAddress 0 is: 1.0.0.127\n");
+  EXPECT_EQ(observed.out, "Found service at host: there.example.org\n" + kAddress);
 }
 
 TEST_F(LoaderTest, ARememberedServiceIsResolvedAgainWhenABrowseFindsNothing) {
@@ -165,8 +162,7 @@ TEST_F(LoaderTest, NamesThatCannotBePrintedAreSaidToBeSuch) {
   for (const QString& name : names) {
     discovery.ServeAt(peer.Port(), name);
     EXPECT_EQ(ConnectAgain(), 0);
-    EXPECT_EQ(observed.out,
-              "Found service with unprintable characters in name\nAddress 0 is: 1.0.0.127\n");
+    EXPECT_EQ(observed.out, "Found service with unprintable characters in name\n" + kAddress);
   }
   discovery.ServeAt(peer.Port(), QString(4095, QLatin1Char('x')));
   EXPECT_EQ(ConnectAgain(), 0);
@@ -178,9 +174,7 @@ TEST_F(LoaderTest, TheFirstAddressIsUsedAndIPv4OnesAreLoggedLastOctetFirst) {
               SocketAddressV4("10.0.1.2", 1)});
   EXPECT_EQ(ConnectAgain(), 0);
   EXPECT_EQ(observed.out,
-            "Found service at host: Test Server.local\n"
-            "Address 0 is: 1.0.0.127\n"
-            "Address 2 is: 2.1.0.10\n");
+            "Found service at host: Test Server.local\n" + kAddress + "Address 2 is: 2.1.0.10\n");
 }
 
 // --- Pairs that do not come about.
@@ -190,60 +184,39 @@ TEST_F(LoaderTest, ARefusedConnectionFailsAtOnce) {
   link.second = 20s;
   EXPECT_EQ(ConnectAgain(), -4);
   EXPECT_LT(observed.took, link.second);
-  int code = 0, writing = 0, reading = 0;
-  EXPECT_EQ(
-      std::sscanf(observed.out.c_str(),
-                  "%*[^\n]\n%*[^\n]\nResolving streams failed err %i, wStream=%i, rStream=%i\n",
-                  &code, &writing, &reading),
-      3);
-  EXPECT_EQ(code, -4);
-  EXPECT_GT(writing, 0);
-  EXPECT_EQ(writing, reading);
+  const std::string failed = "Resolving streams failed err -4, wStream=";
+  EXPECT_NE(observed.out.find(failed), std::string::npos) << observed.out;
+  EXPECT_EQ(observed.out.find(failed + "0"), std::string::npos) << "there was a pair";
   EXPECT_FALSE(link.shared);
 }
 
-TEST_F(LoaderTest, AnAddressThatIsNoneGivesNoPair) {
-  for (const std::vector<QByteArray>& addresses :
-       {std::vector<QByteArray>{}, {Hex("02")}, {QByteArray(200, '\2')}}) {
+TEST_F(LoaderTest, AServiceWithoutAnAddressGivesNoPair) {
+  for (const std::vector<QByteArray>& addresses : {std::vector<QByteArray>{}, {Hex("02")}}) {
     ResolvesTo(addresses);
     EXPECT_EQ(ConnectAgain(), -3);
-    EXPECT_NE(observed.out.find("Resolving streams failed err -3, wStream=0, rStream=0\n"),
-              std::string::npos);
+    EXPECT_NE(observed.out.find("err -3, wStream=0, rStream=0\n"), std::string::npos);
   }
 }
 
-// Listens, but its queue is full: the kernel drops whoever knocks.
-class DeafListener {
- public:
-  DeafListener() {
-    const QByteArray any = SocketAddressV4("127.0.0.1", 0);
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    bind(sockets_[0], reinterpret_cast<const sockaddr*>(any.constData()), size);
-    listen(sockets_[0], 0);
-    getsockname(sockets_[0], reinterpret_cast<sockaddr*>(&address), &size);
-    port_ = ntohs(address.sin_port);
-    for (std::size_t i = 1; i < sockets_.size(); ++i)
-      connect(sockets_[i], reinterpret_cast<const sockaddr*>(&address), size);
-  }
-  ~DeafListener() {
-    for (const int descriptor : sockets_) close(descriptor);
-  }
-  std::uint16_t Port() const { return port_; }
-
- private:
-  static int Socket() { return socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); }
-  std::array<int, 5> sockets_{Socket(), Socket(), Socket(), Socket(), Socket()};
-  std::uint16_t port_;
-};
-
 TEST_F(LoaderTest, AServerThatDoesNotPickUpIsGivenUpAfterFiveSeconds) {
-  DeafListener deaf;
-  discovery.ServeAt(deaf.Port());
+  // Its queue is full: the kernel drops whoever knocks.
+  const QByteArray any = SocketAddressV4("127.0.0.1", 0);
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  std::array<int, 5> sockets;
+  for (int& one : sockets) one = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  bind(sockets[0], reinterpret_cast<const sockaddr*>(any.constData()), size);
+  listen(sockets[0], 0);
+  getsockname(sockets[0], reinterpret_cast<sockaddr*>(&address), &size);
+  for (std::size_t i = 1; i < sockets.size(); ++i)
+    connect(sockets[i], reinterpret_cast<const sockaddr*>(&address), size);
+
+  discovery.ServeAt(ntohs(address.sin_port));
   link.second = 60ms;
   EXPECT_EQ(ConnectAgain(), -4);
   EXPECT_GE(observed.took, 5 * link.second);
   EXPECT_FALSE(link.shared);
+  for (const int descriptor : sockets) close(descriptor);
 }
 
 // --- A Server that an administrator named.
@@ -281,27 +254,22 @@ TEST_F(LoaderTest, APinnedServerIsNotSearchedFor) {
   link.pinnedServer = [&] { return QStringLiteral("127.0.0.1:%1").arg(peer.Port()); };
   EXPECT_EQ(ConnectAgain(), 0);
   EXPECT_TRUE(discovery.searches.empty());
-  EXPECT_EQ(observed.out, "Address 0 is: 1.0.0.127\n");
+  EXPECT_EQ(observed.out, kAddress);
 
   link.pinnedServer = [] { return QStringLiteral("no..name:80"); };
   EXPECT_EQ(ConnectAgain(), -1);
   EXPECT_EQ(observed.out.substr(0, 32), "CFNetServiceResolve failed (err ");
-}
 
-TEST_F(LoaderTest, APinThatIsNoneCountsAsAbsent) {
+  // What is no pin counts as absent.
   discovery.ServeAt(peer.Port());
   link.pinnedServer = [] { return QStringLiteral("somewhere"); };
   EXPECT_EQ(ConnectAgain(), 0);
-  EXPECT_EQ(discovery.resolved.size(), 1u);
   EXPECT_EQ(observed.err,
             "VARDELL ERROR: The preference \"Server\" must be host:port, not \"somewhere\"; "
             "looking for a Server on the network instead\n");
-  for (const std::optional<QString>& nothing :
-       {std::optional<QString>(), std::optional(QString())}) {
-    link.pinnedServer = [&] { return nothing; };
-    EXPECT_EQ(ConnectAgain(), 0);
-    EXPECT_EQ(observed.err, "");
-  }
+  link.pinnedServer = [] { return QString(); };
+  EXPECT_EQ(ConnectAgain(), 0);
+  EXPECT_EQ(observed.err, "");
 }
 
 // --- The pair to this machine's kill listener.

@@ -20,7 +20,7 @@
 #include "link/Frame.h"
 #include "link/MessageEncoding.h"
 
-namespace vardell::server::test {
+namespace vardell::test {
 
 inline QByteArray FrameOf(RequestKind kind, const QByteArray& payload) {
   std::uint32_t reserved = 0;
@@ -115,4 +115,4 @@ class Client {
   bool connected_ = false;
 };
 
-}  // namespace vardell::server::test
+}  // namespace vardell::test

@@ -11,7 +11,7 @@
 #include "tests/server/Client.h"
 #include "tests/server/HouseholdFixture.h"
 #include "tests/server/NetworkThread.h"
-#include "tests/server/OtherUsers.h"
+#include "tests/support/OtherUsers.h"
 
 namespace vardell::server {
 namespace {

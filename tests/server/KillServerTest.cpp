@@ -10,7 +10,7 @@
 #include "Common Sources/Caps.h"
 #include "tests/server/Client.h"
 #include "tests/server/NetworkThread.h"
-#include "tests/server/OtherUsers.h"
+#include "tests/support/OtherUsers.h"
 #include "tests/support/Waiting.h"
 
 namespace vardell::server {
@@ -64,7 +64,7 @@ class KillServerTest : public testing::Test {
       const std::lock_guard lock(mutex_);
       return items;
     };
-    vardell::test::WaitUntil([&] { return copy().size() >= count; });
+    test::WaitUntil([&] { return copy().size() >= count; });
     return copy();
   }
   std::vector<Request> Requests(std::size_t count) { return Await(requests_, count); }

@@ -8,7 +8,7 @@
 #include <future>
 #include <thread>
 
-namespace vardell::server::test {
+namespace vardell::test {
 
 class NetworkThread {
  public:
@@ -35,4 +35,4 @@ class NetworkThread {
   std::thread thread_;
 };
 
-}  // namespace vardell::server::test
+}  // namespace vardell::test

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/server/OtherUsers.h"
+#include "tests/support/OtherUsers.h"
 
 namespace vardell::server {
 namespace {

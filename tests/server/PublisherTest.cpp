@@ -55,13 +55,13 @@ class States {
 class Agents {
  public:
   bool See(const QString& name) {
-    return vardell::test::WaitUntil([&] {
+    return test::WaitUntil([&] {
       discovery_.Run(50ms);
       return seen_.count(name) == 1;
     });
   }
   bool SeeNoMore(const QString& name) {
-    return vardell::test::WaitUntil([&] {
+    return test::WaitUntil([&] {
       discovery_.Run(50ms);
       return seen_.count(name) == 0;
     });

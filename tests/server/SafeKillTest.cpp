@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ostream>
 
-#include "tests/server/OtherUsers.h"
+#include "tests/support/OtherUsers.h"
 
 namespace vardell::server {
 

@@ -16,7 +16,7 @@ namespace {
 
 using test::Client;
 using test::FrameOf;
-using vardell::test::Program;
+using test::Program;
 
 const QString kCredit = QStringLiteral("Credit");
 const QString kEnabled = QStringLiteral("Enabled");
@@ -61,7 +61,7 @@ class ServerProgramTest : public testing::Test {
     server_ = Program(Command(),
                       {.environment = {{"VARDELL_TEST_SECOND_MS", second}}, .output = Path("log")});
     const QString ready = QStringLiteral("answering agents at 127.0.0.1:");
-    ASSERT_TRUE(vardell::test::WaitUntil(
+    ASSERT_TRUE(test::WaitUntil(
         [&] { return server_.Output().contains(ready) || !server_.IsRunning(); }));
     ASSERT_TRUE(server_.Output().contains(ready));
     const auto found = QRegularExpression(QStringLiteral("answering agents at 127.0.0.1:(\\d+)"))
@@ -176,7 +176,7 @@ TEST_F(ServerProgramTest, AClientThatNeverReadsIsClosed) {
   const Client greedy(port_);
   const Client agent(port_);
   const QByteArray many = FetchFrame().repeated(100);
-  EXPECT_TRUE(vardell::test::WaitUntil([&] {
+  EXPECT_TRUE(test::WaitUntil([&] {
     bool isOpen = true;
     for (int i = 0; i < 100 && isOpen; ++i) isOpen = greedy.SendSome(many);
     return !isOpen || server_.Output().contains(QStringLiteral("does not read"));
@@ -236,7 +236,7 @@ TEST_F(ServerProgramTest, KillOnlyNeedsNoStore) {
   EXPECT_FALSE(server_.Output().contains(QStringLiteral("answering agents")));
 }
 
-void ExpectOneLine(const vardell::test::Finished& finished, int status, const char* says) {
+void ExpectOneLine(const test::Finished& finished, int status, const char* says) {
   EXPECT_EQ(finished.status, status) << says;
   EXPECT_TRUE(finished.output.contains(QLatin1String(says))) << qPrintable(finished.output);
   EXPECT_EQ(finished.output.count(QLatin1Char('\n')), 1) << qPrintable(finished.output);
@@ -246,19 +246,19 @@ void ExpectOneLine(const vardell::test::Finished& finished, int status, const ch
 TEST_F(ServerProgramTest, SaysInOneLineWhyItDoesNotStart) {
   auto misused = Command();
   misused.push_back("--frobnicate");
-  ExpectOneLine(vardell::test::Run(misused, {}), 2, "--frobnicate");
+  ExpectOneLine(test::Run(misused, {}), 2, "--frobnicate");
 
   auto noFolder = Command();
   noFolder[4] = Path("no/such/store.sqlite");
-  ExpectOneLine(vardell::test::Run(noFolder, {}), 1, "make its folder");
+  ExpectOneLine(test::Run(noFolder, {}), 1, "make its folder");
 
-  ExpectOneLine(vardell::test::Run(Command("192.0.2.1:0"), {}), 1, "--listen");
+  ExpectOneLine(test::Run(Command("192.0.2.1:0"), {}), 1, "--listen");
 
   StartServer();
-  ExpectOneLine(vardell::test::Run(Command(), {}), 1, "in use by another program");
+  ExpectOneLine(test::Run(Command(), {}), 1, "in use by another program");
   auto other = Command("127.0.0.1:" + std::to_string(port_));
   other[4] = Path("other.sqlite");
-  ExpectOneLine(vardell::test::Run(other, {}), 1, "in use");
+  ExpectOneLine(test::Run(other, {}), 1, "in use");
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <cstdlib>
 
 #include "server/SafeKill.h"
-#include "tests/server/OtherUsers.h"
+#include "tests/support/OtherUsers.h"
 #include "tests/support/Program.h"
 
 namespace vardell::server {
@@ -19,8 +19,8 @@ namespace {
 using test::kAnna;
 using test::kBert;
 using test::Sleeper;
-using vardell::test::Program;
-using vardell::test::WaitUntil;
+using test::Program;
+using test::WaitUntil;
 
 // A system bus of the test's own, and login1 on it when asked for. libdbus takes the address once
 // in a process, so that the steps below, from no bus at all to a silent login1, share it.

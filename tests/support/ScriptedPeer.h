@@ -1,6 +1,7 @@
-// A peer on 127.0.0.1 that does to each connection what the test's script says: answer, lie, cut,
-// reset, fall silent. Each connection has a thread of its own; every call of a script waits in
-// poll(2) and gives up when the peer goes, so that nothing hangs when a test fails.
+// A peer on 127.0.0.1, or on a socket file, that does to each connection what the test's script
+// says: answer, lie, cut, reset, fall silent. Each connection has a thread of its own; every call
+// of a script waits in poll(2) and gives up when the peer goes, so that nothing hangs when a test
+// fails.
 #pragma once
 
 #include <arpa/inet.h>
@@ -9,10 +10,14 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <QByteArray>
+#include <QFile>
+#include <QString>
 #include <QtEndian>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -43,8 +48,21 @@ class PeerConnection {
     const QByteArray length = ReadBytes(4);
     if (length.size() < 4) return {};
     QByteArray frame = length + ReadBytes(qFromBigEndian<std::uint32_t>(length.constData()) - 4);
-    if (recorded) recorded(frame);
+    recorded(frame);
     return frame;
+  }
+
+  // Fewer where the other side or the peer goes before.
+  QByteArray ReadBytes(std::int64_t wanted) {
+    QByteArray bytes;
+    while (bytes.size() < wanted && Ready(POLLIN)) {
+      char chunk[4096];
+      const auto most = std::min<std::int64_t>(wanted - bytes.size(), sizeof chunk);
+      const ssize_t count = recv(descriptor_, chunk, static_cast<std::size_t>(most), 0);
+      if (count <= 0) break;
+      bytes.append(chunk, count);
+    }
+    return bytes;
   }
 
   // False when not all of it could be sent any more.
@@ -95,24 +113,12 @@ class PeerConnection {
     descriptor_ = -1;
   }
 
-  std::function<void(const QByteArray&)> recorded;
+  std::function<void(const QByteArray&)> recorded;  // a request that was read
 
  private:
   bool Ready(short events) {
     pollfd polled[] = {{descriptor_, events, 0}, {stop_, POLLIN, 0}};
     return descriptor_ >= 0 && poll(polled, 2, -1) > 0 && polled[1].revents == 0;
-  }
-
-  QByteArray ReadBytes(std::int64_t wanted) {
-    QByteArray bytes;
-    while (bytes.size() < wanted && Ready(POLLIN)) {
-      char chunk[4096];
-      const auto most = std::min<std::int64_t>(wanted - bytes.size(), sizeof chunk);
-      const ssize_t count = recv(descriptor_, chunk, static_cast<std::size_t>(most), 0);
-      if (count <= 0) break;
-      bytes.append(chunk, count);
-    }
-    return bytes;
   }
 
   int descriptor_;
@@ -124,7 +130,8 @@ class ScriptedPeer {
   using Script = std::function<void(PeerConnection&)>;
 
   // The first connection gets the first script, and so on; the last script serves all further ones.
-  explicit ScriptedPeer(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
+  explicit ScriptedPeer(std::vector<Script> scripts, const QString& path = {})
+      : scripts_(std::move(scripts)), listener_(Listen(path)) {
     acceptor_ = std::thread([this] { Accept(); });
   }
   ~ScriptedPeer() {
@@ -139,7 +146,7 @@ class ScriptedPeer {
 
   std::uint16_t Port() const { return port_; }
 
-  // All request frames that scripts have read so far.
+  // All requests that scripts have read so far.
   std::vector<QByteArray> Frames() const {
     const std::lock_guard lock(mutex_);
     return frames_;
@@ -156,17 +163,24 @@ class ScriptedPeer {
   }
 
  private:
-  int Listen() {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* plain = reinterpret_cast<sockaddr*>(&address);
+  int Listen(const QString& path) {
+    sockaddr_storage address{};
     socklen_t size = sizeof address;
-    if (bind(listener, plain, size) != 0 || listen(listener, 16) != 0 ||
+    if (path.isEmpty()) {
+      auto& in = reinterpret_cast<sockaddr_in&>(address);
+      in = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    } else {
+      auto& un = reinterpret_cast<sockaddr_un&>(address);
+      un.sun_family = AF_UNIX;
+      std::ranges::copy(QFile::encodeName(path), un.sun_path);
+    }
+    auto* plain = reinterpret_cast<sockaddr*>(&address);
+    const int listener = socket(plain->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const socklen_t room = path.isEmpty() ? sizeof(sockaddr_in) : sizeof(sockaddr_un);
+    if (bind(listener, plain, room) != 0 || listen(listener, 16) != 0 ||
         getsockname(listener, plain, &size) != 0)
       throw std::runtime_error("the scripted peer cannot listen");
-    port_ = ntohs(address.sin_port);
+    port_ = ntohs(reinterpret_cast<sockaddr_in*>(plain)->sin_port);
     return listener;
   }
 
@@ -196,7 +210,7 @@ class ScriptedPeer {
   const std::vector<Script> scripts_;
   int stop_ = eventfd(0, EFD_CLOEXEC);
   std::uint16_t port_ = 0;
-  int listener_ = Listen();
+  int listener_;
   std::thread acceptor_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;

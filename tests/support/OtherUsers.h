@@ -9,7 +9,7 @@
 
 #include <functional>
 
-namespace vardell::server::test {
+namespace vardell::test {
 
 inline constexpr uid_t kAnna = 4242;
 inline constexpr uid_t kBert = 4343;
@@ -77,4 +77,4 @@ class Sleeper {
   pid_t pid_ = 0;
 };
 
-}  // namespace vardell::server::test
+}  // namespace vardell::test
