@@ -5,6 +5,7 @@
 
 #include "Common Sources/Caps.h"
 #include "control/LimitsKeys.h"
+#include "limits/WatchedApps.h"
 
 namespace vardell::control {
 namespace {
@@ -72,6 +73,12 @@ QString NameProblem(const QString& what, const QString& name) {
   return {};
 }
 
+QString IdentifierOf(const QString& word) {
+  if (word == QLatin1String("computer")) return QLatin1String(kLoginWindowIdentifier);
+  if (word == QLatin1String("home")) return QLatin1String(kGlobalSettingsIdentifier);
+  return word;
+}
+
 QString TakeNames(const QStringList& words, Command* command) {
   if (!words.isEmpty()) {
     command->user = words[0];
@@ -81,8 +88,7 @@ QString TakeNames(const QStringList& words, Command* command) {
     }
   }
   if (words.size() > 1) {
-    command->identifier =
-        words[1] == QLatin1String("computer") ? QStringLiteral("com.apple.loginwindow") : words[1];
+    command->identifier = IdentifierOf(words[1]);
     return NameProblem(QStringLiteral("identifier"), words[1]);
   }
   return {};
@@ -217,17 +223,19 @@ QString HelpText() {
   for (const Shape& shape : kShapes) {
     text += QStringLiteral("  %1\n").arg(QLatin1String(shape.usage));
   }
-  return text + QStringLiteral(
-                    "\nIDENTIFIER is an application's desktop file name without \".desktop\", or "
-                    "\"computer\"\nfor the whole session. Limits keys: %1.\n"
-                    "Curfew hours are minutes of the day or times: \"WD start=08:00\".\n\n"
-                    "  --json          print JSON\n"
-                    "  --control PATH  the Server's control socket "
-                    "(default /run/vardell/control.sock)\n"
-                    "  --help, --version\n\n"
-                    "Exit status: 0 done, 1 refused or failed, 2 wrong use, "
-                    "3 the Server cannot be reached.\n")
-                    .arg(LimitsKeys().join(QStringLiteral(", ")));
+  return text +
+         QStringLiteral(
+             "\nIDENTIFIER is an application's desktop file name without \".desktop\", or "
+             "\"computer\"\nfor the whole session, or \"home\" for the home folder (\"DQ Enabled\" "
+             "and \"DQ Value\" in MiB).\nLimits keys: %1.\n"
+             "Curfew hours are minutes of the day or times: \"WD start=08:00\".\n\n"
+             "  --json          print JSON\n"
+             "  --control PATH  the Server's control socket "
+             "(default /run/vardell/control.sock)\n"
+             "  --help, --version\n\n"
+             "Exit status: 0 done, 1 refused or failed, 2 wrong use, "
+             "3 the Server cannot be reached.\n")
+             .arg(LimitsKeys().join(QStringLiteral(", ")));
 }
 
 }  // namespace vardell::control

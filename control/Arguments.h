@@ -14,9 +14,9 @@ enum class Verb { Help, Version, Status, LimitsShow, LimitsSet, CreditShow, Cred
 
 struct Command {
   Verb verb = Verb::Help;
-  QString user;        // empty: of all users
-  QString identifier;  // empty: all of the user's; "computer" has become "com.apple.loginwindow"
-  QJsonObject limits;  // for LimitsSet: never empty
+  QString user;              // empty: of all users
+  QString identifier;        // empty: all of the user's; "computer" and "home" are resolved
+  QJsonObject limits;        // for LimitsSet: never empty
   std::int64_t minutes = 0;  // for CreditSet
   QString id;                // for CreditSet: made up where --id does not say
   QString reason;

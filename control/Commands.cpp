@@ -4,6 +4,7 @@
 #include <QUrl>
 
 #include "control/Tables.h"
+#include "limits/WatchedApps.h"
 
 namespace vardell::control {
 namespace {
@@ -143,7 +144,8 @@ HttpRequest ChangeRequest(const Command& command, const Answer& current) {
   QJsonObject keys = command.limits;
   if (current.status == 404) {
     request.headers.emplace_back("If-None-Match", "*");
-    if (!keys.contains(QStringLiteral("Enabled"))) {
+    const bool isHome = command.identifier == QLatin1String(kGlobalSettingsIdentifier);
+    if (!isHome && !keys.contains(QStringLiteral("Enabled"))) {
       keys.insert(QStringLiteral("Enabled"), true);
     }
   } else {

@@ -138,6 +138,7 @@ TEST(Vardellctl, AChangeThatIsForestalledIsTriedAnewAndThenGivenUp) {
 
 TEST(Vardellctl, IdentifiersAreEncodedInTargets) {
   const std::pair<const char*, const char*> rows[] = {{"computer", "com.apple.loginwindow"},
+                                                      {"home", "com.brenwick.globalSettings"},
                                                       {"a/b c?d#e%", "a%2Fb%20c%3Fd%23e%25"},
                                                       {"..", "%2E%2E"},
                                                       {"spiël", "spi%C3%ABl"}};
