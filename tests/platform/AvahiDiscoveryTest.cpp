@@ -7,12 +7,12 @@
 #include <avahi-common/thread-watch.h>
 #include <gtest/gtest.h>
 
-#include <QFile>
 #include <QString>
 #include <algorithm>
 #include <atomic>
 #include <memory>
 
+#include "tests/support/AvahiDaemon.h"
 #include "tests/support/Waiting.h"
 
 namespace vardell {
@@ -23,28 +23,6 @@ using test::WaitUntil;
 
 constexpr std::uint16_t kPort = 4711;
 constexpr char kType[] = "_vardelltest._tcp";
-
-void TellDesktop(int signal) {
-  kill(qEnvironmentVariableIntValue("VARDELL_DESKTOP_PID"), signal);
-}
-constexpr int kStopDaemon = SIGUSR2;
-constexpr int kStartDaemon = SIGUSR1;
-
-// The daemon stands still for as long as this lives.
-class FrozenDaemon {
- public:
-  FrozenDaemon() {
-    QFile file(qEnvironmentVariable("VARDELL_DESKTOP_DIR") + QStringLiteral("/avahi.pid"));
-    pid_ = file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
-    EXPECT_TRUE(pid_ > 1 && kill(pid_, SIGSTOP) == 0);
-  }
-  ~FrozenDaemon() {
-    if (pid_ > 1) kill(pid_, SIGCONT);
-  }
-
- private:
-  pid_t pid_ = 0;
-};
 
 // Publishes services from a thread of its own while it lives.
 class Publication {
@@ -121,10 +99,11 @@ class AvahiDiscoveryTest : public testing::Test {
     Search();
     ASSERT_TRUE(RunUntil("Household", true));
   }
-  bool IsKnown(const char* name) const {
-    return std::any_of(services.begin(), services.end(),
-                       [&](const NetService& one) { return one.name == Text(name); });
+  std::vector<NetService>::const_iterator Find(const char* name) const {
+    return std::find_if(services.begin(), services.end(),
+                        [&](const NetService& one) { return one.name == Text(name); });
   }
+  bool IsKnown(const char* name) const { return Find(name) != services.end(); }
 
   template <typename Call>
   static std::chrono::milliseconds Duration(Call call) {
@@ -162,29 +141,25 @@ TEST_F(AvahiDiscoveryTest, FindsAServiceThroughTheDomainItIsIn) {
   EXPECT_TRUE(services[0].isLocal);
 }
 
-TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytes) {
-  const Publication published;
-  ASSERT_NO_FATAL_FAILURE(FindHousehold());
-  const ResolvedService resolved = discovery.Resolve(services[0], 5s);
-  ASSERT_EQ(resolved.error, 0) << avahi_strerror(resolved.error);
-  EXPECT_EQ(resolved.targetHost, Text("vardell-desktop.local"));
-  ASSERT_EQ(resolved.addresses.size(), 1u);
-  const sockaddr_in expected{AF_INET, htons(kPort), {htonl(INADDR_LOOPBACK)}, {}};
-  EXPECT_EQ(resolved.addresses[0],
-            QByteArray(reinterpret_cast<const char*>(&expected), sizeof expected));
-  services[0].interfaceIndex = 99'999;  // gone since
-  EXPECT_EQ(discovery.Resolve(services[0], 5s).error, 0);
-}
-
-TEST_F(AvahiDiscoveryTest, KeepsNamesAsTheyAre) {
-  const std::vector<const char*> names = {"Büro · 家 \\ \"q\" & <b>", "a.b\\.c\\032d", " %1%s "};
+TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytesWhateverTheName) {
+  const std::vector<const char*> names = {"Household", "Büro · 家 \\ \"q\" & <b>", "a.b\\.c\\032d",
+                                          " %1%s "};
   const Publication published(names);
+  const sockaddr_in expected{AF_INET, htons(kPort), {htonl(INADDR_LOOPBACK)}, {}};
   Search();
   for (const char* name : names) {
-    ASSERT_TRUE(RunUntil(name, true)) << name;
-    const auto found = std::find_if(services.begin(), services.end(),
-                                    [&](const NetService& one) { return one.name == Text(name); });
-    EXPECT_EQ(discovery.Resolve(*found, 5s).error, 0) << name;
+    SCOPED_TRACE(name);
+    ASSERT_TRUE(RunUntil(name, true));
+    NetService service = *Find(name);
+    for (const int interface : {service.interfaceIndex, 99'999}) {  // gone since
+      service.interfaceIndex = interface;
+      const ResolvedService resolved = discovery.Resolve(service, 5s);
+      ASSERT_EQ(resolved.error, 0) << avahi_strerror(resolved.error);
+      EXPECT_EQ(resolved.targetHost, Text("vardell-desktop.local"));
+      ASSERT_EQ(resolved.addresses.size(), 1u);
+      EXPECT_EQ(resolved.addresses[0],
+                QByteArray(reinterpret_cast<const char*>(&expected), sizeof expected));
+    }
   }
 }
 
@@ -242,7 +217,7 @@ TEST_F(AvahiDiscoveryTest, WithoutABusSearchesDoNotStart) {
 TEST_F(AvahiDiscoveryTest, AFrozenDaemonHoldsNobodyUp) {
   const Publication published;
   ASSERT_NO_FATAL_FAILURE(FindHousehold());
-  const FrozenDaemon frozen;
+  const test::FrozenAvahi frozen;
   std::unique_ptr<NetServiceBrowser> domains;
   ResolvedService resolved;
   EXPECT_LT(Duration([&] { domains = discovery.SearchForDomains([](auto, auto&) {}); }), 2s);
@@ -261,7 +236,7 @@ TEST_F(AvahiDiscoveryTest, SearchesGoOnWithADaemonThatWasRestarted) {
     ++(flags & kNetServiceFlagRemove ? domainsRemoved : domainsAdded);
   }));
   ASSERT_NO_FATAL_FAILURE(FindHousehold());
-  TellDesktop(kStopDaemon);
+  test::StopAvahi();
   ResolvedService resolved;
   EXPECT_LT(Duration([&] { resolved = discovery.Resolve(Nobody(), 3s); }), 3s)
       << "it dies under it";
@@ -275,7 +250,7 @@ TEST_F(AvahiDiscoveryTest, SearchesGoOnWithADaemonThatWasRestarted) {
             }),
             1s);
   published.reset();
-  TellDesktop(kStartDaemon);
+  test::StartAvahi();
   ASSERT_TRUE(WaitUntil(AnyDaemon));
   const Publication again({"After"});
   EXPECT_TRUE(RunUntil("After", true));

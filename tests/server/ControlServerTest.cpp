@@ -16,10 +16,7 @@
 namespace vardell::server {
 namespace {
 
-using test::AsUser;
-using test::Client;
-using test::kAnna;
-using test::NetworkThread;
+using namespace test;
 
 constexpr std::chrono::milliseconds kShort{150};
 constexpr char kEnd[] = "}\n";  // of an answer's body
@@ -28,6 +25,11 @@ QByteArray Request(const QByteArray& line, const QByteArray& body = {},
                    const QByteArray& headers = {}) {
   return line + " HTTP/1.1\r\nHost: localhost\r\n" + headers +
          "Content-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+}
+
+QByteArray Ask(const Client& client, const QByteArray& request) {
+  client.Send(request);
+  return client.ReadUntil(kEnd);
 }
 
 class ControlServerTest : public HouseholdFixture {
@@ -80,12 +82,13 @@ TEST_F(ControlServerTest, AnswersOneRequestAfterTheOtherWithTheirHeaders) {
   }
   const Client client(Path());
   const QByteArray target = "/v1/users/anna/limits/x%2Fy";
-  client.Send(Request("PATCH " + target, R"({"limits":{"Credit":5}})", "If-None-Match: *\r\n"));
-  EXPECT_TRUE(client.ReadUntil(kEnd).contains("201 Created"));
-  client.Send(Request("PATCH " + target, R"({"limits":{"WD start":6}})", "If-Match: \"1\"\r\n"));
-  EXPECT_TRUE(client.ReadUntil(kEnd).contains("ETag: \"2\""));
-  client.Send(Request("DELETE " + target));
-  EXPECT_TRUE(client.ReadUntil(kEnd).contains("Allow: GET, PATCH\r\n"));
+  EXPECT_TRUE(
+      Ask(client, Request("PATCH " + target, R"({"limits":{"Credit":5}})", "If-None-Match: *\r\n"))
+          .contains("201 Created"));
+  EXPECT_TRUE(
+      Ask(client, Request("PATCH " + target, R"({"limits":{"WD start":6}})", "If-Match: \"1\"\r\n"))
+          .contains("ETag: \"2\""));
+  EXPECT_TRUE(Ask(client, Request("DELETE " + target)).contains("Allow: GET, PATCH\r\n"));
 }
 
 TEST_F(ControlServerTest, WhoAsksIsWhatTheKernelSays) {
@@ -101,10 +104,10 @@ TEST_F(ControlServerTest, WhoAsksIsWhatTheKernelSays) {
   AsUser(kAnna, [&] {
     const Client client(Path());
     ASSERT_TRUE(client.IsConnected()) << "everybody may connect";
-    client.Send(Request("GET /v1/users/anna/limits"));
-    EXPECT_TRUE(client.ReadUntil(kEnd).startsWith("HTTP/1.1 200 "));
-    client.Send(Request("GET /v1/users/ben/limits", {}, "X-User: ben\r\nAuthorization: root\r\n"));
-    EXPECT_TRUE(client.ReadUntil(kEnd).startsWith("HTTP/1.1 403 "));
+    EXPECT_TRUE(Ask(client, Request("GET /v1/users/anna/limits")).startsWith("HTTP/1.1 200 "));
+    EXPECT_TRUE(Ask(client, Request("GET /v1/users/ben/limits", {},
+                                    "X-User: ben\r\nAuthorization: root\r\n"))
+                    .startsWith("HTTP/1.1 403 "));
   });
 }
 
@@ -146,23 +149,19 @@ TEST_F(ControlServerTest, SlowClientsAreClosedAndHoldUpNobody) {
   options.idleLimit = kShort;
   options.requestLimit = kShort;
   Start(options);
-  const struct {
-    const char* what;
-    QByteArray bytes;
-  } kRows[] = {
+  const std::pair<const char*, QByteArray> kRows[] = {
       {"says nothing", {}},
       {"stops in the header", "GET /v1/status HT"},
       {"stops in the body", "PUT /x HTTP/1.1\r\nContent-Length: 10\r\n\r\n123"},
       {"stops in the next request", Request("GET /v1/status") + "GET"},
   };
   std::list<Client> slow;
-  for (const auto& row : kRows) slow.emplace_back(Path()).Send(row.bytes);
+  for (const auto& [what, bytes] : kRows) slow.emplace_back(Path()).Send(bytes);
   const Client quick(Path());
-  quick.Send(Request("GET /v1/status"));
-  EXPECT_TRUE(quick.ReadUntil(kEnd).startsWith("HTTP/1.1 200 "));
-  for (const auto& row : kRows) {
+  EXPECT_TRUE(Ask(quick, Request("GET /v1/status")).startsWith("HTTP/1.1 200 "));
+  for (const auto& [what, bytes] : kRows) {
     (void)slow.front().ReadUntil("never sent");
-    EXPECT_TRUE(slow.front().IsClosedByServer()) << row.what;
+    EXPECT_TRUE(slow.front().IsClosedByServer()) << what;
     slow.pop_front();
   }
 }
@@ -171,16 +170,15 @@ TEST_F(ControlServerTest, EachUserHasAShareOfTheConnections) {
   Start();
   std::list<Client> held;
   for (std::size_t i = 0; i < kMaxControlConnectionsOfUser; ++i) {
-    held.emplace_back(Path()).Send(Request("GET /v1/users"));
-    EXPECT_FALSE(held.back().ReadUntil(kEnd).isEmpty());
+    EXPECT_FALSE(Ask(held.emplace_back(Path()), Request("GET /v1/users")).isEmpty());
   }
   EXPECT_TRUE(Client(Path()).IsClosedByServer());
   if (geteuid() != 0) return (void)std::printf("not root: another user's share is not tried\n");
   chmod(QFile::encodeName(folder_.path()).constData(), 0755);
   AsUser(kAnna, [&] {
     const Client other(Path());
-    other.Send(Request("GET /v1/users"));
-    EXPECT_TRUE(other.ReadUntil(kEnd).startsWith("HTTP/1.1 200 ")) << "another user's share";
+    EXPECT_TRUE(Ask(other, Request("GET /v1/users")).startsWith("HTTP/1.1 200 "))
+        << "another user's share";
   });
 }
 

@@ -46,6 +46,15 @@ class HouseholdFixture : public testing::Test {
   void Limit(const QVariantMap& keys) { Limit(keys, game_, anna_); }
 
   void At(int second) { sinceBoot_ = std::chrono::seconds(second); }
+  // At `second`.
+  void Launch(int second) {
+    At(second);
+    Start();
+  }
+  void Report(int second, std::int32_t claimed) {
+    At(second);
+    Report(claimed);
+  }
   void Start() { household_->ApplicationStarted(connection_, anna_, game_); }
   void Report(std::int32_t claimed) {
     household_->CreditReport(connection_, anna_, game_, claimed);

@@ -25,8 +25,7 @@ class HouseholdTest : public HouseholdFixture {
     EXPECT_EQ(Fetch(), 2);
     const std::int32_t claims[] = {1, 0, -1};
     for (int i = 0; i < 3; ++i) {
-      At(1 + 60 * i);
-      Report(claims[i]);
+      Report(1 + 60 * i, claims[i]);
       between();
       EXPECT_EQ(Fetch(), std::max(claims[i], 0));
     }
@@ -44,7 +43,7 @@ class HouseholdTest : public HouseholdFixture {
   }
 };
 
-TEST_F(HouseholdTest, SpendingIsInTheLedgerReportByReport) {
+TEST_F(HouseholdTest, SpendingIsInTheLedgerReportByReportAndCountedAsUseOfItsDay) {
   Limit({{kCredit, 2}});
   SpendTwoMinutes();
   EXPECT_EQ(LedgerText(),
@@ -52,18 +51,26 @@ TEST_F(HouseholdTest, SpendingIsInTheLedgerReportByReport) {
   EXPECT_EQ(Ledger()[0].actor, root_.name);
   EXPECT_EQ(Ledger()[1].host, QStringLiteral("local"));
   EXPECT_EQ(Ledger()[1].time, now_);
+  now_ = now_.addDays(1);
+  Limit({{kCredit, 5}});
+  Launch(500);
+  (void)Fetch();
+  Report(501, 4);
+  const QVariantMap expected{{QStringLiteral("5-3-2009"), qlonglong{2}},
+                             {QStringLiteral("6-3-2009"), qlonglong{1}}};
+  EXPECT_EQ(household_->UsageByDay(connection_, anna_, game_), expected);
+  Open();
+  EXPECT_EQ(household_->UsageByDay(connection_, anna_, game_), expected);
 }
 
 TEST_F(HouseholdTest, GraceAndALostReportAreRowsOfTheirOwn) {
   Limit({{kEnabled, true}});
   Start();
   EXPECT_EQ(Fetch(), 0);
-  At(1);
-  Report(0);
+  Report(1, 0);
   EXPECT_EQ(household_->UsageByDay(connection_, anna_, game_).value(QStringLiteral("5-3-2009")), 1);
   Limit({{kCredit, 9}});
-  At(300);
-  Start();
+  Launch(300);
   EXPECT_EQ(Fetch(), 9);
   At(361);
   EXPECT_EQ(Fetch(), 8);
@@ -78,42 +85,20 @@ TEST_F(HouseholdTest, SpendingGoesOnAcrossARestartOfTheServer) {
     ++connection_.id;
   });
   EXPECT_EQ(Credit(), 0);
-  At(300);
-  Start();
+  Launch(300);
   EXPECT_EQ(Fetch(), kSpentCredit) << "what is spent stays spent";
-}
-
-TEST_F(HouseholdTest, SpendingIsCountedAsUseOfItsDay) {
-  Limit({{kCredit, 2}});
-  SpendTwoMinutes();
-  now_ = now_.addDays(1);
-  Limit({{kCredit, 5}});
-  At(500);
-  Start();
-  (void)Fetch();
-  At(501);
-  Report(4);
-  const QVariantMap expected{{QStringLiteral("5-3-2009"), qlonglong{2}},
-                             {QStringLiteral("6-3-2009"), qlonglong{1}}};
-  EXPECT_EQ(household_->UsageByDay(connection_, anna_, game_), expected);
-  Open();
-  EXPECT_EQ(household_->UsageByDay(connection_, anna_, game_), expected);
 }
 
 TEST_F(HouseholdTest, ARebootForgetsWhatWasPaid) {
   Limit({{kCredit, 9}});
-  At(1000);
-  Start();
+  Launch(1000);
   (void)Fetch();
-  At(1001);
-  Report(8);
+  Report(1001, 8);
   bootId_ = QStringLiteral("boot-2");
   Open();
-  At(30);
-  Start();
+  Launch(30);
   EXPECT_EQ(Fetch(), 8);
-  At(31);
-  Report(7);
+  Report(31, 7);
   EXPECT_EQ(Credit(), 7) << "a paidUntil of the old boot would make this minute free";
 }
 
@@ -168,8 +153,7 @@ TEST_F(HouseholdTest, EachConnectionClaimsAgainstWhatItWasHanded) {
   Start();
   (void)Fetch();
   household_->ConnectionClosed(connection_.id);
-  At(1);
-  Report(9);
+  Report(1, 9);
   EXPECT_EQ(Credit(), 8) << "what a closed connection was handed no longer counts";
 }
 
@@ -217,8 +201,7 @@ TEST_F(HouseholdTest, AgentsAreAnsweredWhileTheDiskFailsAndNothingIsLost) {
   {
     const FullDisk full;
     for (int minute = 0; minute < 3; ++minute) {
-      At(1 + 60 * minute);
-      Report(8 - minute);
+      Report(1 + 60 * minute, 8 - minute);
       EXPECT_EQ(Fetch(), 8 - minute);
     }
     EXPECT_EQ(household_->SetCredit(root_, anna_, game_, 50, QStringLiteral("a"), {}).status,

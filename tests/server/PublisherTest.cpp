@@ -3,10 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <QFile>
 #include <condition_variable>
 #include <cstring>
 #include <map>
@@ -16,13 +13,13 @@
 
 #include "link/VardellLoader.h"
 #include "platform/linux/AvahiDiscovery.h"
+#include "tests/support/AvahiDaemon.h"
 #include "tests/support/Waiting.h"
 
 namespace vardell::server {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 // What a Publisher said of itself, and waiting for it.
 class States {
@@ -54,16 +51,10 @@ class States {
 
 class Agents {
  public:
-  bool See(const QString& name) {
+  bool See(const QString& name, bool known = true) {
     return test::WaitUntil([&] {
       discovery_.Run(50ms);
-      return seen_.count(name) == 1;
-    });
-  }
-  bool SeeNoMore(const QString& name) {
-    return test::WaitUntil([&] {
-      discovery_.Run(50ms);
-      return seen_.count(name) == 0;
+      return (seen_.count(name) == 1) == known;
     });
   }
   int PortOf(const QString& name) {
@@ -88,66 +79,35 @@ class Agents {
                                    });
 };
 
-void TellDesktop(int number) {
-  kill(qEnvironmentVariableIntValue("VARDELL_DESKTOP_PID"), number);
-}
-
-// The daemon stands still for as long as this lives.
-class FrozenDaemon {
- public:
-  FrozenDaemon() {
-    QFile file(qEnvironmentVariable("VARDELL_DESKTOP_DIR") + QStringLiteral("/avahi.pid"));
-    if (file.open(QIODevice::ReadOnly)) pid_ = file.readAll().trimmed().toInt();
-    EXPECT_GT(pid_, 0);
-    if (pid_ > 0) kill(pid_, SIGSTOP);
-  }
-  ~FrozenDaemon() {
-    if (pid_ > 0) kill(pid_, SIGCONT);
-  }
-
- private:
-  pid_t pid_ = 0;
-};
-
 TEST(Publisher, AgentsCanFindTheServiceAndItsPortUntilItEnds) {
   Agents agents;
-  States states;
   {
-    const Publisher publisher(40123, QStringLiteral("Test of the den"), states.Handler());
-    EXPECT_EQ(states.Await(), QStringLiteral("Test of the den"));
-    ASSERT_TRUE(agents.See(QStringLiteral("Test of the den")));
-    EXPECT_EQ(agents.PortOf(QStringLiteral("Test of the den")), 40123);
+    States first, second;
+    const Publisher one(40125, QString(), first.Handler());
+    const std::optional<QString> taken = first.Await();
+    ASSERT_TRUE(taken && taken->startsWith(QStringLiteral("Vardell on ")));
+    const Publisher two(40126, QString(), second.Handler());
+    const std::optional<QString> name = second.Await();
+    ASSERT_TRUE(name);
+    EXPECT_NE(*name, *taken) << "a taken name gives way to another";
+    ASSERT_TRUE(agents.See(*name));
+    EXPECT_EQ(agents.PortOf(*name), 40126);
   }
-  EXPECT_TRUE(agents.SeeNoMore(QStringLiteral("Test of the den")));
-}
-
-TEST(Publisher, ATakenNameGivesWayToAnother) {
-  Agents agents;
-  States first;
-  States second;
-  const Publisher one(40125, QString(), first.Handler());
-  const std::optional<QString> taken = first.Await();
-  ASSERT_TRUE(taken && taken->startsWith(QStringLiteral("Vardell on ")));
-  const Publisher two(40126, QString(), second.Handler());
-  const std::optional<QString> name = second.Await();
-  ASSERT_TRUE(name);
-  EXPECT_NE(*name, *taken);
-  ASSERT_TRUE(agents.See(*name));
-  EXPECT_EQ(agents.PortOf(*name), 40126);
-}
-
-TEST(Publisher, ANameTooLongIsCutBetweenCharacters) {
   States states;
-  const Publisher publisher(40127, QStringLiteral("x") + QString(40, QChar(0x00e9)),
-                            states.Handler());
-  EXPECT_EQ(states.Await(), QStringLiteral("x") + QString(31, QChar(0x00e9)));
+  const QString shortened = QStringLiteral("x") + QString(31, QChar(0x00e9));
+  {
+    const Publisher publisher(40127, shortened + QString(9, QChar(0x00e9)), states.Handler());
+    EXPECT_EQ(states.Await(), shortened) << "a name too long is cut between characters";
+    EXPECT_TRUE(agents.See(shortened));
+  }
+  EXPECT_TRUE(agents.See(shortened, false));
 }
 
 TEST(Publisher, IsBackAfterTheDaemonWasAway) {
   States states;
   const Publisher publisher(40128, QStringLiteral("Back again"), states.Handler());
   ASSERT_TRUE(states.Await());
-  TellDesktop(SIGUSR2);
+  test::StopAvahi();
   ASSERT_FALSE(states.Await(false));
   EXPECT_TRUE(states.LastMessage().contains(QStringLiteral("Waiting for the Avahi daemon")));
 
@@ -159,7 +119,7 @@ TEST(Publisher, IsBackAfterTheDaemonWasAway) {
     EXPECT_NE(std::string(error.what()).find("--no-publish"), std::string::npos) << error.what();
   }
 
-  TellDesktop(SIGUSR1);
+  test::StartAvahi();
   ASSERT_EQ(states.Await(), QStringLiteral("Back again"));
   EXPECT_TRUE(Agents().See(QStringLiteral("Back again")));
 }
@@ -168,12 +128,12 @@ TEST(Publisher, ADaemonThatStandsStillHoldsNobodyUp) {
   States states;
   std::optional<Publisher> publisher;
   {
-    const FrozenDaemon frozen;
-    const auto before = Clock::now();
+    const test::FrozenAvahi frozen;
+    const auto before = test::Clock::now();
     publisher.emplace(40130, QStringLiteral("Ends in the midst of a call"), states.Handler());
     publisher.reset();
     publisher.emplace(40131, QStringLiteral("Beginning"), states.Handler());
-    EXPECT_LT(Clock::now() - before, 6s);
+    EXPECT_LT(test::Clock::now() - before, 6s);
     EXPECT_TRUE(states.LastMessage().contains(QStringLiteral("does not answer")));
   }
   EXPECT_EQ(states.Await(), QStringLiteral("Beginning"));

@@ -61,8 +61,8 @@ class ServerProgramTest : public testing::Test {
     server_ = Program(Command(),
                       {.environment = {{"VARDELL_TEST_SECOND_MS", second}}, .output = Path("log")});
     const QString ready = QStringLiteral("answering agents at 127.0.0.1:");
-    ASSERT_TRUE(test::WaitUntil(
-        [&] { return server_.Output().contains(ready) || !server_.IsRunning(); }));
+    ASSERT_TRUE(
+        test::WaitUntil([&] { return server_.Output().contains(ready) || !server_.IsRunning(); }));
     ASSERT_TRUE(server_.Output().contains(ready));
     const auto found = QRegularExpression(QStringLiteral("answering agents at 127.0.0.1:(\\d+)"))
                            .match(server_.Output());
