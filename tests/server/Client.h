@@ -73,14 +73,14 @@ class Client {
     return text;
   }
   std::optional<QVariantMap> ReadDictionary() const {
-    QByteArray head;
-    QByteArray body;
-    while (head.size() < kReplyHeaderBytes && ReadSome(&head, kReplyHeaderBytes - head.size())) {
-    }
-    const qsizetype size = ReplyLength(head).value_or(0);
-    while (body.size() < size && ReadSome(&body, size - body.size())) {
-    }
-    const auto dictionary = ReadPropertyListXml(body);
+    const auto read = [this](qsizetype size) {
+      QByteArray bytes;
+      while (bytes.size() < size && ReadSome(&bytes, size - bytes.size())) {
+      }
+      return bytes;
+    };
+    const auto dictionary =
+        ReadPropertyListXml(read(ReplyLength(read(kReplyHeaderBytes)).value_or(0)));
     return dictionary ? std::optional(dictionary->toMap()) : std::nullopt;
   }
 

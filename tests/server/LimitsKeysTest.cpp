@@ -11,9 +11,9 @@ namespace {
 
 const QString kGame = QStringLiteral("org.example.game");
 
-std::optional<KeyProblem> Try(const QString& key, const QVariant& value, LimitsChange* change,
+std::optional<KeyProblem> Try(const char* key, const QVariant& value, LimitsChange* change,
                               const QString& identifier = kGame) {
-  return ApplyLimitsKeys(identifier, DefaultLimits(), {{key, value}}, change);
+  return ApplyLimitsKeys(identifier, DefaultLimits(), {{QLatin1String(key), value}}, change);
 }
 
 TEST(LimitsKeysTest, RefusesWhatIsNoLimit) {
@@ -43,12 +43,13 @@ TEST(LimitsKeysTest, RefusesWhatIsNoLimit) {
   for (const auto& row : rows) {
     LimitsChange change;
     change.limits.weekDayStart = 77;
-    const auto problem = Try(QLatin1String(row.key), row.value, &change);
-    ASSERT_TRUE(problem) << row.behaviour;
-    EXPECT_EQ(problem->unknownKey, row.unknownKey) << row.behaviour;
-    EXPECT_EQ(problem->field, QLatin1String(row.key)) << row.behaviour;
-    EXPECT_FALSE(problem->message.isEmpty()) << row.behaviour;
-    EXPECT_EQ(change.limits.weekDayStart, 77) << row.behaviour;
+    const auto problem = Try(row.key, row.value, &change);
+    SCOPED_TRACE(row.behaviour);
+    ASSERT_TRUE(problem);
+    EXPECT_EQ(problem->unknownKey, row.unknownKey);
+    EXPECT_EQ(problem->field, QLatin1String(row.key));
+    EXPECT_FALSE(problem->message.isEmpty());
+    EXPECT_EQ(change.limits.weekDayStart, 77);
   }
 }
 
@@ -67,16 +68,13 @@ TEST(LimitsKeysTest, TakesTheBoundsAndKeepsWhatIsNotNamed) {
   EXPECT_EQ(change.limits.topUpCoefficient, 60);
   EXPECT_EQ(change.limits.diskQuotaValue, 2147483647);
   EXPECT_FALSE(change.credit) << "a change without a credit leaves it alone";
-  EXPECT_FALSE(Try(QStringLiteral("Credit"), 12344, &change));
+  EXPECT_FALSE(Try("Credit", 12344, &change));
   EXPECT_EQ(change.credit, 12344);
-}
 
-TEST(LimitsKeysTest, TheGlobalSettingsHoldOnlyTheQuota) {
-  const QString settings = QLatin1String(kGlobalSettingsIdentifier);
-  LimitsChange change;
-  EXPECT_FALSE(Try(QStringLiteral("DQ Value"), 500, &change, settings));
-  EXPECT_TRUE(Try(QStringLiteral("WD start"), 500, &change, settings));
-  EXPECT_TRUE(Try(QStringLiteral("Credit"), 5, &change, settings));
+  const QString settings = QLatin1String(kGlobalSettingsIdentifier);  // hold only the quota
+  EXPECT_FALSE(Try("DQ Value", 500, &change, settings));
+  EXPECT_TRUE(Try("WD start", 500, &change, settings));
+  EXPECT_TRUE(Try("Credit", 5, &change, settings));
 }
 
 TEST(LimitsKeysTest, NamesAreBounded) {

@@ -9,14 +9,14 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "tests/support/OtherUsers.h"
 
 namespace vardell::server {
 namespace {
 
-using test::AsUser;
-using test::kAnna;
+using namespace test;
 
 sockaddr_storage Address(const std::string& text, std::uint16_t port) {
   sockaddr_storage storage{};
@@ -36,15 +36,14 @@ socklen_t SizeOf(const sockaddr_storage& address) {
   return address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
 }
 
-struct Socket {
+// Closes what it holds.
+class Socket {
+ public:
   explicit Socket(int descriptor) : fd(descriptor) {}
   ~Socket() { Close(); }
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
-  void Close() {
-    if (fd >= 0) close(fd);
-    fd = -1;
-  }
+  void Close() { fd >= 0 ? close(std::exchange(fd, -1)) : 0; }
   int fd;
 };
 
@@ -98,22 +97,22 @@ TEST(PeerIdentity, FindsTheUserBothWaysInEachFamily) {
       std::printf("%s: this machine has no such address, not tried\n", row.listensOn);
       continue;
     }
-    const Socket mine(Connect(row.connectsTo, port));
+    const Socket roots(Connect(row.connectsTo, port));
     const Socket first(accept(listener.fd, nullptr, nullptr));
-    int clientFd = -1;
-    const auto connect = [&] { clientFd = Connect(row.connectsTo, port); };
-    geteuid() == 0 ? AsUser(kAnna, connect) : connect();
-    const Socket client(clientFd);
+    int client = -1;
+    const auto connect = [&] { client = Connect(row.connectsTo, port); };
+    user == geteuid() ? connect() : AsUser(user, connect);
+    const Socket users(client);
     const Socket second(accept(listener.fd, nullptr, nullptr));
-    for (const Lookup way : kWays) {
-      std::uint32_t uid = 1;
-      EXPECT_EQ(way(first.fd, &uid), PeerLookup::Answered);
-      EXPECT_EQ(uid, geteuid());
-      EXPECT_EQ(way(second.fd, &uid), PeerLookup::Answered);
-      EXPECT_EQ(uid, user);
+    for (const auto& [socket, expected] : {std::pair(first.fd, geteuid()), {second.fd, user}}) {
+      for (const Lookup way : kWays) {
+        std::uint32_t uid = 1;
+        EXPECT_EQ(way(socket, &uid), PeerLookup::Answered);
+        EXPECT_EQ(uid, expected);
+      }
+      EXPECT_EQ(UserBehind(socket), expected);
+      EXPECT_TRUE(IsFromThisMachine(socket));
     }
-    EXPECT_EQ(UserBehind(second.fd), user);
-    EXPECT_TRUE(IsFromThisMachine(second.fd));
   }
 }
 
@@ -128,9 +127,13 @@ void ExpectNoAnswer(int socket) {
   EXPECT_EQ(UserBehind(socket), std::nullopt);
 }
 
-TEST(PeerIdentity, AClientThatExitedBeforeAcceptIsNobody) {
+class PeerIdentityOfNobody : public testing::Test {
+ protected:
   std::uint16_t port = 0;
-  const Socket listener(Listen("127.0.0.1", &port));
+  const Socket listener{Listen("127.0.0.1", &port)};
+};
+
+TEST_F(PeerIdentityOfNobody, AClientThatExitedBeforeAccept) {
   const pid_t child = fork();
   if (child == 0) {
     (void)!setresuid(kAnna, kAnna, kAnna);
@@ -147,9 +150,7 @@ TEST(PeerIdentity, AClientThatExitedBeforeAcceptIsNobody) {
   EXPECT_EQ(read(accepted.fd, data.data(), data.size()), 4) << "its request can still be read";
 }
 
-TEST(PeerIdentity, AClientThatClosedItsHalfOrResetIsNobody) {
-  std::uint16_t port = 0;
-  const Socket listener(Listen("127.0.0.1", &port));
+TEST_F(PeerIdentityOfNobody, AClientThatClosedItsHalfOrReset) {
   for (const bool reset : {false, true}) {
     Socket client(Connect("127.0.0.1", port));
     const Socket accepted(accept(listener.fd, nullptr, nullptr));
@@ -160,13 +161,11 @@ TEST(PeerIdentity, AClientThatClosedItsHalfOrResetIsNobody) {
   }
 }
 
-TEST(PeerIdentity, WhatIsNoConnectionIsNobodys) {
-  std::uint16_t port = 0;
-  const Socket listener(Listen("127.0.0.1", &port));
-  ExpectNoAnswer(listener.fd);
-  ExpectNoAnswer(-1);
-  EXPECT_FALSE(IsFromThisMachine(listener.fd));
-  EXPECT_FALSE(IsFromThisMachine(-1));
+TEST_F(PeerIdentityOfNobody, WhatIsNoConnection) {
+  for (const int socket : {listener.fd, -1}) {
+    ExpectNoAnswer(socket);
+    EXPECT_FALSE(IsFromThisMachine(socket));
+  }
 }
 
 TEST(PeerIdentity, KnowsThisMachinesAddresses) {

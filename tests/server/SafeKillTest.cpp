@@ -17,10 +17,7 @@ void PrintTo(KillResult result, std::ostream* out) {
 
 namespace {
 
-using test::AsUser;
-using test::kAnna;
-using test::kBert;
-using test::Sleeper;
+using namespace test;
 
 bool Nobody(pid_t, uid_t) {
   return false;
@@ -133,54 +130,42 @@ TEST_F(SafeKill, WhatHasEndedIsGone) {
   EXPECT_EQ(KillOnRequest(zombie.Pid(), kAnna, rules), KillResult::Gone);
 }
 
-class ReusedPid : public SafeKill {
- protected:
+TEST_F(SafeKill, APidThatIsReusedMeanwhileIsNotKilled) {
+  pid_t newcomer = 0;
   // Ends `old` and gives its pid to a new process of `uid`.
-  void Replace(Sleeper* old, uid_t uid) {
+  const auto replace = [&newcomer](Sleeper* old, uid_t uid) {
     const pid_t pid = old->Pid();
     old->End();
-    newcomer_ = ForkWithPid(pid, uid);
-    ASSERT_EQ(newcomer_, pid) << "clone3: " << strerror(errno);
-  }
-  void ExpectNewcomerLives() {
+    newcomer = ForkWithPid(pid, uid);
+    ASSERT_EQ(newcomer, pid) << "clone3: " << strerror(errno);
+  };
+  const auto expectItLives = [&newcomer] {
     siginfo_t info{};
-    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(newcomer_), &info, WEXITED | WNOHANG | WNOWAIT), 0);
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(newcomer), &info, WEXITED | WNOHANG | WNOWAIT), 0);
     EXPECT_EQ(info.si_pid, 0) << "it was killed";
-  }
-  void EndNewcomer() {
-    if (newcomer_ <= 0) return;
-    kill(newcomer_, SIGKILL);
-    waitpid(newcomer_, nullptr, 0);
-    newcomer_ = 0;
-  }
-  void TearDown() override { EndNewcomer(); }
-
-  pid_t newcomer_ = 0;
-};
-
-TEST_F(ReusedPid, BeforeTheFactsAreReadIsNotKilled) {
+    kill(newcomer, SIGKILL);
+    waitpid(newcomer, nullptr, 0);
+  };
   for (const uid_t newOwner : {kAnna, kBert}) {
+    SCOPED_TRACE("before the facts are read");
     Sleeper process(Sleeper::OfUser(kBert));
     KillRules rules{Nobody, {}};
     rules.readFacts = [&](pid_t pid) {
-      Replace(&process, newOwner);
+      replace(&process, newOwner);
       return ReadProcessFacts(pid);
     };
     EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone) << newOwner;
-    ExpectNewcomerLives();
-    EndNewcomer();
+    expectItLives();
   }
-}
-
-TEST_F(ReusedPid, WhileTheSessionIsAskedForIsNotKilled) {
+  SCOPED_TRACE("while the session is asked for");
   Sleeper process;
   KillRules rules;
   rules.isSessionLeader = [&](pid_t, uid_t) {
-    Replace(&process, kBert);
+    replace(&process, kBert);
     return true;
   };
   EXPECT_EQ(KillOnRequest(process.Pid(), kAnna, rules), KillResult::Gone);
-  ExpectNewcomerLives();
+  expectItLives();
 }
 
 TEST_F(SafeKill, TheKernelsRefusalIsToldApartFromGone) {

@@ -14,9 +14,7 @@
 namespace vardell::server {
 namespace {
 
-using test::Client;
-using test::FrameOf;
-using test::Program;
+using namespace test;
 
 const QString kCredit = QStringLiteral("Credit");
 const QString kEnabled = QStringLiteral("Enabled");
@@ -36,12 +34,13 @@ class ServerProgramTest : public testing::Test {
   std::string Path(const char* name) const {
     return folder_.filePath(QLatin1String(name)).toStdString();
   }
-  std::vector<std::string> Command(const std::string& listen = "127.0.0.1:0") const {
+  std::vector<std::string> Command(const std::string& listen = "127.0.0.1:0",
+                                   const char* store = "store.sqlite") const {
     return {VARDELL_BIN_DIR "/vardell-server",
             "--listen",
             listen,
             "--store",
-            Path("store.sqlite"),
+            Path(store),
             "--control",
             Path("control"),
             "--no-publish"};
@@ -60,13 +59,11 @@ class ServerProgramTest : public testing::Test {
     unlink(Path("log").c_str());
     server_ = Program(Command(),
                       {.environment = {{"VARDELL_TEST_SECOND_MS", second}}, .output = Path("log")});
-    const QString ready = QStringLiteral("answering agents at 127.0.0.1:");
-    ASSERT_TRUE(
-        test::WaitUntil([&] { return server_.Output().contains(ready) || !server_.IsRunning(); }));
-    ASSERT_TRUE(server_.Output().contains(ready));
-    const auto found = QRegularExpression(QStringLiteral("answering agents at 127.0.0.1:(\\d+)"))
-                           .match(server_.Output());
-    port_ = found.captured(1).toUShort();
+    const QRegularExpression ready(QStringLiteral("answering agents at 127.0.0.1:(\\d+)\\b"));
+    ASSERT_TRUE(WaitUntil([&] {
+      port_ = ready.match(server_.Output()).captured(1).toUShort();
+      return port_ != 0 || !server_.IsRunning();
+    }));
     ASSERT_NE(port_, 0);
   }
 
@@ -176,7 +173,7 @@ TEST_F(ServerProgramTest, AClientThatNeverReadsIsClosed) {
   const Client greedy(port_);
   const Client agent(port_);
   const QByteArray many = FetchFrame().repeated(100);
-  EXPECT_TRUE(test::WaitUntil([&] {
+  EXPECT_TRUE(WaitUntil([&] {
     bool isOpen = true;
     for (int i = 0; i < 100 && isOpen; ++i) isOpen = greedy.SendSome(many);
     return !isOpen || server_.Output().contains(QStringLiteral("does not read"));
@@ -236,29 +233,22 @@ TEST_F(ServerProgramTest, KillOnlyNeedsNoStore) {
   EXPECT_FALSE(server_.Output().contains(QStringLiteral("answering agents")));
 }
 
-void ExpectOneLine(const test::Finished& finished, int status, const char* says) {
-  EXPECT_EQ(finished.status, status) << says;
-  EXPECT_TRUE(finished.output.contains(QLatin1String(says))) << qPrintable(finished.output);
-  EXPECT_EQ(finished.output.count(QLatin1Char('\n')), 1) << qPrintable(finished.output);
-  EXPECT_TRUE(finished.output.startsWith(QStringLiteral("vardell-server: ")));
-}
-
 TEST_F(ServerProgramTest, SaysInOneLineWhyItDoesNotStart) {
+  const auto expect = [](const std::vector<std::string>& command, int status, const char* says) {
+    const Finished finished = test::Run(command, {});
+    EXPECT_EQ(finished.status, status) << says;
+    EXPECT_TRUE(finished.output.contains(QLatin1String(says))) << qPrintable(finished.output);
+    EXPECT_EQ(finished.output.count(QLatin1Char('\n')), 1) << qPrintable(finished.output);
+    EXPECT_TRUE(finished.output.startsWith(QStringLiteral("vardell-server: ")));
+  };
   auto misused = Command();
   misused.push_back("--frobnicate");
-  ExpectOneLine(test::Run(misused, {}), 2, "--frobnicate");
-
-  auto noFolder = Command();
-  noFolder[4] = Path("no/such/store.sqlite");
-  ExpectOneLine(test::Run(noFolder, {}), 1, "make its folder");
-
-  ExpectOneLine(test::Run(Command("192.0.2.1:0"), {}), 1, "--listen");
-
+  expect(misused, 2, "--frobnicate");
+  expect(Command("127.0.0.1:0", "no/such/store.sqlite"), 1, "make its folder");
+  expect(Command("192.0.2.1:0"), 1, "--listen");
   StartServer();
-  ExpectOneLine(test::Run(Command(), {}), 1, "in use by another program");
-  auto other = Command("127.0.0.1:" + std::to_string(port_));
-  other[4] = Path("other.sqlite");
-  ExpectOneLine(test::Run(other, {}), 1, "in use");
+  expect(Command(), 1, "in use by another program");
+  expect(Command("127.0.0.1:" + std::to_string(port_), "other.sqlite"), 1, "in use");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <stdexcept>
 
+#include "Common Sources/FileSystem.h"
 #include "server/Sqlite.h"
 #include "tests/server/HouseholdFixture.h"
 
@@ -24,11 +25,6 @@ class StoreTest : public HouseholdFixture {
 void Execute(const QString& path, const char* sql) {
   SqliteDatabase database(path);
   database.Execute(sql);
-}
-
-QByteArray BytesOf(const QString& path) {
-  QFile file(path);
-  return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 void Overwrite(const QString& path, const QByteArray& bytes, const std::vector<qint64>& offsets) {
@@ -105,7 +101,7 @@ TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
   Fill();
   ExpectRefused(StorePath(), "in use");
   Close();
-  const QByteArray whole = BytesOf(StorePath());
+  const QByteArray whole = LoadFile(StorePath().toUtf8(), 1 << 24).value_or("");
   ASSERT_GT(whole.size(), 40000);
   std::vector<qint64> pages;
   for (qint64 offset = 4096 * 2; offset < whole.size(); offset += 4096) pages.push_back(offset);
