@@ -152,10 +152,8 @@ TEST_F(PropertyListFiles, TellsWhyNothingWasWritten) {
   }
   ExpectFile(kept.toLocalFile(), kOld);
   ASSERT_EQ(::unlink((folder.path() + QStringLiteral(".tmp")).toUtf8().constData()), 0);
-}
 
-TEST_F(PropertyListFiles, AFailedTemporaryFileLeavesNoTarget) {
-  // The name has room for the target, not for the extension.
+  // A failed temporary file leaves no target: the name has room for it, not for the extension.
   const QString path = Path(QString(252, QChar(u'a')));
   ASSERT_EQ(WritePropertyListToPath(kOld, path, true), 0);
   EXPECT_EQ(WritePropertyListToPath(kNew, path, false), -1);

@@ -48,10 +48,7 @@ void ExpectRefused(const QByteArray& xml) {
 }
 
 TEST(PropertyList, ReadsEachKindOfValue) {
-  const struct {
-    const char* xml;
-    QVariant expected;
-  } kRows[] = {
+  const std::pair<const char*, QVariant> kRows[] = {
       {"<string> a\n b </string>", QStringLiteral(" a\n b ")},
       {"<string/>", QString(QLatin1String(""))},
       {"<string>&lt;&amp;&#65;&#x42;</string>", QStringLiteral("<&AB")},
@@ -73,10 +70,9 @@ TEST(PropertyList, ReadsEachKindOfValue) {
        QVariantMap{{QStringLiteral("a"), QVariantList{true, QVariantMap()}},
                    {QStringLiteral("A"), false}}},
   };
-  for (const auto& row : kRows) ExpectValue(Plist(row.xml), row.expected);
-}
+  for (const auto& [xml, expected] : kRows) ExpectValue(Plist(xml), expected);
 
-TEST(PropertyList, ReadsDocumentsAroundTheValue) {
+  // Documents around the value.
   ExpectValue("<plist><true/></plist>", true);
   ExpectValue("\xEF\xBB\xBF" + Plist("<true/>"), true);
   ExpectValue("<!-- a -->\n<plist version=\"1.0\">\n<true/>\n</plist>\n<!-- b -->\n", true);

@@ -11,6 +11,8 @@
 namespace vardell::test {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 class VardellctlServerTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -43,14 +45,14 @@ TEST_F(VardellctlServerTest, ANewIdentifierIsEnabledAndKeepsWhatWasSet) {
   ASSERT_EQ(0, Status({"limits", "set", "anna", "a/b c?..", "Credit=7", "WD stop=24:00"}));
   ASSERT_EQ(0, Status({"limits", "set", "anna", "a/b c?..", "WE start=08:30"}));
   const QJsonObject limit = Json({"limits", "show", "anna", "a/b c?.."});
-  const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
-  EXPECT_EQ(QStringLiteral("a/b c?.."), limit[QStringLiteral("identifier")].toString());
-  EXPECT_EQ(7, limit[QStringLiteral("credit")].toInt());
-  EXPECT_EQ(2, limit[QStringLiteral("revision")].toInt());
-  EXPECT_TRUE(keys[QStringLiteral("Enabled")].toBool());
-  EXPECT_EQ(1440, keys[QStringLiteral("WD stop")].toInt());
-  EXPECT_EQ(510, keys[QStringLiteral("WE start")].toInt());
-  EXPECT_EQ(1439, keys[QStringLiteral("WE stop")].toInt());
+  const QJsonObject keys = limit[u"limits"_s].toObject();
+  EXPECT_EQ(limit[u"identifier"_s].toString(), u"a/b c?.."_s);
+  EXPECT_EQ(limit[u"credit"_s].toInt(), 7);
+  EXPECT_EQ(limit[u"revision"_s].toInt(), 2);
+  EXPECT_EQ(keys[u"Enabled"_s], true);
+  EXPECT_EQ(keys[u"WD stop"_s], 1440);
+  EXPECT_EQ(keys[u"WE start"_s], 510);
+  EXPECT_EQ(keys[u"WE stop"_s], 1439);
 }
 
 TEST_F(VardellctlServerTest, CreditIsSetOnceForAnIdAndBookedInTheLedger) {
@@ -60,13 +62,13 @@ TEST_F(VardellctlServerTest, CreditIsSetOnceForAnIdAndBookedInTheLedger) {
   EXPECT_EQ(0, Status(set));
   EXPECT_EQ(0, Status(set));
   EXPECT_EQ(1, Status({"credit", "set", "anna", "game", "31", "--id", "monday"}));
-  const QJsonArray rows = Json({"ledger", "anna", "game"})[QStringLiteral("rows")].toArray();
-  ASSERT_EQ(2, rows.size());
-  EXPECT_EQ(20, rows[1].toObject()[QStringLiteral("minutes")].toInt());
-  EXPECT_EQ(30, rows[1].toObject()[QStringLiteral("credit")].toInt());
-  EXPECT_EQ(QStringLiteral("tidy"), rows[1].toObject()[QStringLiteral("reason")].toString());
+  const QJsonArray rows = Json({"ledger", "anna", "game"})[u"rows"_s].toArray();
+  ASSERT_EQ(rows.size(), 2);
+  EXPECT_EQ(rows[1][u"minutes"_s], 20);
+  EXPECT_EQ(rows[1][u"credit"_s], 30);
+  EXPECT_EQ(rows[1][u"reason"_s], u"tidy"_s);
   const QJsonObject rest = Json({"ledger", "anna", "game", "--after", "1"});
-  EXPECT_EQ(1, rest[QStringLiteral("rows")].toArray().size());
+  EXPECT_EQ(rest[u"rows"_s].toArray().size(), 1);
 }
 
 }  // namespace

@@ -5,34 +5,45 @@
 #include <QJsonObject>
 #include <QProcess>
 
-#include "Common Sources/Caps.h"
 #include "control/HttpClient.h"
 #include "tests/control/ScriptedHttpPeer.h"
 
 namespace vardell::test {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 struct Outcome {
   int status = -1;
   QString output;
   QString error;
+  std::vector<QByteArray> requests;
 };
 
-Outcome Vardellctl(const QString& control, const QStringList& arguments) {
+Outcome RunAt(const QString& control, const QStringList& words) {
   QProcess program;
   QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-  environment.insert(QStringLiteral("TZ"), QStringLiteral("Europe/Paris"));
+  environment.insert(u"TZ"_s, u"Europe/Paris"_s);
   program.setProcessEnvironment(environment);
   program.start(QStringLiteral(VARDELL_BIN_DIR "/vardellctl"),
-                QStringList{QStringLiteral("--control"), control} + arguments);
+                QStringList{u"--control"_s, control} + words);
   program.waitForFinished(30000);
   return {program.exitStatus() == QProcess::NormalExit ? program.exitCode() : -1,
           QString::fromUtf8(program.readAllStandardOutput()),
-          QString::fromUtf8(program.readAllStandardError())};
+          QString::fromUtf8(program.readAllStandardError()),
+          {}};
 }
 
 QStringList Words(const char* text) {
-  return QString::fromUtf8(text).split(QLatin1Char('|'));
+  return QString::fromUtf8(text).split(u'|');
+}
+
+// With a Server that answers so.
+Outcome Vardellctl(const char* words, const std::vector<QByteArray>& answers) {
+  const ScriptedHttpPeer server(answers);
+  Outcome outcome = RunAt(server.path(), Words(words));
+  outcome.requests = server.requests();
+  return outcome;
 }
 
 QByteArray FirstLine(const QByteArray& request) {
@@ -81,157 +92,129 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
               {"status|--json|--json", "--json is given twice"},
               {"ledger|--after", "--after wants a value"},
               {"destroy|all", "there is no command \"destroy all\""}};
-  const ScriptedHttpPeer server({});
   for (const auto& row : rows) {
     SCOPED_TRACE(row.words);
-    const Outcome outcome = Vardellctl(server.path(), Words(row.words));
+    const Outcome outcome = Vardellctl(row.words, {});
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.output, QString());
     EXPECT_TRUE(outcome.error.contains(QString::fromUtf8(row.says))) << qPrintable(outcome.error);
+    EXPECT_TRUE(outcome.requests.empty());
   }
-  EXPECT_TRUE(server.requests().empty());
 }
 
 // ---- requests ----
 
 TEST(Vardellctl, ALimitForANewIdentifierIsEnabledAndMustStillBeNew) {
-  const ScriptedHttpPeer server({kNotFound, Answer(200, Limit(1))});
-  const Outcome outcome =
-      Vardellctl(server.path(), Words("limits|set|anna|org.game|WD start=08:00|WD stop=1200"));
-  EXPECT_EQ(outcome.status, 0) << qPrintable(outcome.error);
-  const auto requests = server.requests();
+  const auto [status, output, error, requests] = Vardellctl(
+      "limits|set|anna|org.game|WD start=08:00|WD stop=1200", {kNotFound, Answer(200, Limit(1))});
+  EXPECT_EQ(status, 0) << qPrintable(error);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(FirstLine(requests[0]), "GET /v1/users/anna/limits/org.game HTTP/1.1");
   EXPECT_EQ(FirstLine(requests[1]), "PATCH /v1/users/anna/limits/org.game HTTP/1.1");
   EXPECT_TRUE(requests[1].contains("\r\nIf-None-Match: *\r\n"));
   EXPECT_FALSE(requests[1].contains("If-Match:"));
-  const QJsonObject keys{{QStringLiteral("WD start"), 480},
-                         {QStringLiteral("WD stop"), 1200},
-                         {QStringLiteral("Enabled"), true}};
-  EXPECT_EQ(BodyOf(requests[1]), (QJsonObject{{QStringLiteral("limits"), keys}}));
-}
-
-TEST(Vardellctl, AKnownLimitIsChangedFromTheRevisionThatWasRead) {
-  const ScriptedHttpPeer server({Answer(200, Limit(7)), Answer(200, Limit(8))});
-  const Outcome outcome = Vardellctl(server.path(), Words("limits|set|anna|org.game|Enabled=off"));
-  EXPECT_EQ(outcome.status, 0);
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_TRUE(requests[1].contains("\r\nIf-Match: \"7\"\r\n"));
-  const QJsonObject keys{{QStringLiteral("Enabled"), false}};
-  EXPECT_EQ(BodyOf(requests[1]), (QJsonObject{{QStringLiteral("limits"), keys}}));
+  const QJsonObject keys{{u"WD start"_s, 480}, {u"WD stop"_s, 1200}, {u"Enabled"_s, true}};
+  EXPECT_EQ(BodyOf(requests[1]), (QJsonObject{{u"limits"_s, keys}}));
 }
 
 TEST(Vardellctl, AChangeThatIsForestalledIsTriedAnewAndThenGivenUp) {
   const QByteArray mismatch = Answer(412, R"({"code":"revision-mismatch","title":"changed"})");
   std::vector<QByteArray> script;
-  for (int i = 0; i < 20; ++i) {
-    script.insert(script.end(), {Answer(200, Limit(7 + i)), mismatch});
-  }
-  const ScriptedHttpPeer server(script);
-  const Outcome outcome = Vardellctl(server.path(), Words("limits|set|anna|org.game|Enabled=on"));
+  for (int i = 0; i < 20; ++i) script.insert(script.end(), {Answer(200, Limit(7 + i)), mismatch});
+  const Outcome outcome = Vardellctl("limits|set|anna|org.game|Enabled=off", script);
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.error, QStringLiteral("vardellctl: changed\n"));
-  ASSERT_EQ(server.requests().size(), 10u);
-  EXPECT_TRUE(server.requests()[9].contains("If-Match: \"11\"")) << "tried from each new revision";
+  EXPECT_EQ(outcome.error, u"vardellctl: changed\n"_s);
+  ASSERT_EQ(outcome.requests.size(), 10u);
+  for (const int attempt : {0, 4}) {
+    const QByteArray& patch = outcome.requests[1 + 2 * attempt];
+    EXPECT_TRUE(patch.contains("\r\nIf-Match: \"" + QByteArray::number(7 + attempt) + "\"\r\n"));
+    EXPECT_EQ(BodyOf(patch), (QJsonObject{{u"limits"_s, QJsonObject{{u"Enabled"_s, false}}}}));
+  }
 }
 
 TEST(Vardellctl, IdentifiersAreEncodedInTargets) {
   const std::pair<const char*, const char*> rows[] = {{"computer", "com.apple.loginwindow"},
-                                                      {"home", "com.brenwick.globalSettings"},
                                                       {"a/b c?d#e%", "a%2Fb%20c%3Fd%23e%25"},
                                                       {"..", "%2E%2E"},
                                                       {"spiël", "spi%C3%ABl"}};
   for (const auto& [identifier, target] : rows) {
-    const ScriptedHttpPeer server({Answer(200, Limit(1))});
-    Vardellctl(server.path(), {QStringLiteral("limits"), QStringLiteral("show"),
-                               QStringLiteral("anna"), QString::fromUtf8(identifier)});
-    ASSERT_EQ(server.requests().size(), 1u);
-    EXPECT_EQ(FirstLine(server.requests()[0]),
+    const std::string words = std::string("limits|show|anna|") + identifier;
+    const auto requests = Vardellctl(words.c_str(), {Answer(200, Limit(1))}).requests;
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(FirstLine(requests[0]),
               QByteArray("GET /v1/users/anna/limits/") + target + " HTTP/1.1");
   }
 }
 
 TEST(Vardellctl, CreditIsSetUnderAnIdWithItsReason) {
-  const ScriptedHttpPeer server({Answer(200, Limit(1, 45)), Answer(200, Limit(1, 45))});
-  const Outcome outcome = Vardellctl(
-      server.path(), Words("credit|set|anna|org.game|45|--reason|tidied up|--id|monday"));
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.output,
-            QStringLiteral("USER  IDENTIFIER  MINUTES\nanna  org.game         45\n"));
-  Vardellctl(server.path(), Words("credit|set|anna|org.game|45"));
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2u);
+  const std::vector<QByteArray> answers{Answer(200, Limit(1, 45))};
+  const auto [status, output, error, requests] =
+      Vardellctl("credit|set|anna|org.game|45|--reason|tidied up|--id|monday", answers);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(output, u"USER  IDENTIFIER  MINUTES\nanna  org.game         45\n"_s);
+  ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(FirstLine(requests[0]), "PUT /v1/users/anna/limits/org.game/credit HTTP/1.1");
-  EXPECT_EQ(BodyOf(requests[0]),
-            (QJsonObject{{QStringLiteral("minutes"), 45},
-                         {QStringLiteral("id"), QStringLiteral("monday")},
-                         {QStringLiteral("reason"), QStringLiteral("tidied up")}}));
-  EXPECT_EQ(BodyOf(requests[1])[QStringLiteral("id")].toString().size(), 36);
+  EXPECT_EQ(
+      BodyOf(requests[0]),
+      (QJsonObject{{u"minutes"_s, 45}, {u"id"_s, u"monday"_s}, {u"reason"_s, u"tidied up"_s}}));
+  const Outcome unnamed = Vardellctl("credit|set|anna|org.game|45", answers);
+  EXPECT_EQ(BodyOf(unnamed.requests.at(0))[u"id"_s].toString().size(), 36);
 }
 
 // ---- what is shown ----
 
-TEST(Vardellctl, TheLedgerIsReadPageByPageInLocalTime) {
-  const QByteArray first =
+TEST(Vardellctl, AnswersAreShownAsTablesInLocalTime) {
+  const QByteArray firstPage =
       R"({"rows":[{"id":1,"time":"2026-07-01T08:00:00Z","user":"anna","identifier":"org.game",)"
       R"("host":"","source":"admin","minutes":2,"credit":2,"claimed":null,"actor":"uid 0 [root]",)"
       R"("reason":"start"}]})";
-  const QByteArray second =
+  const QByteArray secondPage =
       R"({"rows":[{"id":12,"time":"2026-12-01T08:00:00Z","user":"anna","identifier":"org.game",)"
       R"("host":"local","source":"report","minutes":-1,"credit":1,"claimed":1,"actor":"anna",)"
       R"("reason":""}]})";
-  const ScriptedHttpPeer server(
-      {Answer(200, first), Answer(200, second), Answer(200, R"({"rows":[]})")});
-  const Outcome outcome = Vardellctl(server.path(), Words("ledger|anna|--after|0"));
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.output.toStdString(),
-            "ID  TIME                 USER  IDENTIFIER  SOURCE  MINUTES  CREDIT  CLAIMED  HOST   "
-            "ACTOR         REASON\n"
-            " 1  2026-07-01 10:00:00  anna  org.game    admin         2       2        -         "
-            "uid 0 [root]  start\n"
-            "12  2026-12-01 09:00:00  anna  org.game    report       -1       1        1  local  "
-            "anna\n");
-  ASSERT_EQ(server.requests().size(), 3u);
-  EXPECT_EQ(FirstLine(server.requests()[1]),
-            "GET /v1/ledger?after=1&user=anna&identifier=&limit=500 HTTP/1.1");
-}
-
-TEST(Vardellctl, LimitsOfAllUsersAreOneTable) {
-  const ScriptedHttpPeer server({Answer(200, R"({"users":["anna","ben"]})"),
-                                 Answer(200, "{\"limits\":[" + Limit(1) + "]}"),
-                                 Answer(200, R"({"limits":[]})")});
-  const Outcome outcome = Vardellctl(server.path(), Words("limits|show"));
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.output.toStdString(),
-            "USER  IDENTIFIER  CREDIT  ENABLED  WEEK DAYS       WEEK-ENDS  TOP-UP  QUOTA\n"
-            "anna  org.game        30  yes      08:00 to 20:00  any time   none    none\n");
-}
-
-TEST(Vardellctl, NothingThatOthersWroteReachesTheTerminalAsACommand) {
-  const QByteArray limit =
+  const QByteArray hostile =
       R"({"user":"anna","identifier":"x\u001b]0;evil\u0007\u202e","credit":1,"limits":{}})";
-  const ScriptedHttpPeer server({Answer(200, "{\"limits\":[" + limit + "]}")});
-  const Outcome outcome = Vardellctl(server.path(), Words("credit|show|anna"));
-  EXPECT_TRUE(outcome.output.contains(QString::fromUtf8("x\uFFFD]0;evil\uFFFD\uFFFD")));
-  EXPECT_FALSE(outcome.output.contains(QChar(0x1b)));
-}
-
-TEST(Vardellctl, StatusNamesStoreAndAddress) {
-  const ScriptedHttpPeer server({Answer(200, R"({"version":"0.1.0","store":"SQLite /x","address":)"
-                                             R"("127.0.0.1:4","published":null,"agents":3,)"
-                                             R"("started":"2026-01-01T00:00:00Z"})")});
-  EXPECT_EQ(Vardellctl(server.path(), Words("status")).output.toStdString(),
-            "Version:    0.1.0\nStore:      SQLite /x\nAddress:    127.0.0.1:4\n"
-            "Published:  no\nAgents:     3\nStarted:    2026-01-01 01:00:00\n");
-}
-
-TEST(Vardellctl, HelpAndVersionNeedNoServer) {
-  const QString nowhere = QStringLiteral("/nonexistent/socket");
-  EXPECT_EQ(Vardellctl(nowhere, Words("--version")).status, 0);
-  const Outcome help = Vardellctl(nowhere, Words("limits|--help"));
-  EXPECT_EQ(help.status, 0);
-  EXPECT_TRUE(help.output.contains(QStringLiteral("limits set USER IDENTIFIER KEY=VALUE...")));
+  const struct {
+    const char* words;
+    std::vector<QByteArray> answers;
+    const char* output;
+    const char* lastRequest;
+  } rows[] = {
+      {"ledger|anna|--after|0",
+       {firstPage, secondPage, R"({"rows":[]})"},
+       "ID  TIME                 USER  IDENTIFIER  SOURCE  MINUTES  CREDIT  CLAIMED  HOST   "
+       "ACTOR         REASON\n"
+       " 1  2026-07-01 10:00:00  anna  org.game    admin         2       2        -         "
+       "uid 0 [root]  start\n"
+       "12  2026-12-01 09:00:00  anna  org.game    report       -1       1        1  local  "
+       "anna\n",
+       "GET /v1/ledger?after=12&user=anna&identifier=&limit=500 HTTP/1.1"},
+      {"limits|show",
+       {R"({"users":["anna","ben"]})", "{\"limits\":[" + Limit(1) + "]}", R"({"limits":[]})"},
+       "USER  IDENTIFIER  CREDIT  ENABLED  WEEK DAYS       WEEK-ENDS  TOP-UP  QUOTA\n"
+       "anna  org.game        30  yes      08:00 to 20:00  any time   none    none\n",
+       "GET /v1/users/ben/limits HTTP/1.1"},
+      {"credit|show|anna",
+       {"{\"limits\":[" + hostile + "]}"},  // no command for the terminal
+       "USER  IDENTIFIER   MINUTES\nanna  x\uFFFD]0;evil\uFFFD\uFFFD        1\n",
+       "GET /v1/users/anna/limits HTTP/1.1"},
+      {"status",
+       {R"({"version":"0.1.0","store":"SQLite /x","address":"127.0.0.1:4","published":null,)"
+        R"("agents":3,"started":"2026-01-01T00:00:00Z"})"},
+       "Version:    0.1.0\nStore:      SQLite /x\nAddress:    127.0.0.1:4\n"
+       "Published:  no\nAgents:     3\nStarted:    2026-01-01 01:00:00\n",
+       "GET /v1/status HTTP/1.1"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.words);
+    std::vector<QByteArray> answers;
+    for (const QByteArray& json : row.answers) answers.push_back(Answer(200, json));
+    const auto [status, output, error, requests] = Vardellctl(row.words, answers);
+    EXPECT_EQ(status, 0) << qPrintable(error);
+    EXPECT_EQ(output.toStdString(), row.output);
+    ASSERT_EQ(requests.size(), answers.size());
+    EXPECT_EQ(FirstLine(requests.back()), row.lastRequest);
+  }
 }
 
 // ---- failures ----
@@ -257,26 +240,30 @@ TEST(Vardellctl, AFailureIsOneClearErrorAndAnExitStatus) {
       {Answer(200, "{\"credit\":"), 1, "no JSON object"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.answer.data());
-    const ScriptedHttpPeer server({row.answer});
-    const Outcome outcome = Vardellctl(server.path(), Words("credit|set|anna|org.game|5|--id|k"));
+    const Outcome outcome = Vardellctl("credit|set|anna|org.game|5|--id|k", {row.answer});
     EXPECT_EQ(outcome.status, row.status);
     EXPECT_EQ(outcome.output, QString());
     EXPECT_TRUE(outcome.error.contains(QString::fromUtf8(row.says))) << qPrintable(outcome.error);
   }
 }
 
-TEST(Vardellctl, AServerThatIsNotThereIsSaidWithWhatToDo) {
-  const Outcome outcome = Vardellctl(QStringLiteral("/nonexistent/socket"), Words("status"));
+TEST(Vardellctl, AServerThatIsNotThereIsSaidWithWhatToDoButHelpNeedsNone) {
+  const QString nowhere = u"/nonexistent/socket"_s;
+  const Outcome outcome = RunAt(nowhere, Words("status"));
   EXPECT_EQ(outcome.status, 3);
-  EXPECT_TRUE(outcome.error.contains(QStringLiteral("/nonexistent/socket: No such file")));
-  EXPECT_TRUE(outcome.error.contains(QStringLiteral("systemctl start vardell-server")));
+  EXPECT_TRUE(outcome.error.contains(u"/nonexistent/socket: No such file"_s));
+  EXPECT_TRUE(outcome.error.contains(u"systemctl start vardell-server"_s));
+  EXPECT_EQ(RunAt(nowhere, Words("--version")).status, 0);
+  const Outcome help = RunAt(nowhere, Words("limits|--help"));
+  EXPECT_EQ(help.status, 0);
+  EXPECT_TRUE(help.output.contains(u"limits set USER IDENTIFIER KEY=VALUE..."_s));
 }
 
 TEST(Vardellctl, ALedgerThatDoesNotGoOnEndsTheReading) {
   const QByteArray page = Answer(200, R"({"rows":[{"id":5}]})");
-  const ScriptedHttpPeer server({page, page, page});
-  EXPECT_EQ(Vardellctl(server.path(), Words("ledger")).status, 1);
-  EXPECT_EQ(server.requests().size(), 2u);
+  const Outcome outcome = Vardellctl("ledger", {page, page, page});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.requests.size(), 2u);
 }
 
 TEST(HttpClient, AServerThatSaysNothingIsGivenUpAtTheDeadline) {
