@@ -63,7 +63,7 @@ class Publication {
 class AvahiDiscoveryTest : public testing::Test {
  protected:
   void TearDown() override {
-    browsers.clear();
+    found.reset();
     ASSERT_TRUE(WaitUntil(AnyDaemon)) << "the daemon is not back for the next test";
   }
 
@@ -74,36 +74,14 @@ class AvahiDiscoveryTest : public testing::Test {
   static QString Text(const char* text) { return QString::fromUtf8(text); }
   static NetService Nobody() { return {Text("Nobody"), Text(kType), Text("local"), false, -1}; }
 
-  void Search(const char* type = kType) {
-    browsers.push_back(discovery.SearchForServices(
-        Text("local"), Text(type), [this](std::uint32_t flags, const NetService& service) {
-          if (flags & kNetServiceFlagRemove) {
-            std::erase_if(services,
-                          [&](const NetService& one) { return one.name == service.name; });
-          } else {
-            services.push_back(service);
-          }
-          discovery.Stop();
-        }));
-    ASSERT_NE(browsers.back(), nullptr);
-  }
-
-  // Delivers until the named service is known, or no more.
-  bool RunUntil(const char* name, bool known) {
-    return WaitUntil([&] {
-      discovery.Run(200ms);
-      return IsKnown(name) == known;
-    });
-  }
+  bool RunUntil(const char* name, bool known) { return found->RunUntil(Text(name), known); }
   void FindHousehold() {
     Search();
     ASSERT_TRUE(RunUntil("Household", true));
   }
-  std::vector<NetService>::const_iterator Find(const char* name) const {
-    return std::find_if(services.begin(), services.end(),
-                        [&](const NetService& one) { return one.name == Text(name); });
-  }
-  bool IsKnown(const char* name) const { return Find(name) != services.end(); }
+  void Search(const char* type = kType) { found.emplace(discovery, Text(type)); }
+  bool IsKnown(const char* name) const { return found->services.count(Text(name)) == 1; }
+  NetService Household() { return found->services.at(Text("Household")); }
 
   template <typename Call>
   static std::chrono::milliseconds Duration(Call call) {
@@ -113,13 +91,14 @@ class AvahiDiscoveryTest : public testing::Test {
   }
 
   AvahiDiscovery discovery;
-  std::vector<std::unique_ptr<NetServiceBrowser>> browsers;
-  std::vector<NetService> services;
+  std::optional<test::FoundServices> found;
 };
 
 TEST_F(AvahiDiscoveryTest, FindsAServiceThroughTheDomainItIsIn) {
   const Publication published;
   std::vector<QString> domains;
+  std::vector<NetService> services;
+  std::vector<std::unique_ptr<NetServiceBrowser>> browsers;
   browsers.push_back(discovery.SearchForDomains([&](std::uint32_t flags, const QString& domain) {
     EXPECT_EQ(flags, kNetServiceFlagIsDomain);
     domains.push_back(domain);
@@ -150,7 +129,7 @@ TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytesWhateverTheNam
   for (const char* name : names) {
     SCOPED_TRACE(name);
     ASSERT_TRUE(RunUntil(name, true));
-    NetService service = *Find(name);
+    NetService service = found->services.at(Text(name));
     for (const int interface : {service.interfaceIndex, 99'999}) {  // gone since
       service.interfaceIndex = interface;
       const ResolvedService resolved = discovery.Resolve(service, 5s);
@@ -165,9 +144,8 @@ TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytesWhateverTheNam
 
 TEST_F(AvahiDiscoveryTest, OnlyLiveBrowsersReportWhatComesAndGoesInsideRun) {
   Search();
-  Search("_vardellother._tcp");
   discovery.Run(50ms);
-  browsers.erase(browsers.begin());
+  Search("_vardellother._tcp");
   auto published = std::make_unique<Publication>(std::vector{"Later"});
   const auto took = Duration([&] { discovery.Run(300ms); });
   EXPECT_TRUE(took >= 300ms && took < 1s) << took.count();
@@ -222,19 +200,19 @@ TEST_F(AvahiDiscoveryTest, AFrozenDaemonHoldsNobodyUp) {
   ResolvedService resolved;
   EXPECT_LT(Duration([&] { domains = discovery.SearchForDomains([](auto, auto&) {}); }), 2s);
   EXPECT_EQ(domains, nullptr);
-  EXPECT_LT(Duration([&] { resolved = discovery.Resolve(services[0], 300ms); }), 1s);
+  EXPECT_LT(Duration([&] { resolved = discovery.Resolve(Household(), 300ms); }), 1s);
   EXPECT_LT(resolved.error, 0);
   EXPECT_LT(Duration([&] { discovery.Run(200ms); }), 1s);
-  EXPECT_LT(Duration([&] { browsers.clear(); }), 1s);
+  EXPECT_LT(Duration([&] { found.reset(); }), 1s);
 }
 
 TEST_F(AvahiDiscoveryTest, SearchesGoOnWithADaemonThatWasRestarted) {
   auto published = std::make_unique<Publication>();
   int domainsAdded = 0;
   int domainsRemoved = 0;
-  browsers.push_back(discovery.SearchForDomains([&](std::uint32_t flags, const QString&) {
+  const auto browser = discovery.SearchForDomains([&](std::uint32_t flags, const QString&) {
     ++(flags & kNetServiceFlagRemove ? domainsRemoved : domainsAdded);
-  }));
+  });
   ASSERT_NO_FATAL_FAILURE(FindHousehold());
   test::StopAvahi();
   ResolvedService resolved;

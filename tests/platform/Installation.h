@@ -43,12 +43,10 @@ class Installation {
   }
   // "@" in what follows stands for the test root.
   void AddSystemEntry(const char* id, const QByteArray& exec, const QByteArray& more = {}) const {
-    Write(SystemFolder() + QLatin1Char('/') + QString::fromUtf8(id) + QStringLiteral(".desktop"),
-          EntryText(exec, more));
+    AddEntry(SystemFolder(), id, exec, more);
   }
   void AddUserEntry(const char* id, const QByteArray& exec, const QByteArray& more = {}) const {
-    Write(UserFolder() + QLatin1Char('/') + QString::fromUtf8(id) + QStringLiteral(".desktop"),
-          EntryText(exec, more));
+    AddEntry(UserFolder(), id, exec, more);
   }
   QByteArray AddProgram(const char* relative, const QByteArray& text = "no text") const {
     Write(Path(relative), QByteArray(text).replace('@', folder_.path().toUtf8()), 0755);
@@ -61,10 +59,12 @@ class Installation {
   }
 
  private:
-  QByteArray EntryText(const QByteArray& exec, const QByteArray& more) const {
-    QByteArray text = "[Desktop Entry]\nType=Application\nName=Some name\nExec=";
-    text += exec + '\n' + more + '\n';
-    return text.replace('@', folder_.path().toUtf8());
+  void AddEntry(const QString& folder, const char* id, const QByteArray& exec,
+                const QByteArray& more) const {
+    const QByteArray text =
+        "[Desktop Entry]\nType=Application\nName=Some name\nExec=" + exec + '\n' + more + '\n';
+    Write(folder + u'/' + QString::fromUtf8(id) + QStringLiteral(".desktop"),
+          QByteArray(text).replace('@', folder_.path().toUtf8()));
   }
 
   QTemporaryDir folder_{QStringLiteral("/tmp/vardell-installation-XXXXXX")};

@@ -6,15 +6,12 @@
 
 #include <condition_variable>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 
 #include "link/VardellLoader.h"
-#include "platform/linux/AvahiDiscovery.h"
 #include "tests/support/AvahiDaemon.h"
-#include "tests/support/Waiting.h"
 
 namespace vardell::server {
 namespace {
@@ -51,14 +48,9 @@ class States {
 
 class Agents {
  public:
-  bool See(const QString& name, bool known = true) {
-    return test::WaitUntil([&] {
-      discovery_.Run(50ms);
-      return (seen_.count(name) == 1) == known;
-    });
-  }
+  bool See(const QString& name, bool known = true) { return found_.RunUntil(name, known); }
   int PortOf(const QString& name) {
-    const ResolvedService resolved = discovery_.Resolve(seen_[name], 10s);
+    const ResolvedService resolved = discovery_.Resolve(found_.services[name], 10s);
     sockaddr_in address{};
     if (resolved.addresses.empty()) return -1;
     std::memcpy(&address, resolved.addresses[0].constData(), sizeof(address));
@@ -67,16 +59,7 @@ class Agents {
 
  private:
   AvahiDiscovery discovery_;
-  std::map<QString, NetService> seen_;
-  const std::unique_ptr<NetServiceBrowser> search_ =
-      discovery_.SearchForServices(QStringLiteral("local"), QLatin1String(kServiceType),
-                                   [this](std::uint32_t flags, const NetService& service) {
-                                     if (flags & kNetServiceFlagRemove) {
-                                       seen_.erase(service.name);
-                                     } else {
-                                       seen_[service.name] = service;
-                                     }
-                                   });
+  test::FoundServices found_{discovery_, QLatin1String(kServiceType)};
 };
 
 TEST(Publisher, AgentsCanFindTheServiceAndItsPortUntilItEnds) {

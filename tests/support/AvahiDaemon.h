@@ -1,10 +1,15 @@
-// The Avahi daemon of tools/desktop: away, back, or standing still.
+// The Avahi daemon of tools/desktop: away, back, or standing still; and what it finds.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <QFile>
+#include <map>
+#include <memory>
+
+#include "platform/linux/AvahiDiscovery.h"
+#include "tests/support/Waiting.h"
 
 namespace vardell::test {
 
@@ -32,6 +37,34 @@ class FrozenAvahi {
 
  private:
   pid_t pid_ = 0;
+};
+
+// The services of a type, by their names, as they come and go.
+class FoundServices {
+ public:
+  FoundServices(AvahiDiscovery& discovery, const QString& type)
+      : discovery_(discovery),
+        browser_(discovery.SearchForServices(
+            QStringLiteral("local"), type, [this](std::uint32_t flags, const NetService& service) {
+              services.insert_or_assign(service.name, service);
+              if (flags & kNetServiceFlagRemove) services.erase(service.name);
+              discovery_.Stop();
+            })) {
+    EXPECT_NE(browser_, nullptr);
+  }
+  // Delivers until it is known, or no more.
+  bool RunUntil(const QString& name, bool known = true) {
+    return WaitUntil([&] {
+      discovery_.Run(200ms);
+      return (services.count(name) == 1) == known;
+    });
+  }
+
+  std::map<QString, NetService> services;
+
+ private:
+  AvahiDiscovery& discovery_;
+  std::unique_ptr<NetServiceBrowser> browser_;
 };
 
 }  // namespace vardell::test

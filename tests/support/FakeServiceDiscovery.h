@@ -21,17 +21,13 @@
 namespace vardell {
 
 inline QByteArray SocketAddressV4(const char* host, std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
+  sockaddr_in address{AF_INET, htons(port), {}, {}};
   inet_pton(AF_INET, host, &address.sin_addr);
   return QByteArray(reinterpret_cast<const char*>(&address), sizeof address);
 }
 
 inline QByteArray SocketAddressV6(const char* host, std::uint16_t port) {
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_port = htons(port);
+  sockaddr_in6 address{AF_INET6, htons(port), 0, {}, 0};
   inet_pton(AF_INET6, host, &address.sin6_addr);
   return QByteArray(reinterpret_cast<const char*>(&address), sizeof address);
 }
@@ -107,9 +103,8 @@ class FakeServiceDiscovery : public ServiceDiscovery {
     NetService about;
   };
   struct Searching {
-    Search search;
     ServiceHandler found;
-    std::vector<bool> delivered;
+    std::multimap<Milliseconds, Event> due;
   };
   struct Browser : NetServiceBrowser {
     Browser(FakeServiceDiscovery& fake, int id) : fake_(fake), id_(id) { ++fake_.liveBrowsers; }
@@ -126,7 +121,10 @@ class FakeServiceDiscovery : public ServiceDiscovery {
     if (!daemonRuns) return nullptr;
     searches.push_back({domain, type});
     const int id = nextId_++;
-    searching_[id] = {searches.back(), std::move(found), {}};
+    Searching& searching = searching_[id];
+    searching.found = std::move(found);
+    for (const Event& event : events_)
+      if (Concerns(event, searches.back())) searching.due.emplace(event.at, event);
     return std::make_unique<Browser>(*this, id);
   }
 
@@ -138,22 +136,14 @@ class FakeServiceDiscovery : public ServiceDiscovery {
 
   // The earliest event that some search has not heard of; false when none is due by `end`.
   bool DeliverNext(Milliseconds end) {
-    Searching* listener = nullptr;
-    std::size_t chosen = 0;
-    for (auto& [id, searching] : searching_) {
-      searching.delivered.resize(events_.size());
-      for (std::size_t i = 0; i < events_.size(); ++i) {
-        const bool isDue = !searching.delivered[i] && events_[i].at <= end;
-        if (!isDue || !Concerns(events_[i], searching.search)) continue;
-        if (listener != nullptr && events_[i].at >= events_[chosen].at) continue;
-        listener = &searching;
-        chosen = i;
-      }
+    Searching* next = nullptr;
+    for (auto& [id, one] : searching_) {
+      if (one.due.empty() || one.due.begin()->first > end) continue;
+      if (!next || one.due.begin()->first < next->due.begin()->first) next = &one;
     }
-    if (listener == nullptr) return false;
-    listener->delivered[chosen] = true;
-    const Event event = events_[chosen];
-    const ServiceHandler found = listener->found;  // survives the end of its own browser
+    if (!next) return false;
+    const Event event = next->due.extract(next->due.begin()).mapped();
+    const ServiceHandler found = next->found;  // survives the end of its own browser
     now_ = std::max(now_, event.at);
     found(event.flags, event.about);
     return true;

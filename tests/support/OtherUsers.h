@@ -9,6 +9,8 @@
 
 #include <functional>
 
+#include "tests/support/Waiting.h"
+
 namespace vardell::test {
 
 inline constexpr uid_t kAnna = 4242;
@@ -62,8 +64,11 @@ class Sleeper {
   }
   bool DiesOfKill() const {
     siginfo_t info{};
-    return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) == 0 &&
-           info.si_code == CLD_KILLED && info.si_status == SIGKILL;
+    const auto hasEnded = [&] {
+      return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+             info.si_pid != 0;
+    };
+    return WaitUntil(hasEnded) && info.si_code == CLD_KILLED && info.si_status == SIGKILL;
   }
 
   void End() {

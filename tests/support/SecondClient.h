@@ -14,6 +14,12 @@
 
 namespace vardell::test {
 
+// A reply of xcb's, which is the caller's to free.
+template <typename Reply>
+std::unique_ptr<Reply, decltype(&std::free)> Owned(Reply* reply) {
+  return {reply, std::free};
+}
+
 class SecondClient {
  public:
   SecondClient() : connection_(xcb_connect(nullptr, nullptr)) {
@@ -37,13 +43,11 @@ class SecondClient {
   }
 
   bool TakePointer() {
-    const std::unique_ptr<xcb_grab_pointer_reply_t, decltype(&std::free)> reply(
-        xcb_grab_pointer_reply(
-            connection_,
-            xcb_grab_pointer(connection_, 0, root_, XCB_EVENT_MASK_BUTTON_PRESS,
-                             XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC, 0, 0, XCB_CURRENT_TIME),
-            nullptr),
-        std::free);
+    const auto reply = Owned(xcb_grab_pointer_reply(
+        connection_,
+        xcb_grab_pointer(connection_, 0, root_, XCB_EVENT_MASK_BUTTON_PRESS, XCB_GRAB_MODE_ASYNC,
+                         XCB_GRAB_MODE_ASYNC, 0, 0, XCB_CURRENT_TIME),
+        nullptr));
     return reply && reply->status == XCB_GRAB_STATUS_SUCCESS;
   }
   void ReleasePointer() {
@@ -53,11 +57,9 @@ class SecondClient {
 
   // False when another client has that key.
   bool GrabKey(std::uint16_t modifiers, xcb_keycode_t code) {
-    const std::unique_ptr<xcb_generic_error_t, decltype(&std::free)> error(
-        xcb_request_check(connection_,
-                          xcb_grab_key_checked(connection_, 1, root_, modifiers, code,
-                                               XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC)),
-        std::free);
+    const auto error = Owned(xcb_request_check(
+        connection_, xcb_grab_key_checked(connection_, 1, root_, modifiers, code,
+                                          XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC)));
     return !error;
   }
 
@@ -85,18 +87,15 @@ class SecondClient {
 
   // The rectangles of the shown windows that no window manager manages, lowest first.
   std::vector<QRect> UnmanagedWindows() {
-    const std::unique_ptr<xcb_query_tree_reply_t, decltype(&std::free)> tree(
-        xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr), std::free);
+    const auto tree =
+        Owned(xcb_query_tree_reply(connection_, xcb_query_tree(connection_, root_), nullptr));
     std::vector<QRect> found;
     for (int i = 0; tree && i < xcb_query_tree_children_length(tree.get()); ++i) {
       const xcb_window_t window = xcb_query_tree_children(tree.get())[i];
-      const std::unique_ptr<xcb_get_window_attributes_reply_t, decltype(&std::free)> attributes(
-          xcb_get_window_attributes_reply(connection_,
-                                          xcb_get_window_attributes(connection_, window), nullptr),
-          std::free);
-      const std::unique_ptr<xcb_get_geometry_reply_t, decltype(&std::free)> geometry(
-          xcb_get_geometry_reply(connection_, xcb_get_geometry(connection_, window), nullptr),
-          std::free);
+      const auto attributes = Owned(xcb_get_window_attributes_reply(
+          connection_, xcb_get_window_attributes(connection_, window), nullptr));
+      const auto geometry = Owned(
+          xcb_get_geometry_reply(connection_, xcb_get_geometry(connection_, window), nullptr));
       if (attributes && geometry && attributes->override_redirect &&
           attributes->map_state == XCB_MAP_STATE_VIEWABLE)
         found.emplace_back(geometry->x, geometry->y, geometry->width, geometry->height);
@@ -106,16 +105,15 @@ class SecondClient {
 
  private:
   bool TakeKeyboard() {
-    const std::unique_ptr<xcb_grab_keyboard_reply_t, decltype(&std::free)> reply(
-        xcb_grab_keyboard_reply(connection_,
-                                xcb_grab_keyboard(connection_, 0, root_, XCB_CURRENT_TIME,
-                                                  XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
-                                nullptr),
-        std::free);
+    const auto reply =
+        Owned(xcb_grab_keyboard_reply(connection_,
+                                      xcb_grab_keyboard(connection_, 0, root_, XCB_CURRENT_TIME,
+                                                        XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
+                                      nullptr));
     return reply && reply->status == XCB_GRAB_STATUS_SUCCESS;
   }
   void Sync() {
-    std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+    Owned(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
   }
 
   xcb_connection_t* connection_;
