@@ -13,20 +13,12 @@ namespace vardell {
 namespace {
 
 TEST(ShellHelpers, TakesThePidFromTheFirstLine) {
-  const std::pair<QByteArray, std::int32_t> kRows[] = {
-      {"root       123  0.0 x\nroot 456 y\n", 123},
-      {"root 12", 12},
-      {"", -1},
-      {"root\n", -1},
-      {"root abc\n", -1},
-      {"root 0 x\n", -1},
-      {"root -5 x\n", -1},
-      {"root 4294967297 x\n", -1},
-      {QByteArray(4096, ' '), -1},
-  };
-  for (const auto& [listing, pid] : kRows) {
-    EXPECT_EQ(PidFromProcessList(listing), pid) << listing.constData();
-  }
+  EXPECT_EQ(PidFromProcessList("root       123  0.0 x\nroot 456 y\n"), 123);
+  EXPECT_EQ(PidFromProcessList("root 12"), 12);
+  for (const QByteArray& listing :
+       {QByteArray(), QByteArray("root\n"), QByteArray("root abc\n"), QByteArray("root 0 x\n"),
+        QByteArray("root -5 x\n"), QByteArray("root 4294967297 x\n"), QByteArray(4096, ' ')})
+    EXPECT_EQ(PidFromProcessList(listing), -1) << listing.constData();
 }
 
 // Other processes of the machine must not matter: a `ps` of its own on the search path.

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "Common Sources/Caps.h"
 #include "tests/platform/Installation.h"
 #include "tests/support/Waiting.h"
@@ -28,16 +30,11 @@ TEST(ParseDesktopEntry, TakesTheNameInTheUsersLanguage) {
 TEST(ParseDesktopEntry, RefusesWhatCannotBeStarted) {
   EXPECT_TRUE(Parse("Exec=/bin/true\nName=N\n"));
   EXPECT_TRUE(Parse("TryExec=true\nExec=/bin/true\nName=N\n"));
-  const char* const broken[] = {
-      "Name=N\n",
-      "Exec=/bin/true\n",
-      "Exec=\nName=N\n",
-      "Exec=/bin/true\nName=N\nHidden=true\n",
-      "Exec=/bin/true\nName=N\nTryExec=/no/such/program\n",
-      "Exec=/bin/true\nName=\xff\xfe\n",
-      "[Other]\nExec=/bin/true\nName=N\n",
-  };
-  for (const char* lines : broken) EXPECT_FALSE(Parse(lines)) << lines;
+  for (const char* broken :
+       {"Name=N\n", "Exec=/bin/true\n", "Exec=\nName=N\n", "Exec=/bin/true\nName=N\nHidden=true\n",
+        "Exec=/bin/true\nName=N\nTryExec=/no/such/program\n", "Exec=/bin/true\nName=\xff\xfe\n",
+        "[Other]\nExec=/bin/true\nName=N\n"})
+    EXPECT_FALSE(Parse(broken)) << broken;
   EXPECT_FALSE(ParseDesktopEntry({}, {}));
   EXPECT_FALSE(ParseDesktopEntry("[Desktop Entry]\nType=Link\nName=N\nExec=/bin/true\n", {}));
   EXPECT_FALSE(ParseDesktopEntry(QByteArray(1000, '\0'), {}));
@@ -52,8 +49,10 @@ class DesktopEntriesTest : public testing::Test {
 };
 
 TEST_F(DesktopEntriesTest, SkipsBrokenOnesAndTakesNoMoreThanItsShareFromTheUser) {
+  std::vector<std::string> own;
   for (std::size_t i = 0; i < kMaxUserDesktopEntries + 50; ++i) {
-    installed_.AddUserEntry(("own" + std::to_string(i)).c_str(), "/bin/true");
+    own.push_back("own" + std::to_string(i));
+    installed_.AddUserEntry(own.back().c_str(), "/bin/true");
   }
   const QString system = installed_.SystemFolder();
   installed_.Write(system + QStringLiteral("/broken.desktop"), "\xff[[[=\n=\0=");
@@ -65,11 +64,8 @@ TEST_F(DesktopEntriesTest, SkipsBrokenOnesAndTakesNoMoreThanItsShareFromTheUser)
   ASSERT_TRUE(entries_.Update());
   EXPECT_TRUE(Has("kde-deep-works"));
   for (const char* id : {"broken", "huge", "pipe"}) EXPECT_FALSE(Has(id)) << id;
-  std::size_t found = 0;
-  for (std::size_t i = 0; i < kMaxUserDesktopEntries + 50; ++i) {
-    found += Has(("own" + std::to_string(i)).c_str());
-  }
-  EXPECT_EQ(found, kMaxUserDesktopEntries);
+  EXPECT_EQ(std::count_if(own.begin(), own.end(), [this](auto& id) { return Has(id.c_str()); }),
+            static_cast<std::ptrdiff_t>(kMaxUserDesktopEntries));
 }
 
 TEST_F(DesktopEntriesTest, AreTrustedAndComeFirstWhereOnlyTheSystemMayWriteThem) {

@@ -70,13 +70,7 @@ class IdentifyTest : public testing::Test {
   DesktopEntries entries_{ApplicationFolders(QString::fromUtf8(getpwuid(getuid())->pw_dir))};
 };
 
-struct Row {
-  const char* behaviour;
-  const char* facts;
-  const char* expected;
-};
-
-constexpr Row kRows[] = {
+constexpr const char* kRows[][3] = {
     {"its executable names it", "exe=@/bin/chess", "chess"},
     {"nothing known of it", "exe=@/bin/none", ""},
     {"an interpreter alone is nobody", "exe=/usr/bin/python3.11", ""},
@@ -135,7 +129,7 @@ constexpr Row kRows[] = {
 };
 
 TEST_F(IdentifyTest, GoesByWhatCannotBeChosenFirst) {
-  for (const Row& row : kRows) EXPECT_EQ(IdOf(row.facts), row.expected) << row.behaviour;
+  for (const auto& [behaviour, facts, id] : kRows) EXPECT_EQ(IdOf(facts), id) << behaviour;
 }
 
 TEST_F(IdentifyTest, FollowsAFileToAnotherNameAndANameToAnotherFile) {
@@ -146,9 +140,8 @@ TEST_F(IdentifyTest, FollowsAFileToAnotherNameAndANameToAnotherFile) {
   const QByteArray update = installed_.AddProgram("bin/chess.new");
   ASSERT_EQ(rename(update.constData(), chess.constData()), 0);
   EXPECT_EQ(IdOf("exe=@/bin/chess unit=/app-calculator-1.scope"), "chess");
-}
 
-TEST_F(IdentifyTest, OnlyAShellsScriptHandsOn) {
+  // Only a shell's script hands on.
   EXPECT_TRUE(Identify(Facts("exe=/bin/sh script=@/bin/browser"), entries_).isWrapper);
   EXPECT_FALSE(Identify(Facts("exe=/bin/python3 script=@/bin/painter.py"), entries_).isWrapper);
 }
