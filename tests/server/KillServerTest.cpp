@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <vector>
 
 #include "Common Sources/Caps.h"
@@ -146,23 +145,6 @@ TEST_F(KillServerTest, AUserWhoHoldsConnectionsLosesTheOldestAndTheNewestWorks) 
   held.back()->Send(KillFrame(QStringLiteral("4711")));
   held[1]->Send(KillFrame(QStringLiteral("4712")));
   EXPECT_EQ(Requests(2).size(), 2u);
-}
-
-TEST_F(KillServerTest, ATakenPortIsOneClearLine) {
-  Start();
-  KillServer::Options options;
-  options.port = port_;
-  std::string line;
-  network_.Run([&] {
-    try {
-      const KillServer second(network_.Context(), options);
-    } catch (const std::runtime_error& error) {
-      line = error.what();
-    }
-  });
-  EXPECT_NE(line.find("127.0.0.1:" + std::to_string(port_)), std::string::npos) << line;
-  EXPECT_NE(line.find("Stop the program"), std::string::npos) << line;
-  EXPECT_EQ(line.find('\n'), std::string::npos);
 }
 
 }  // namespace

@@ -83,6 +83,15 @@ class ServerProgramTest : public testing::Test {
     return CreditIn(agent.ReadDictionary());
   }
 
+  // With one line.
+  static void ExpectRefused(const std::vector<std::string>& command, int status, const char* says) {
+    const Finished finished = test::Run(command, {});
+    EXPECT_EQ(finished.status, status) << says;
+    EXPECT_TRUE(finished.output.contains(QLatin1String(says))) << qPrintable(finished.output);
+    EXPECT_EQ(finished.output.count(QLatin1Char('\n')), 1) << qPrintable(finished.output);
+    EXPECT_TRUE(finished.output.startsWith(QStringLiteral("vardell-server: ")));
+  }
+
   const QString game_ = QStringLiteral("org.example.game");
   QString user_;
   QTemporaryDir folder_;
@@ -225,30 +234,25 @@ TEST_F(ServerProgramTest, EndsCleanlyAndSoonWhenAsked) {
 }
 
 TEST_F(ServerProgramTest, KillOnlyNeedsNoStore) {
-  server_ = Program({VARDELL_BIN_DIR "/vardell-server", "--kill-only", "--store", "/no/such/store"},
-                    {.environment = {}, .output = Path("log")});
+  const std::vector<std::string> command{VARDELL_BIN_DIR "/vardell-server", "--kill-only",
+                                         "--store", "/no/such/store"};
+  server_ = Program(command, {.output = Path("log")});
   EXPECT_TRUE(server_.WaitForOutput(QStringLiteral("127.0.0.1:49308")));
-  const Client kills(49308);
-  EXPECT_TRUE(kills.IsConnected());
+  EXPECT_TRUE(Client(49308).IsConnected());
   EXPECT_FALSE(server_.Output().contains(QStringLiteral("answering agents")));
+  ExpectRefused(command, 1, "127.0.0.1:49308");
+  ExpectRefused(command, 1, "Stop the program");
 }
 
 TEST_F(ServerProgramTest, SaysInOneLineWhyItDoesNotStart) {
-  const auto expect = [](const std::vector<std::string>& command, int status, const char* says) {
-    const Finished finished = test::Run(command, {});
-    EXPECT_EQ(finished.status, status) << says;
-    EXPECT_TRUE(finished.output.contains(QLatin1String(says))) << qPrintable(finished.output);
-    EXPECT_EQ(finished.output.count(QLatin1Char('\n')), 1) << qPrintable(finished.output);
-    EXPECT_TRUE(finished.output.startsWith(QStringLiteral("vardell-server: ")));
-  };
   auto misused = Command();
   misused.push_back("--frobnicate");
-  expect(misused, 2, "--frobnicate");
-  expect(Command("127.0.0.1:0", "no/such/store.sqlite"), 1, "make its folder");
-  expect(Command("192.0.2.1:0"), 1, "--listen");
+  ExpectRefused(misused, 2, "--frobnicate");
+  ExpectRefused(Command("127.0.0.1:0", "no/such/store.sqlite"), 1, "make its folder");
+  ExpectRefused(Command("192.0.2.1:0"), 1, "--listen");
   StartServer();
-  expect(Command(), 1, "in use by another program");
-  expect(Command("127.0.0.1:" + std::to_string(port_), "other.sqlite"), 1, "in use");
+  ExpectRefused(Command(), 1, "in use by another program");
+  ExpectRefused(Command("127.0.0.1:" + std::to_string(port_), "other.sqlite"), 1, "in use");
 }
 
 }  // namespace
