@@ -2,16 +2,16 @@
 #include "platform/linux/AvahiDiscovery.h"
 
 #include <arpa/inet.h>
-#include <avahi-client/publish.h>
 #include <avahi-common/error.h>
-#include <avahi-common/thread-watch.h>
 #include <gtest/gtest.h>
 
 #include <QString>
 #include <algorithm>
 #include <atomic>
+#include <list>
 #include <memory>
 
+#include "server/Publisher.h"
 #include "tests/support/AvahiDaemon.h"
 #include "tests/support/Waiting.h"
 
@@ -22,42 +22,21 @@ using namespace std::chrono_literals;
 using test::WaitUntil;
 
 constexpr std::uint16_t kPort = 4711;
-constexpr char kType[] = "_vardelltest._tcp";
+constexpr char kType[] = "_vardell5._tcp";
 
 // Publishes services from a thread of its own while it lives.
 class Publication {
  public:
-  explicit Publication(const std::vector<const char*>& names = {"Household"})
-      : poll_(avahi_threaded_poll_new()) {
-    int error = 0;
-    client_ = avahi_client_new(avahi_threaded_poll_get(poll_), AvahiClientFlags{}, nullptr, nullptr,
-                               &error);
-    if (client_) {
-      AvahiEntryGroup* group = avahi_entry_group_new(client_, GroupChanged, this);
-      for (const char* name : names)
-        avahi_entry_group_add_service(group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
-                                      AvahiPublishFlags{}, name, kType, nullptr, nullptr, kPort,
-                                      nullptr);
-      avahi_entry_group_commit(group);
-    }
-    avahi_threaded_poll_start(poll_);
+  explicit Publication(const char* name = "Household")
+      : publisher_(kPort, QString::fromUtf8(name), [this](const auto& published, const QString&) {
+          established_ = published.has_value();
+        }) {
     EXPECT_TRUE(WaitUntil([&] { return established_.load(); })) << "cannot publish";
-  }
-  ~Publication() {
-    avahi_threaded_poll_stop(poll_);
-    if (client_) avahi_client_free(client_);
-    avahi_threaded_poll_free(poll_);
   }
 
  private:
-  static void GroupChanged(AvahiEntryGroup*, AvahiEntryGroupState state, void* self) {
-    if (state == AVAHI_ENTRY_GROUP_ESTABLISHED)
-      static_cast<Publication*>(self)->established_ = true;
-  }
-
-  AvahiThreadedPoll* poll_;
-  AvahiClient* client_ = nullptr;
   std::atomic<bool> established_ = false;
+  server::Publisher publisher_;
 };
 
 class AvahiDiscoveryTest : public testing::Test {
@@ -121,9 +100,9 @@ TEST_F(AvahiDiscoveryTest, FindsAServiceThroughTheDomainItIsIn) {
 }
 
 TEST_F(AvahiDiscoveryTest, ResolvesToSocketAddressesOfSixteenBytesWhateverTheName) {
-  const std::vector<const char*> names = {"Household", "Büro · 家 \\ \"q\" & <b>", "a.b\\.c\\032d",
-                                          " %1%s "};
-  const Publication published(names);
+  const char* const names[] = {"Büro · 家 \\ \"q\" & <b>", " a.b\\.c\\032d %1%s "};
+  std::list<Publication> published;
+  for (const char* name : names) published.emplace_back(name);
   const sockaddr_in expected{AF_INET, htons(kPort), {htonl(INADDR_LOOPBACK)}, {}};
   Search();
   for (const char* name : names) {
@@ -146,7 +125,7 @@ TEST_F(AvahiDiscoveryTest, OnlyLiveBrowsersReportWhatComesAndGoesInsideRun) {
   Search();
   discovery.Run(50ms);
   Search("_vardellother._tcp");
-  auto published = std::make_unique<Publication>(std::vector{"Later"});
+  auto published = std::make_unique<Publication>("Later");
   const auto took = Duration([&] { discovery.Run(300ms); });
   EXPECT_TRUE(took >= 300ms && took < 1s) << took.count();
   EXPECT_FALSE(IsKnown("Later")) << "by a browser that is gone";
@@ -230,7 +209,7 @@ TEST_F(AvahiDiscoveryTest, SearchesGoOnWithADaemonThatWasRestarted) {
   published.reset();
   test::StartAvahi();
   ASSERT_TRUE(WaitUntil(AnyDaemon));
-  const Publication again({"After"});
+  const Publication again("After");
   EXPECT_TRUE(RunUntil("After", true));
   EXPECT_EQ(domainsAdded, 2);
   EXPECT_EQ(domainsRemoved, 1);

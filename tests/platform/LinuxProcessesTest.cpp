@@ -73,11 +73,8 @@ class LinuxProcessesTest : public testing::Test {
     }
     return {};
   }
-  static bool WaitExecutable(const char* end, const std::function<pid_t()>& pid) {
-    return WaitUntil([&] { return ReadExecutable(pid()).endsWith(end); });
-  }
   static bool WaitExecutable(const char* end, pid_t pid) {
-    return WaitExecutable(end, [pid] { return pid; });
+    return WaitUntil([&] { return ReadExecutable(pid).endsWith(end); });
   }
   bool WaitEvents(std::size_t count) {
     return WaitUntil([&] { return events_.size() == count; }, 5s);
@@ -234,9 +231,11 @@ TEST_F(LinuxProcessesTest, WhatAWrapperBecomesOrLeavesBehindIsStillTheApplicatio
 
   Program forking = Start({Path("bin/forks")});
   ASSERT_TRUE(WaitTold("launched", forking.pid(), "forks.desktop"));
-  ASSERT_TRUE(WaitExecutable("/home/real", [&] {
-    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(forking.pid()));
-    return children.open(QIODevice::ReadOnly) ? children.readAll().split(' ')[0].toInt() : 0;
+  QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(forking.pid()));
+  ASSERT_TRUE(children.open(QIODevice::ReadOnly));
+  ASSERT_TRUE(WaitUntil([&] {
+    children.seek(0);
+    return ReadExecutable(children.readAll().split(' ')[0].toInt()).endsWith("/home/real");
   }));
   (void)processes_.RunningApplications();
   forking.Signal(SIGKILL);

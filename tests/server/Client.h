@@ -2,8 +2,6 @@
 // what it is told, also what nobody would, and reads with a deadline.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,6 +17,7 @@
 #include "Common Sources/PropertyList.h"
 #include "link/Frame.h"
 #include "link/MessageEncoding.h"
+#include "tests/support/FakeServiceDiscovery.h"
 
 namespace vardell::test {
 
@@ -36,18 +35,14 @@ inline QByteArray FrameOf(RequestKind kind, const QStringList& strings) {
 class Client {
  public:
   explicit Client(std::uint16_t port, const char* address = "127.0.0.1") {
-    sockaddr_in in{};
-    in.sin_family = AF_INET;
-    in.sin_port = htons(port);
-    inet_pton(AF_INET, address, &in.sin_addr);
-    Connect(in);
+    Connect(SocketAddressV4(address, port));
   }
   explicit Client(const QString& path) {
     sockaddr_un un{};
     un.sun_family = AF_UNIX;
     const QByteArray name = QFile::encodeName(path);
     std::copy(name.begin(), name.end(), un.sun_path);
-    Connect(un);
+    Connect(QByteArray(reinterpret_cast<const char*>(&un), sizeof un));
   }
   ~Client() { close(fd_); }
   Client(const Client&) = delete;
@@ -93,11 +88,10 @@ class Client {
  private:
   static constexpr int kPatienceMs = 20000;
 
-  template <typename Address>
-  void Connect(const Address& address) {
-    const auto* any = reinterpret_cast<const sockaddr*>(&address);
+  void Connect(const QByteArray& address) {
+    const auto* any = reinterpret_cast<const sockaddr*>(address.constData());
     fd_ = socket(any->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    connected_ = connect(fd_, any, sizeof(address)) == 0;
+    connected_ = connect(fd_, any, static_cast<socklen_t>(address.size())) == 0;
   }
   bool IsReadable(int patience) const {
     pollfd wait{fd_, POLLIN, 0};

@@ -1,6 +1,5 @@
 #include "server/PeerIdentity.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/wait.h>
@@ -8,9 +7,9 @@
 
 #include <array>
 #include <cstring>
-#include <string>
 #include <utility>
 
+#include "tests/support/FakeServiceDiscovery.h"
 #include "tests/support/OtherUsers.h"
 
 namespace vardell::server {
@@ -18,22 +17,12 @@ namespace {
 
 using namespace test;
 
-sockaddr_storage Address(const std::string& text, std::uint16_t port) {
-  sockaddr_storage storage{};
-  auto* in = reinterpret_cast<sockaddr_in*>(&storage);
-  auto* in6 = reinterpret_cast<sockaddr_in6*>(&storage);
-  if (inet_pton(AF_INET, text.c_str(), &in->sin_addr) == 1) {
-    in->sin_family = AF_INET;
-    in->sin_port = htons(port);
-  } else if (inet_pton(AF_INET6, text.c_str(), &in6->sin6_addr) == 1) {
-    in6->sin6_family = AF_INET6;
-    in6->sin6_port = htons(port);
-  }
-  return storage;
+QByteArray Address(const char* text, std::uint16_t port) {
+  return std::strchr(text, ':') ? SocketAddressV6(text, port) : SocketAddressV4(text, port);
 }
 
-socklen_t SizeOf(const sockaddr_storage& address) {
-  return address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+const sockaddr* AsSocketAddress(const QByteArray& address) {
+  return reinterpret_cast<const sockaddr*>(address.constData());
 }
 
 // Closes what it holds.
@@ -48,26 +37,27 @@ class Socket {
 };
 
 // Listens on any port of `address`; -1 where the machine does not have that family.
-int Listen(const std::string& address, std::uint16_t* port) {
-  sockaddr_storage storage = Address(address, 0);
-  const int fd = socket(storage.ss_family, SOCK_STREAM, 0);
-  socklen_t size = SizeOf(storage);
+int Listen(const char* text, std::uint16_t* port) {
+  const QByteArray address = Address(text, 0);
+  const int fd = socket(AsSocketAddress(address)->sa_family, SOCK_STREAM, 0);
   const int no = 0;
-  if (storage.ss_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof(no));
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&storage), size) != 0 || listen(fd, 5) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &size) != 0) {
+  sockaddr_in6 bound{};
+  socklen_t size = sizeof(bound);
+  if (std::strchr(text, ':')) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof(no));
+  if (fd < 0 || bind(fd, AsSocketAddress(address), static_cast<socklen_t>(address.size())) != 0 ||
+      listen(fd, 5) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
     if (fd >= 0) close(fd);
     return -1;
   }
-  *port = ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+  *port = ntohs(bound.sin6_port);  // in both families at the same place
   return fd;
 }
 
-int Connect(const std::string& address, std::uint16_t port) {
-  const sockaddr_storage storage = Address(address, port);
-  const int fd = socket(storage.ss_family, SOCK_STREAM, 0);
-  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&storage), SizeOf(storage)), 0)
-      << address << ": " << strerror(errno);
+int Connect(const char* text, std::uint16_t port) {
+  const QByteArray address = Address(text, port);
+  const int fd = socket(AsSocketAddress(address)->sa_family, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(fd, AsSocketAddress(address), static_cast<socklen_t>(address.size())), 0)
+      << text << ": " << strerror(errno);
   return fd;
 }
 
@@ -169,10 +159,15 @@ TEST_F(PeerIdentityOfNobody, WhatIsNoConnection) {
 }
 
 TEST(PeerIdentity, KnowsThisMachinesAddresses) {
-  EXPECT_TRUE(IsOwnAddress(Address("127.0.0.1", 80)));
-  EXPECT_TRUE(IsOwnAddress(Address("127.9.8.7", 0)));
-  EXPECT_FALSE(IsOwnAddress(Address("192.0.2.1", 80))) << "reserved for documentation";
-  EXPECT_FALSE(IsOwnAddress(Address("2001:db8::1", 80))) << "reserved for documentation";
+  const auto isOwn = [](const char* text) {
+    sockaddr_storage storage{};
+    const QByteArray address = Address(text, 80);
+    std::memcpy(&storage, address.constData(), static_cast<std::size_t>(address.size()));
+    return IsOwnAddress(storage);
+  };
+  for (const char* own : {"127.0.0.1", "127.9.8.7"}) EXPECT_TRUE(isOwn(own)) << own;
+  for (const char* documentation : {"192.0.2.1", "2001:db8::1"})
+    EXPECT_FALSE(isOwn(documentation)) << documentation;
   EXPECT_FALSE(IsOwnAddress(sockaddr_storage{}));
 }
 
