@@ -51,14 +51,16 @@ void TickTimer::EndMessage() {
 
 void TickTimer::Stop() {
   if (!action_ || IsSuspended()) return;
-  owed_ = (monotonic_() - counted_) / second_ * second_;
+  owed_ += monotonic_() - counted_;
   timer_.stop();
 }
 
 void TickTimer::Restart() {
   if (!action_ || IsSuspended()) return;
-  counted_ = monotonic_() - std::exchange(owed_, milliseconds(0));
-  timer_.start(second_);
+  const milliseconds due = owed_ / second_ * second_;
+  owed_ -= due;
+  counted_ = monotonic_() - due;
+  timer_.start(due > milliseconds(0) ? milliseconds(0) : second_);
 }
 
 void TickTimer::ScheduleNext() {

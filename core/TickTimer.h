@@ -1,8 +1,9 @@
 // The timer behind the enforcement tick. It counts seconds by a monotonic clock: a timer that fires
 // late (a blocked request, a stopped process, a busy machine) calls its action once for each whole
 // second that passed, letting the event loop run in between when there are many. Nothing is counted
-// while there is a reason to stand still; what was owed before it is counted with the first tick
-// afterwards, one second after the last such reason has ended. Main thread only.
+// while there is a reason to stand still; the first tick afterwards comes one second after the last
+// such reason has ended. What passed uncounted before one is not lost: pieces of seconds add up
+// over all of them, and whole seconds are counted when it has ended. Main thread only.
 #pragma once
 
 #include <QTimer>
@@ -39,7 +40,7 @@ class TickTimer {
   std::chrono::milliseconds second_;
   std::function<void()> action_;
   std::chrono::milliseconds counted_{0};  // the clock at the last second that was counted
-  std::chrono::milliseconds owed_{0};     // whole seconds, uncounted when it came to stand still
+  std::chrono::milliseconds owed_{0};     // what passed uncounted before it came to stand still
   bool sessionAway_ = false;
   int messages_ = 0;
   QTimer timer_;

@@ -84,6 +84,18 @@ TEST_F(TickTimerTest, SecondsOwedFromBeforeAPauseAreCountedAfterIt) {
   EXPECT_EQ(6, Ticks());
 }
 
+TEST_F(TickTimerTest, PiecesOfSecondsBetweenPausesAddUp) {
+  for (int i = 0; i < 7; ++i) {
+    Pass(6);
+    timer.BeginMessage();
+    Pass(50);
+    timer.EndMessage();
+  }
+  EXPECT_EQ(4, Ticks());
+  Pass(10);
+  EXPECT_EQ(1, Ticks());
+}
+
 TEST_F(TickTimerTest, AReasonThatWasNeverThereChangesNothing) {
   Pass(6);
   timer.SetSessionAway(false);
