@@ -48,10 +48,7 @@ void QueueCurfewAlert(Agent& agent, const WatchedAppPtr& entry, bool isEarly,
 }
 
 void QueueLockScreen(Agent& agent, std::function<void()> dismissed) {
-  agent.alerts.EnqueueLock([&agent, dismissed = std::move(dismissed)] {
-    Tell(agent.ui.lockScreen);
-    Tell(dismissed);
-  });
+  agent.alerts.EnqueueLock([&agent] { Tell(agent.ui.lockScreen); }, std::move(dismissed));
 }
 
 }  // namespace vardell

@@ -91,7 +91,8 @@ void QueueDiskMessage(Agent& agent, const QString& text, std::function<void()> d
   QueuedAlert message;
   message.show = [&agent, text] { Tell(agent.ui.showMessage, text); };
   message.dismissed = std::move(dismissed);
-  agent.alerts.Enqueue(std::move(message));
+  // Over a window that nobody clicks away: the quota waits for this message to be seen.
+  agent.alerts.EnqueueCover(std::move(message));
 }
 
 void CheckDiskQuotaOf(Agent& agent, const WatchedAppPtr& entry) {
@@ -223,8 +224,13 @@ void RefreshStatusCredits(Agent& agent) {
 }
 
 void OfferRunningApplications(Agent& agent) {
+  const QString settings = QLatin1String(kGlobalSettingsIdentifier);
+  const WatchedAppPtr before = FindWatchedApp(agent.watchedApps, settings);
   std::erase_if(agent.watchedApps, [](const WatchedAppPtr& e) { return IsGlobalSettings(*e); });
   FillWatchedApps(MakeWatchContext(agent), agent.watchedApps);
+  const WatchedAppPtr now = FindWatchedApp(agent.watchedApps, settings);
+  // A Server that comes and goes does not bring the quota's minutes closer together.
+  if (before && now) now->ticks = before->ticks;
 }
 
 void EnforcementTick(Agent& agent) {

@@ -1,5 +1,7 @@
 #include "core/EventHandlers.h"
 
+#include <algorithm>
+
 #include "core/EnforcementTick.h"
 
 namespace vardell {

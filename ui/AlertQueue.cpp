@@ -9,15 +9,16 @@ namespace vardell {
 AlertQueue::AlertQueue(QObject* parent) : QObject(parent) {}
 
 AlertQueue::Waiting* AlertQueue::FindReplaceable(const WatchedAppPtr& entry) {
-  const auto it = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& waiting) {
-    return entry && waiting.entry == entry && waiting.replaceable;
-  });
-  return it == waiting_.end() ? nullptr : &*it;
+  const auto it =
+      std::find_if(alerts_.waiting.begin(), alerts_.waiting.end(), [&](const Waiting& waiting) {
+        return entry && waiting.entry == entry && waiting.replaceable;
+      });
+  return it == alerts_.waiting.end() ? nullptr : &*it;
 }
 
 void AlertQueue::Enqueue(QueuedAlert alert) {
   Waiting* place = FindReplaceable(alert.entry);
-  if (!place) place = &waiting_.emplace_back();
+  if (!place) place = &alerts_.waiting.emplace_back();
   place->entry = std::move(alert.entry);
   place->replaceable = alert.replaceable;
   place->outlivesEntry = alert.outlivesEntry;
@@ -26,14 +27,23 @@ void AlertQueue::Enqueue(QueuedAlert alert) {
   Schedule();
 }
 
-void AlertQueue::EnqueueLock(std::function<void()> show) {
-  locks_.push_back(std::move(show));
+void AlertQueue::EnqueueCover(QueuedAlert cover) {
+  Waiting& waiting = covers_.waiting.emplace_back();
+  waiting.show = std::move(cover.show);
+  if (cover.dismissed) waiting.dismissed.push_back(std::move(cover.dismissed));
+  Schedule();
+}
+
+void AlertQueue::EnqueueLock(std::function<void()> show, std::function<void()> dismissed) {
+  if (!locks_.up && locks_.waiting.empty()) locks_.waiting.emplace_back().show = std::move(show);
+  Waiting& lock = locks_.up ? *locks_.up : locks_.waiting.front();
+  if (dismissed) lock.dismissed.push_back(std::move(dismissed));
   Schedule();
 }
 
 void AlertQueue::DropAlertsOf(const WatchedApp& entry) {
   std::vector<std::function<void()>> told;
-  std::erase_if(waiting_, [&](Waiting& waiting) {
+  std::erase_if(alerts_.waiting, [&](Waiting& waiting) {
     if (waiting.entry.get() != &entry || waiting.outlivesEntry) return false;
     std::move(waiting.dismissed.begin(), waiting.dismissed.end(), std::back_inserter(told));
     return true;
@@ -50,11 +60,12 @@ void AlertQueue::SetSessionActive(bool active) {
 }
 
 bool AlertQueue::IsIdle() const {
-  return waiting_.empty() && locks_.empty() && !alertUp_ && !lockUp_;
+  const auto isIdle = [](const Level& level) { return level.waiting.empty() && !level.up; };
+  return isIdle(alerts_) && isIdle(covers_) && isIdle(locks_);
 }
 
 // A timer of its own for each showing: one timer does not fire inside its own modal loop, and a
-// lock must be able to come up there.
+// cover must be able to come up there.
 void AlertQueue::Schedule() {
   if (std::exchange(scheduled_, true)) return;
   QTimer::singleShot(0, this, [this] { ShowNext(); });
@@ -62,31 +73,22 @@ void AlertQueue::Schedule() {
 
 void AlertQueue::ShowNext() {
   scheduled_ = false;
-  if (!sessionActive_ || lockUp_) return;
-  if (!locks_.empty())
-    ShowLock();
-  else if (!alertUp_ && !waiting_.empty())
-    ShowAlert();
-  else
-    return;
-  Schedule();
+  if (!sessionActive_) return;
+  for (Level* level : {&locks_, &covers_, &alerts_}) {
+    if (level->up) return;
+    if (level->waiting.empty()) continue;
+    Show(*level);
+    return Schedule();
+  }
 }
 
-void AlertQueue::ShowLock() {
-  const std::function<void()> show = std::move(locks_.front());
-  locks_.pop_front();
-  lockUp_ = true;
-  show();
-  lockUp_ = false;
-}
-
-void AlertQueue::ShowAlert() {
-  const Waiting alert = std::move(waiting_.front());
-  waiting_.pop_front();
-  alertUp_ = true;
-  if (alert.show) alert.show();
-  alertUp_ = false;
-  for (const std::function<void()>& dismissed : alert.dismissed) dismissed();
+void AlertQueue::Show(Level& level) {
+  level.up = std::move(level.waiting.front());
+  level.waiting.pop_front();
+  if (level.up->show) level.up->show();
+  const Waiting shown = std::move(*level.up);
+  level.up.reset();
+  for (const std::function<void()>& dismissed : shown.dismissed) dismissed();
 }
 
 }  // namespace vardell

@@ -6,6 +6,7 @@
 #include <QObject>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "limits/WatchedApps.h"
@@ -29,8 +30,13 @@ class AlertQueue : public QObject {
 
   void Enqueue(QueuedAlert alert);
 
-  // Ahead of everything queued, and over an alert that stands now. Locks do not cover each other.
-  void EnqueueLock(std::function<void()> show);
+  // Ahead of everything that Enqueue() queued, and over an alert that stands now, but not over
+  // another cover. Its entry means nothing.
+  void EnqueueCover(QueuedAlert cover);
+
+  // Ahead of everything queued, and over whatever stands now. While a lock waits or is up it serves
+  // further requests too.
+  void EnqueueLock(std::function<void()> show, std::function<void()> dismissed);
 
   // The entry has left the table: its unseen alerts are dropped, except those that outlive it.
   void DropAlertsOf(const WatchedApp& entry);
@@ -50,18 +56,22 @@ class AlertQueue : public QObject {
     std::vector<std::function<void()>> dismissed;  // of what it replaced, then its own
   };
 
+  // What lies over one another; of each kind one is up at most.
+  struct Level {
+    std::deque<Waiting> waiting;
+    std::optional<Waiting> up;
+  };
+
   void Schedule();
   void ShowNext();
-  void ShowLock();
-  void ShowAlert();
+  static void Show(Level& level);
   Waiting* FindReplaceable(const WatchedAppPtr& entry);
 
-  std::deque<Waiting> waiting_;
-  std::deque<std::function<void()>> locks_;
+  Level alerts_;
+  Level covers_;
+  Level locks_;
   bool scheduled_ = false;
   bool sessionActive_ = true;
-  bool alertUp_ = false;
-  bool lockUp_ = false;
 };
 
 }  // namespace vardell

@@ -87,20 +87,35 @@ TEST_F(AlertQueueTest, ADismissalMayQueueTheNext) {
 
 TEST_F(AlertQueueTest, ALockGoesAheadOfWhatWaits) {
   queue.Enqueue(Alert("a"));
-  queue.EnqueueLock(Show("L"));
+  queue.EnqueueLock(Show("L"), {});
   Settle();
   EXPECT_EQ(events, (Events{"L+", "L-", "a+", "a-", "a!"}));
 }
 
-TEST_F(AlertQueueTest, ALockComesOverAStandingAlertAndNothingComesOverALock) {
-  whileUp["a"] = [&] { queue.EnqueueLock(Show("L")); };
-  whileUp["L"] = [&] {
-    queue.Enqueue(Alert("b"));
-    queue.EnqueueLock(Show("M"));
+TEST_F(AlertQueueTest, ACoverComesOverAStandingAlertALockOverBothAndNothingOverALock) {
+  whileUp["a"] = [&] { queue.EnqueueCover(Alert("c")); };
+  whileUp["c"] = [&] {
+    queue.EnqueueCover(Alert("d"));
+    queue.EnqueueLock(Show("L"), {});
   };
+  whileUp["L"] = [&] { queue.Enqueue(Alert("b")); };
   queue.Enqueue(Alert("a"));
   Settle();
-  EXPECT_EQ(events, (Events{"a+", "L+", "L-", "M+", "M-", "a-", "a!", "b+", "b-", "b!"}));
+  EXPECT_EQ(events, (Events{"a+", "c+", "L+", "L-", "c-", "c!", "d+", "d-", "d!", "a-", "a!", "b+",
+                            "b-", "b!"}));
+}
+
+TEST_F(AlertQueueTest, OneLockServesAllWhoAskForItUntilItHasGone) {
+  const auto ask = [&](const std::string& name) {
+    queue.EnqueueLock(Show(name), [this, name] { events.push_back(name + "!"); });
+  };
+  whileUp["L"] = [&] { ask("N"); };
+  ask("L");
+  ask("M");
+  Settle();
+  ask("O");
+  Settle();
+  EXPECT_EQ(events, (Events{"L+", "L-", "L!", "M!", "N!", "O+", "O-", "O!"}));
 }
 
 TEST_F(AlertQueueTest, ALaterAlertTakesThePlaceOfAnUnseenOneOfItsEntry) {
@@ -155,7 +170,7 @@ TEST_F(AlertQueueTest, AnAlertThatIsUpOutlivesItsEntry) {
 TEST_F(AlertQueueTest, NothingIsShownWhileTheSessionIsAway) {
   queue.Enqueue(Alert("a"));
   queue.SetSessionActive(false);
-  queue.EnqueueLock(Show("L"));
+  queue.EnqueueLock(Show("L"), {});
   queue.Enqueue(Alert("b", game));
   queue.DropAlertsOf(*game);
   Settle();
