@@ -11,7 +11,7 @@
     <message>
         <source>Credit low format disco</source>
         <extracomment>A warning. %1 and %2 as in "Credit low format". What is named ends when the message is clicked away.</extracomment>
-        <translation>%1: Deine Zeit ist aufgebraucht. Wenn du diese Meldung wegklickst, wird %2 beendet.</translation>
+        <translation>%1: Deine Zeit ist aufgebraucht. Wenn du diese Meldung wegklickst, spätestens aber in einer Minute, wird %2 beendet.</translation>
     </message>
     <message>
         <source>Credit low format disco in 5</source>

@@ -11,7 +11,7 @@
     <message>
         <source>Credit low format disco</source>
         <extracomment>A warning. %1 and %2 as in "Credit low format". What is named ends when the message is clicked away.</extracomment>
-        <translation>%1: your time is used up. When you click this message away, %2 will be closed.</translation>
+        <translation>%1: your time is used up. When you click this message away, or in one minute at the latest, %2 will be closed.</translation>
     </message>
     <message>
         <source>Credit low format disco in 5</source>

@@ -11,7 +11,7 @@
     <message>
         <source>Credit low format disco</source>
         <extracomment>A warning. %1 and %2 as in "Credit low format". What is named ends when the message is clicked away.</extracomment>
-        <translation>%1: se te ha acabado el tiempo. Cuando hagas clic en este mensaje, se cerrará %2.</translation>
+        <translation>%1: se te ha acabado el tiempo. Cuando hagas clic en este mensaje, o como mucho dentro de un minuto, se cerrará %2.</translation>
     </message>
     <message>
         <source>Credit low format disco in 5</source>

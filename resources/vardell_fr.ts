@@ -11,7 +11,7 @@
     <message>
         <source>Credit low format disco</source>
         <extracomment>A warning. %1 and %2 as in "Credit low format". What is named ends when the message is clicked away.</extracomment>
-        <translation>%1&#x202f;: ton temps est écoulé. Quand tu cliqueras sur ce message, %2 se fermera.</translation>
+        <translation>%1&#x202f;: ton temps est écoulé. Quand tu cliqueras sur ce message, ou au plus tard dans une minute, %2 se fermera.</translation>
     </message>
     <message>
         <source>Credit low format disco in 5</source>

@@ -29,7 +29,7 @@ TEST(CreditAlertTextTest, NamesTheApplicationOrTheSession) {
   const WatchedApp session = Entry("com.apple.loginwindow", "computer");
   EXPECT_EQ(CreditAlertText(session, CreditAlertKind::Disco),
             QStringLiteral("computer: your time is used up. When you click this message away, "
-                           "your session will be closed."));
+                           "or in one minute at the latest, your session will be closed."));
   EXPECT_EQ(ShownName(Entry("COM.APPLE.LOGINWINDOW", "x")), QStringLiteral("x"));
 }
 
