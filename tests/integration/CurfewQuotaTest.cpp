@@ -79,7 +79,7 @@ TEST_P(QuotaTest, WarnsIsSilentAndEndsTheSessionUnlessTheFolderShrinks) {
   world.SetHomeSize(1 << 19);
   StartDesktop();
   world.StartServer();
-  SetQuota(1);
+  SetQuota("1");
   world.StartAgentInSession();
   world.StartWitness();
   ASSERT_TRUE(WitnessPays(1));

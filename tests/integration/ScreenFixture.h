@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "control/HttpClient.h"
 #include "tests/integration/World.h"
 #include "tests/support/SecondClient.h"
 #include "tests/support/SessionBus.h"
@@ -36,16 +35,8 @@ class ScreenFixture : public testing::Test {
     world.SetLimits(identifier, {"Credit=" + std::to_string(minutes)});
     return world.Launch(identifier);
   }
-  void SetQuota(int megabytes) {
-    const control::HttpClient server(QString::fromStdString(world.Path("run/vardell/control.sock")),
-                                     kPatience);
-    const auto reply = server.Ask(
-        {"PATCH",
-         "/v1/users/" + QByteArray::fromStdString(world.user()) +
-             "/limits/com.brenwick.globalSettings",
-         {{"If-None-Match", "*"}},
-         R"({"limits": {"DQ Enabled": true, "DQ Value": )" + QByteArray::number(megabytes) + "}}"});
-    ASSERT_EQ(reply.status / 100, 2) << reply.body.constData();
+  void SetQuota(const std::string& megabytes) {
+    world.SetLimits("com.brenwick.globalSettings", {"DQ Enabled=yes", "DQ Value=" + megabytes});
   }
 
   bool IsUp(const QString& words) { return !reader.Windows(words).isEmpty(); }

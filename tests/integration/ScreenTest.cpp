@@ -143,7 +143,7 @@ TEST_F(ScreenTest, TheMenuTellsWhatIsLeftAndGoesOnWhileOpen) {
   world.SetHomeSize(3 << 19);
   world.StartServer();
   world.SetLimits("computer", {"Credit=90"});
-  SetQuota(2);
+  SetQuota("2");
   Program toy = LaunchWithCredit("toy", 1);
   StartDesktop();
   world.StartAgent();
