@@ -17,9 +17,6 @@ namespace {
 class StoreTest : public HouseholdFixture {
  protected:
   void Close() { household_.reset(); }
-  void Fill() {
-    for (int i = 1; i <= 200; ++i) Limit({{QStringLiteral("Credit"), i}});
-  }
 };
 
 void Execute(const QString& path, const char* sql) {
@@ -50,17 +47,13 @@ void ExpectRefused(const QString& path, const char* says) {
   }
 }
 
-TEST_F(StoreTest, IsForItsOwnerAlone) {
-  Fill();
+TEST_F(StoreTest, IsForItsOwnerAloneAndRefusesToRewriteHistoryAndTheValueThatMeansSpent) {
+  Limit({{QStringLiteral("Credit"), 5}});
   for (const char* suffix : {"", "-wal"}) {
     struct stat facts {};
     ASSERT_EQ(stat((StorePath().toStdString() + suffix).c_str(), &facts), 0) << suffix;
     EXPECT_EQ(facts.st_mode & 0777, 0600u) << suffix;
   }
-}
-
-TEST_F(StoreTest, RefusesToRewriteHistoryAndTheValueThatMeansSpent) {
-  Fill();
   Close();
   for (const char* sql :
        {"UPDATE ledger SET minutes = 0", "DELETE FROM ledger", "UPDATE audit SET actor = ''",
@@ -98,7 +91,7 @@ TEST_F(StoreTest, AChangeIsWrittenWholeOrNotAtAll) {
 }
 
 TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
-  Fill();
+  for (int i = 1; i <= 200; ++i) Limit({{QStringLiteral("Credit"), i}});
   ExpectRefused(StorePath(), "in use");
   Close();
   const QByteArray whole = LoadFile(StorePath().toUtf8(), 1 << 24).value_or("");
