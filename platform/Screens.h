@@ -2,6 +2,7 @@
 // Implemented by platform/linux/ (X11) and by a fake. Main thread only.
 #pragma once
 
+#include <QEvent>
 #include <QRect>
 #include <QWindow>
 
@@ -10,6 +11,11 @@ namespace vardell {
 // Modes and options of SetSystemUIMode, as the messages use them.
 enum class SystemUIMode { Normal = 0, ContentHidden = 2 };
 inline constexpr int kUIOptionDisableProcessSwitch = 8;
+
+// Sent from the event loop to a top-level window of this program, and by it to its widget, that is
+// to be seen and was hidden, destroyed, moved or sized, as other programs may do behind the
+// toolkit's back.
+inline constexpr auto kWindowTouched = static_cast<QEvent::Type>(QEvent::User + 1);
 
 class Screens {
  public:
@@ -24,9 +30,11 @@ class Screens {
   // ContentHidden takes keyboard and pointer for `window` (tried again from a timer while another
   // program holds them); Normal gives them back. A click on any screen reaches `window`.
   // While they are held, windows of other programs are put below `window` and the covers again
-  // whenever they come above them.
+  // whenever they come above them, and neither a shape nor translucency that another program gives
+  // to these lasts. Where `window` is destroyed it is to be made anew and given here again.
   virtual void SetSystemUIMode(SystemUIMode mode, int options, QWindow* window) = 0;
-  // True while keyboard and pointer are held; false also where they can never be.
+  // True while keyboard and pointer are held and the screens are covered; false also where they can
+  // never be.
   virtual bool HoldsInput() = 0;
 };
 

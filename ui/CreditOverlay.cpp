@@ -12,6 +12,7 @@
 #include "Common Sources/DurationString.h"
 #include "Common Sources/Localization.h"
 #include "platform/Processes.h"
+#include "ui/MessagePanel.h"
 
 namespace vardell {
 
@@ -205,25 +206,18 @@ CreditOverlay::CreditOverlay(const CreditOverlayInputs& inputs, Screens& screens
   fade_.setStartValue(1.0);
   fade_.setEndValue(0.0);
   connect(&fade_, &QPropertyAnimation::finished, this, [this] { TakeAway(); });
-  FollowScreens();
 }
 
-void CreditOverlay::FollowScreens() {
-  const auto move = [this] {
-    if (isVisible()) MoveToScreen();
-  };
-  const auto follow = [this, move](QScreen* screen) {
-    connect(screen, &QScreen::geometryChanged, this, move);
-  };
-  for (QScreen* screen : QGuiApplication::screens()) follow(screen);
-  connect(qGuiApp, &QGuiApplication::screenAdded, this, follow);
-  connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, move);
-}
-
-void CreditOverlay::MoveToScreen() {
-  const QRect bounds = screens_.MainDisplayBounds();
-  if (!bounds.isEmpty()) setGeometry(bounds);
+void CreditOverlay::resizeEvent(QResizeEvent* event) {
   setMask(Strip(*this));
+  QWidget::resizeEvent(event);
+}
+
+void CreditOverlay::Return() {
+  Follow();
+  Refresh();
+  show();
+  raise();
 }
 
 bool CreditOverlay::IsUp() const {
@@ -234,10 +228,7 @@ void CreditOverlay::Show() {
   if (!IsUp()) countdown_ = kVisibleTicks;
   fade_.stop();
   setWindowOpacity(1);
-  MoveToScreen();
-  Refresh();
-  show();
-  raise();
+  Return();
 }
 
 void CreditOverlay::Redraw() {
@@ -260,12 +251,13 @@ void CreditOverlay::Hide() {
     TakeAway();
 }
 
-// An application that goes full-screen is put over the strip; nothing tells of it.
+// An application that goes full-screen is put over the strip; nothing tells of it. A panel is over
+// it on purpose, except where it was asked for since.
 void CreditOverlay::CountDown() {
   if (!IsUp()) return;
   --countdown_;
   Redraw();
-  raise();
+  if (!MessagePanel::Topmost()) raise();
   if (countdown_ <= 0) Hide();
 }
 

@@ -5,13 +5,13 @@
 
 #include <QPropertyAnimation>
 #include <QString>
-#include <QWidget>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 #include "limits/WatchedApps.h"
 #include "platform/Screens.h"
+#include "ui/KeptWindow.h"
 
 namespace vardell {
 
@@ -30,7 +30,7 @@ QString CreditOverlayLine(const WatchedAppTable& watchedApps, std::int32_t front
 // The window is as large as the main display, and cut to the strip by its shape: a translucent
 // window would be black all over where nothing composes the screen, and compositors come and go.
 // It exists on the X server, and has its picture in memory, only while it is up.
-class CreditOverlay : public QWidget {
+class CreditOverlay : public KeptWindow {
  public:
   CreditOverlay(const CreditOverlayInputs& inputs, Screens& screens);
 
@@ -41,12 +41,13 @@ class CreditOverlay : public QWidget {
 
  protected:
   void paintEvent(QPaintEvent*) override;
+  void resizeEvent(QResizeEvent* event) override;
+  QRect Place() const override { return screens_.MainDisplayBounds(); }
+  void Return() override;
 
  private:
   bool IsUp() const;
   void Refresh();
-  void FollowScreens();
-  void MoveToScreen();
   void TakeAway();
 
   CreditOverlayInputs inputs_;

@@ -10,7 +10,7 @@
 
 #include "Common Sources/Localization.h"
 #include "Common Sources/TestHooks.h"
-#include "ui/MainDisplay.h"
+#include "ui/MessagePanel.h"
 
 namespace vardell {
 
@@ -81,20 +81,26 @@ LockBadge::LockBadge(Screens& screens, LockRequest lockScreen)
                  Qt::X11BypassWindowManagerHint | Qt::WindowDoesNotAcceptFocus);
   setAttribute(Qt::WA_ShowWithoutActivating);
   setAttribute(Qt::WA_TranslucentBackground);
-  setGeometry(Place());
+  Follow();
   for (QTimer* timer : {&blink_, &countdown_}) timer->setTimerType(Qt::PreciseTimer);
   countdown_.setSingleShot(true);
   connect(&blink_, &QTimer::timeout, this, [this] { Blink(); });
   connect(&countdown_, &QTimer::timeout, this, [this] { Lock(); });
-  WatchMainDisplay(this, [this] { SnapBack(); });
 }
 
 void LockBadge::ShowWindow() {
   hides_ = std::max(0, hides_ - 1);
   if (hides_ > 0) return;
+  Return();
+}
+
+// Beneath a panel, which the window is made above.
+void LockBadge::Return() {
   Shape();
+  Follow();
   show();
-  raise();
+  MessagePanel* panel = MessagePanel::Topmost();
+  panel ? panel->raise() : raise();
 }
 
 void LockBadge::HideWindow() {
@@ -108,8 +114,7 @@ void LockBadge::Toggle() {
 }
 
 void LockBadge::paintEvent(QPaintEvent*) {
-  SnapBack();
-  raise();
+  if (!MessagePanel::Topmost()) raise();
   if (!badgeVisible_) return;
   QPainter painter(this);
   DrawPadlock(painter, !screens_.IsComposited());
@@ -126,22 +131,8 @@ void LockBadge::mouseDoubleClickEvent(QMouseEvent*) {
   blink_.start(Milliseconds(kBlinkSeconds));
 }
 
-void LockBadge::moveEvent(QMoveEvent*) {
-  SnapBack();
-}
-
-void LockBadge::resizeEvent(QResizeEvent*) {
-  SnapBack();
-}
-
 QRect LockBadge::Place() const {
   return {screens_.MainDisplayBounds().topLeft(), kBadgeSize};
-}
-
-void LockBadge::SnapBack() {
-  if (geometry() == Place()) return;
-  setGeometry(Place());
-  raise();
 }
 
 // Without a compositor nothing is translucent: the window has the padlock's shape then, and where

@@ -3,18 +3,18 @@
 #pragma once
 
 #include <QTimer>
-#include <QWidget>
 #include <functional>
 #include <memory>
 
 #include "platform/Screens.h"
+#include "ui/KeptWindow.h"
 
 namespace vardell {
 
 // Queues the lock screen and returns at once; `dismissed` is called when the lock has gone.
 using LockRequest = std::function<void(std::function<void()> dismissed)>;
 
-class LockBadge : public QWidget {
+class LockBadge : public KeptWindow {
  public:
   LockBadge(Screens& screens, LockRequest lockScreen);
 
@@ -26,12 +26,10 @@ class LockBadge : public QWidget {
   void paintEvent(QPaintEvent* event) override;
   void mousePressEvent(QMouseEvent* event) override;
   void mouseDoubleClickEvent(QMouseEvent* event) override;
-  void moveEvent(QMoveEvent* event) override;
-  void resizeEvent(QResizeEvent* event) override;
+  QRect Place() const override;
+  void Return() override;
 
  private:
-  QRect Place() const;
-  void SnapBack();
   void Shape();
   void Redraw();
   void Blink();

@@ -5,13 +5,11 @@
 #include <QApplication>
 #include <QMouseEvent>
 #include <QTextLayout>
-#include <QTimer>
 #include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "Common Sources/Localization.h"
-#include "ui/MainDisplay.h"
 
 namespace vardell {
 
@@ -23,7 +21,6 @@ constexpr int kLinesOfPanel = 18;  // of the nominal size
 constexpr int kMarginShare = 10;   // of the width, on each side
 constexpr int kMaxText = 1500;     // letters; what is longer cannot be read in a minute
 constexpr int kBalancingSteps = 10;
-constexpr int kFollowMs = 50;  // so that a fight over the panel's place costs little
 
 // Breaks the text into lines of that width and gives the size that they need.
 QSizeF Break(QTextLayout& layout, qreal width) {
@@ -140,8 +137,7 @@ MessagePanel::MessagePanel(PanelUse use, QRgb colour, std::function<QString()> t
   setCursor(Qt::ArrowCursor);
   setAccessibleDescription(Localized("Click to continue"));
   Refresh();
-  FollowScreen();
-  WatchMainDisplay(this, [this] { FollowScreenSoon(); });
+  Follow();
 }
 
 void MessagePanel::TakeScreens() {
@@ -162,12 +158,19 @@ void MessagePanel::Appear() {
   QAccessible::updateAccessibility(&alert);
 }
 
+void MessagePanel::Return() {
+  TakeScreens();
+  show();
+  raise();
+}
+
 void MessagePanel::RunModally() {
   loop_.exec();
 }
 
 void MessagePanel::LeaveUIMode() {
   if (below_) {
+    below_->ReturnIfLost();
     below_->TakeScreens();
     below_->raise();
   } else {
@@ -216,27 +219,6 @@ void MessagePanel::paintEvent(QPaintEvent*) {
   Refresh();
   QPainter painter(this);
   DrawMessagePanel(painter, rect(), shown_, colour_);
-}
-
-void MessagePanel::moveEvent(QMoveEvent*) {
-  FollowScreenSoon();
-}
-
-void MessagePanel::resizeEvent(QResizeEvent*) {
-  FollowScreenSoon();
-}
-
-void MessagePanel::FollowScreen() {
-  const QRect bounds = screens_.MainDisplayBounds();
-  if (!bounds.isEmpty()) setGeometry(bounds);
-}
-
-void MessagePanel::FollowScreenSoon() {
-  if (std::exchange(following_, true)) return;
-  QTimer::singleShot(kFollowMs, this, [this] {
-    following_ = false;
-    FollowScreen();
-  });
 }
 
 }  // namespace vardell

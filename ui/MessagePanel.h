@@ -7,11 +7,11 @@
 #include <QPainter>
 #include <QPointer>
 #include <QRect>
-#include <QWidget>
 #include <cstdint>
 #include <functional>
 
 #include "platform/Screens.h"
+#include "ui/KeptWindow.h"
 
 namespace vardell {
 
@@ -43,8 +43,9 @@ inline void CleanUpScreenFade() {}
 enum class PanelUse { CreditAlert, Message, Lock };
 
 // Gives screens and input back to the panel `below`, over which it stands, if there is one. A click
-// of any button anywhere dismisses it; no key does.
-class MessagePanel : public QWidget {
+// of any button anywhere dismisses it; no key does. One that is lost beneath another comes back
+// when that has gone.
+class MessagePanel : public KeptWindow {
   Q_OBJECT
 
  public:
@@ -75,13 +76,11 @@ class MessagePanel : public QWidget {
   void mousePressEvent(QMouseEvent* event) override;
   void closeEvent(QCloseEvent* event) override;
   void paintEvent(QPaintEvent* event) override;
-  void moveEvent(QMoveEvent* event) override;
-  void resizeEvent(QResizeEvent* event) override;
+  QRect Place() const override { return screens_.MainDisplayBounds(); }
+  bool MayReturn() const override { return Topmost() == this; }
+  void Return() override;
 
  private:
-  void FollowScreen();
-  void FollowScreenSoon();
-
   PanelUse use_;
   QColor colour_;
   std::function<QString()> text_;
@@ -89,7 +88,6 @@ class MessagePanel : public QWidget {
   Screens& screens_;
   QPointer<MessagePanel> below_;
   QEventLoop loop_;
-  bool following_ = false;
 };
 
 }  // namespace vardell

@@ -10,6 +10,8 @@
 
 #include "Common Sources/Localization.h"
 #include "Common Sources/TestHooks.h"
+#include "ui/KeptWindow.h"
+#include "ui/MessagePanel.h"
 
 namespace vardell {
 
@@ -55,7 +57,7 @@ void Arrange(QMessageBox& box) {
     detail->setContentsMargins(8, 4, 16, 12);
 }
 
-class StopAlertBox : public QMessageBox {
+class StopAlertBox : public Kept<QMessageBox> {
  public:
   explicit StopAlertBox(const QString& text) {
     setWindowTitle(QStringLiteral("Vardell"));
@@ -90,6 +92,11 @@ class StopAlertBox : public QMessageBox {
       event->ignore();
     else
       QMessageBox::closeEvent(event);
+  }
+  // On the desktop that is shown now, and beneath a panel.
+  void Return() override {
+    showNormal();
+    if (MessagePanel* panel = MessagePanel::Topmost()) panel->raise();
   }
   bool eventFilter(QObject* object, QEvent* event) override {
     const bool isKey = event->type() == QEvent::KeyPress || event->type() == QEvent::Shortcut;

@@ -90,12 +90,33 @@ bool XcbDesktop::IsFromThisMachine(xcb_window_t window) const {
                           reply->value_len) == host;
 }
 
-void XcbDesktop::SelectRootEvents(std::uint32_t mask) const {
+std::uint32_t XcbDesktop::RootEvents() const {
   const XcbReply<xcb_get_window_attributes_reply_t> reply(xcb_get_window_attributes_reply(
       connection_, xcb_get_window_attributes(connection_, root_), nullptr));
-  const std::uint32_t all = mask | (reply ? reply->your_event_mask : 0);
+  return reply ? reply->your_event_mask : 0;
+}
+
+void XcbDesktop::SelectRootEvents(std::uint32_t mask) const {
+  const std::uint32_t all = mask | RootEvents();
   xcb_change_window_attributes(connection_, root_, XCB_CW_EVENT_MASK, &all);
   xcb_flush(connection_);
+}
+
+// The selection belongs to the connection, which is the application's: so does the number of those
+// who need it.
+void XcbDesktop::WatchChildrenOfRoot(bool watch) const {
+  constexpr char kWatchers[] = "vardellWatchersOfRoot";
+  constexpr std::uint32_t kEvents = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+  const int watchers = qGuiApp->property(kWatchers).toInt() + (watch ? 1 : -1);
+  qGuiApp->setProperty(kWatchers, watchers);
+  const std::uint32_t mask = watchers > 0 ? RootEvents() | kEvents : RootEvents() & ~kEvents;
+  xcb_change_window_attributes(connection_, root_, XCB_CW_EVENT_MASK, &mask);
+  xcb_flush(connection_);
+}
+
+bool XcbDesktop::IsOwn(xcb_window_t window) const {
+  const xcb_setup_t* setup = xcb_get_setup(connection_);
+  return (window & ~setup->resource_id_mask) == setup->resource_id_base;
 }
 
 namespace {

@@ -39,10 +39,16 @@ class XcbDesktop {
   bool HasSelectionOwner(const char* selection) const;
   // Adds to the events of the root window that this connection receives; Qt selects others there.
   void SelectRootEvents(std::uint32_t mask) const;
+  // Whether this connection is told what becomes of the windows on the screen: each step of any
+  // that is moved wakes this program up. To be ended as often as it was begun.
+  void WatchChildrenOfRoot(bool watch) const;
+  // Also of a window that has gone.
+  bool IsOwn(xcb_window_t window) const;
 
  private:
   XcbDesktop(xcb_connection_t* connection, xcb_window_t root)
       : connection_(connection), root_(root) {}
+  std::uint32_t RootEvents() const;
   bool Exists(xcb_window_t window) const;
   std::optional<pid_t> ResourcePid(xcb_window_t window) const;
   bool IsFromThisMachine(xcb_window_t window) const;

@@ -1,12 +1,15 @@
 #include "platform/linux/XcbScreens.h"
 
+#include <xcb/shape.h>
 #include <QGuiApplication>
 #include <QPainter>
 #include <QRasterWindow>
 #include <QScreen>
 
 #include <algorithm>
+#include <utility>
 
+#include "platform/MainDisplay.h"
 #include "platform/linux/XcbStacking.h"
 
 namespace vardell {
@@ -17,7 +20,7 @@ constexpr int kGrabRetryMs = 100;
 // Held input is taken again now and then: it is lost without a word when another program hides the
 // window for a moment.
 constexpr int kGrabRenewalMs = 500;
-constexpr int kStackPauseMs = 50;  // between two raises, so that a fight over the top costs little
+constexpr int kStackPauseMs = 50;  // so that a fight over the top, or over a cover, costs little
 
 }  // namespace
 
@@ -61,6 +64,36 @@ bool GrabInput(const XcbDesktop& desktop, xcb_window_t window) {
          pointer->status == XCB_GRAB_STATUS_SUCCESS;
 }
 
+// Where another program has cut holes into the window, or made it translucent.
+void ShowWhole(const XcbDesktop& desktop, xcb_window_t window) {
+  xcb_connection_t* c = desktop.Connection();
+  const xcb_query_extension_reply_t* shape = xcb_get_extension_data(c, &xcb_shape_id);
+  if (shape && shape->present) {
+    for (const xcb_shape_kind_t kind :
+         {XCB_SHAPE_SK_BOUNDING, XCB_SHAPE_SK_CLIP, XCB_SHAPE_SK_INPUT})
+      xcb_shape_mask(c, XCB_SHAPE_SO_SET, kind, window, 0, 0, XCB_PIXMAP_NONE);
+  }
+  xcb_delete_property(c, window, desktop.Atom("_NET_WM_WINDOW_OPACITY"));
+}
+
+struct Touch {
+  xcb_window_t window = XCB_WINDOW_NONE;
+  bool hidden = false;
+};
+
+std::optional<Touch> TouchOf(const xcb_generic_event_t& event) {
+  switch (event.response_type & 0x7f) {
+    case XCB_UNMAP_NOTIFY:
+      return Touch{reinterpret_cast<const xcb_unmap_notify_event_t&>(event).window, true};
+    case XCB_DESTROY_NOTIFY:
+      return Touch{reinterpret_cast<const xcb_destroy_notify_event_t&>(event).window, true};
+    case XCB_CONFIGURE_NOTIFY:
+      return Touch{reinterpret_cast<const xcb_configure_notify_event_t&>(event).window, false};
+    default:
+      return std::nullopt;
+  }
+}
+
 bool TellsOfStacking(const xcb_generic_event_t& event) {
   switch (event.response_type & 0x7f) {
     case XCB_MAP_NOTIFY:
@@ -84,20 +117,16 @@ XcbScreens::XcbScreens(QObject* parent) : QObject(parent), desktop_(XcbDesktop::
   const auto screensChanged = [this] {
     if (capturing_) CoverScreens();
   };
-  const auto follow = [this, screensChanged](QScreen* screen) {
-    connect(screen, &QScreen::geometryChanged, this, screensChanged);
-  };
-  for (QScreen* screen : QGuiApplication::screens()) follow(screen);
-  connect(qGuiApp, &QGuiApplication::screenAdded, this, follow);
+  WatchMainDisplay(this, screensChanged);
   connect(qGuiApp, &QGuiApplication::screenAdded, this, screensChanged);
   connect(qGuiApp, &QGuiApplication::screenRemoved, this, screensChanged);
-  connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, screensChanged);
-  desktop_->SelectRootEvents(XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY);
   QCoreApplication::instance()->installNativeEventFilter(this);
 }
 
 XcbScreens::~XcbScreens() {
-  if (qApp) qApp->removeNativeEventFilter(this);
+  if (!qApp) return;
+  qApp->removeNativeEventFilter(this);
+  if (taking_) desktop_->WatchChildrenOfRoot(false);
 }
 
 QRect XcbScreens::MainDisplayBounds() {
@@ -143,11 +172,19 @@ void XcbScreens::CoverScreens() {
   StackSoon();
 }
 
+void XcbScreens::CoverScreensSoon() {
+  QTimer::singleShot(kStackPauseMs, this, [this] {
+    if (capturing_) CoverScreens();
+  });
+}
+
 void XcbScreens::SetSystemUIMode(SystemUIMode mode, int, QWindow* window) {
   if (!desktop_) return;
   if (inputWindow_) inputWindow_->removeEventFilter(this);
   inputWindow_ = mode == SystemUIMode::Normal ? nullptr : window;
   holdsInput_ = false;
+  const bool taking = inputWindow_ != nullptr;
+  if (std::exchange(taking_, taking) != taking) desktop_->WatchChildrenOfRoot(taking);
   if (inputWindow_) {
     inputWindow_->installEventFilter(this);
     TakeInput();
@@ -161,7 +198,9 @@ void XcbScreens::SetSystemUIMode(SystemUIMode mode, int, QWindow* window) {
 }
 
 bool XcbScreens::HoldsInput() {
-  return inputWindow_ && holdsInput_;
+  const bool covered = !capturing_ || static_cast<qsizetype>(covers_.size()) + 1 >=
+                                          QGuiApplication::screens().size();
+  return inputWindow_ && inputWindow_->isExposed() && holdsInput_ && covered;
 }
 
 // Refused while the window is not on the screen yet, and while another program has a menu open.
@@ -172,6 +211,10 @@ void XcbScreens::TakeInput() {
   }
   holdsInput_ = inputWindow_->isExposed() &&
                 GrabInput(*desktop_, static_cast<xcb_window_t>(inputWindow_->winId()));
+  if (holdsInput_) {
+    for (const xcb_window_t window : Windows()) ShowWhole(*desktop_, window);
+    xcb_flush(desktop_->Connection());
+  }
   grab_.start(holdsInput_ ? kGrabRenewalMs : kGrabRetryMs);
 }
 
@@ -181,10 +224,39 @@ bool XcbScreens::eventFilter(QObject*, QEvent* event) {
 }
 
 bool XcbScreens::nativeEventFilter(const QByteArray& eventType, void* message, qintptr*) {
-  if (inputWindow_ && eventType == "xcb_generic_event_t" &&
-      TellsOfStacking(*static_cast<const xcb_generic_event_t*>(message)))
-    StackSoon();
+  if (eventType != "xcb_generic_event_t") return false;
+  const auto& event = *static_cast<const xcb_generic_event_t*>(message);
+  const std::optional<Touch> touch = TouchOf(event);
+  // Not before Qt has taken in what has become of the window.
+  if (touch && desktop_->IsOwn(touch->window)) {
+    QTimer::singleShot(0, this, [this, touch = *touch] { Tell(touch.window, touch.hidden); });
+  }
+  if (inputWindow_ && TellsOfStacking(event)) StackSoon();
   return false;
+}
+
+// A window that this program itself has hidden or destroyed is not visible, or gone, by now.
+void XcbScreens::Tell(xcb_window_t touched, bool hidden) {
+  const auto isIt = [&](const QWindow& window) {
+    return window.handle() && window.isVisible() && window.winId() == touched;
+  };
+  if (hidden && std::erase_if(covers_, [&](const auto& cover) { return isIt(*cover); }) > 0) {
+    CoverScreensSoon();
+    return;
+  }
+  for (QWindow* window : QGuiApplication::topLevelWindows()) {
+    if (!isIt(*window)) continue;
+    QEvent event(kWindowTouched);
+    QCoreApplication::sendEvent(window, &event);
+    return;
+  }
+}
+
+// Those that are to be above all others.
+std::vector<xcb_window_t> XcbScreens::Windows() const {
+  std::vector<xcb_window_t> windows{static_cast<xcb_window_t>(inputWindow_->winId())};
+  for (const auto& cover : covers_) windows.push_back(static_cast<xcb_window_t>(cover->winId()));
+  return windows;
 }
 
 void XcbScreens::StackSoon() {
@@ -197,11 +269,8 @@ void XcbScreens::StackSoon() {
 void XcbScreens::Stack() {
   if (!inputWindow_ || !inputWindow_->isVisible()) return;
   sinceStacked_.start();
-  std::vector<xcb_window_t> windows{static_cast<xcb_window_t>(inputWindow_->winId())};
-  for (const auto& cover : covers_) {
-    cover->Fit();
-    windows.push_back(static_cast<xcb_window_t>(cover->winId()));
-  }
+  for (const auto& cover : covers_) cover->Fit();
+  const std::vector<xcb_window_t> windows = Windows();
   for (const xcb_window_t window : windows) xcb_map_window(desktop_->Connection(), window);
   RaiseAboveOthers(*desktop_, windows);
   xcb_flush(desktop_->Connection());

@@ -37,6 +37,9 @@ class XcbScreens : public QObject, public Screens, private QAbstractNativeEventF
   bool eventFilter(QObject* object, QEvent* event) override;
   bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr* result) override;
   void CoverScreens();
+  void CoverScreensSoon();
+  void Tell(xcb_window_t touched, bool hidden);
+  std::vector<xcb_window_t> Windows() const;
   void TakeInput();
   void StackSoon();
   void Stack();
@@ -45,6 +48,7 @@ class XcbScreens : public QObject, public Screens, private QAbstractNativeEventF
   bool capturing_ = false;
   std::vector<std::unique_ptr<BlackWindow>> covers_;
   QPointer<QWindow> inputWindow_;
+  bool taking_ = false;  // or trying to
   bool holdsInput_ = false;
   QTimer grab_;
   QTimer stack_;

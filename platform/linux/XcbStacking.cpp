@@ -36,16 +36,13 @@ bool AnyCanBeSeen(const XcbDesktop& desktop, const Windows& windows) {
 
 void RaiseAboveOthers(const XcbDesktop& desktop, const Windows& windows) {
   xcb_connection_t* c = desktop.Connection();
-  const xcb_setup_t* setup = xcb_get_setup(c);
   const Windows children = Children(desktop);
   const auto lowest =
       std::find_first_of(children.begin(), children.end(), windows.begin(), windows.end());
   Windows own;
   Windows others;
-  for (auto it = lowest; it != children.end(); ++it) {
-    const bool isOwn = (*it & ~setup->resource_id_mask) == setup->resource_id_base;
-    (isOwn ? own : others).push_back(*it);
-  }
+  for (auto it = lowest; it != children.end(); ++it)
+    (desktop.IsOwn(*it) ? own : others).push_back(*it);
   if (!AnyCanBeSeen(desktop, others)) return;
   constexpr std::uint32_t kAbove = XCB_STACK_MODE_ABOVE;
   for (const xcb_window_t window : own)

@@ -11,6 +11,7 @@
 #include "tests/platform/Installation.h"
 #include "tests/support/FakeSession.h"
 #include "tests/support/Program.h"
+#include "tests/support/SecondClient.h"
 
 namespace vardell {
 namespace {
@@ -54,6 +55,17 @@ TEST(XcbWindowOwnersTest, AsksTheServerOnlyAfterAChange) {
   Program managed({"xclock"}, {});
   ASSERT_TRUE(WaitUntil([&] { return owns(managed.pid()); }));
   EXPECT_TRUE(askedNoMore());
+
+  const auto isWatching = [] {
+    const XcbDesktop desktop = *XcbDesktop::Open();
+    const auto root = test::Owned(xcb_get_window_attributes_reply(
+        desktop.Connection(), xcb_get_window_attributes(desktop.Connection(), desktop.Root()),
+        nullptr));
+    return (root->your_event_mask & XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY) != 0;
+  };
+  EXPECT_TRUE(isWatching());
+  test::Tool({"sh", "-c", "xdotool search --name xclock windowmove 200 200"});
+  EXPECT_TRUE(WaitUntil([&] { return !isWatching(); })) << "woken up by each further step";
 
   const pid_t pid = managed.pid();
   managed.End(SIGTERM);

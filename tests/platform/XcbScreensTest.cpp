@@ -118,6 +118,57 @@ TEST_F(XcbScreensTest, WhatAnotherProgramPutsAboveIsCoveredAgainButOurOwnIsNot) 
       << "goes on afterwards";
 }
 
+TEST_F(XcbScreensTest, WhatAnotherProgramDoesToThePanelOrACoverIsUndone) {
+  AddMonitor("left", 0, 640);
+  AddMonitor("right", 640, 640);
+  QWidget window(nullptr, Qt::X11BypassWindowManagerHint);
+  window.setGeometry(0, 0, 640, 800);
+  window.show();
+  screens.CaptureSecondaryDisplays();
+  const auto ofCover = [&] {
+    for (QWindow* one : QGuiApplication::topLevelWindows()) {
+      if (one != window.windowHandle() && one->geometry() == QRect(640, 0, 640, 800))
+        return static_cast<xcb_window_t>(one->winId());
+    }
+    return static_cast<xcb_window_t>(XCB_WINDOW_NONE);
+  };
+  const auto rootEvents = [] {
+    const XcbDesktop desktop = *XcbDesktop::Open();
+    return test::Owned(xcb_get_window_attributes_reply(
+                           desktop.Connection(),
+                           xcb_get_window_attributes(desktop.Connection(), desktop.Root()),
+                           nullptr))
+        ->your_event_mask;
+  };
+  const std::uint32_t before = rootEvents();
+  EXPECT_FALSE(before & XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY) << "woken up by every window";
+  screens.SetSystemUIMode(SystemUIMode::ContentHidden, kUIOptionDisableProcessSwitch,
+                          window.windowHandle());
+  const auto isWhole = [&](xcb_window_t id) {
+    return screens.HoldsInput() && other.CanBeSeen(id) && !other.IsCut(id) &&
+           !test::Run({"xprop", "-id", std::to_string(id), "_NET_WM_WINDOW_OPACITY"}, {})
+                .output.contains(u'=');
+  };
+  for (const auto& id : {std::function<xcb_window_t()>(ofCover), std::function([&] {
+                           return static_cast<xcb_window_t>(window.winId());
+                         })}) {
+    ASSERT_TRUE(WaitUntil([&] { return isWhole(id()); }));
+    other.CutAway(id());
+    EXPECT_TRUE(other.IsCut(id()));
+    EXPECT_TRUE(WaitUntil([&] { return isWhole(id()); })) << "cut";
+    Tool({"xprop", "-id", std::to_string(id()), "-f", "_NET_WM_WINDOW_OPACITY", "32c", "-set",
+          "_NET_WM_WINDOW_OPACITY", "0"});
+    EXPECT_TRUE(WaitUntil([&] { return isWhole(id()); })) << "translucent";
+  }
+  Tool({"xdotool", "windowclose", std::to_string(ofCover())});
+  EXPECT_TRUE(WaitUntil([&] { return isWhole(ofCover()); })) << "a cover destroyed";
+  Tool({"xdotool", "windowclose", std::to_string(window.winId())});
+  EXPECT_TRUE(WaitUntil([&] { return !screens.HoldsInput(); })) << "the panel destroyed";
+  screens.SetSystemUIMode(SystemUIMode::Normal, 0, nullptr);
+  EXPECT_EQ(rootEvents(), before);
+  screens.ReleaseDisplays();
+}
+
 TEST_F(XcbScreensTest, InputIsTakenAfterAnotherProgramsMenuHasClosedUnlessGivenBack) {
   QWidget window(nullptr, Qt::X11BypassWindowManagerHint);
   window.show();

@@ -2,6 +2,7 @@
 // properties, and looks at what is on the screen. Also xdotool and friends in a program of theirs.
 #pragma once
 
+#include <xcb/shape.h>
 #include <xcb/xcb.h>
 
 #include <QRect>
@@ -83,6 +84,26 @@ class SecondClient {
   void Hide(xcb_window_t window) {
     xcb_unmap_window(connection_, window);
     Sync();
+  }
+
+  // Leaves nothing of another client's window to be seen or clicked, by its shape.
+  void CutAway(xcb_window_t window) {
+    for (const xcb_shape_kind_t kind : {XCB_SHAPE_SK_BOUNDING, XCB_SHAPE_SK_INPUT})
+      xcb_shape_rectangles(connection_, XCB_SHAPE_SO_SET, kind, XCB_CLIP_ORDERING_UNSORTED, window,
+                           0, 0, 0, nullptr);
+    Sync();
+  }
+  bool IsCut(xcb_window_t window) {
+    const auto extents = Owned(xcb_shape_query_extents_reply(
+        connection_, xcb_shape_query_extents(connection_, window), nullptr));
+    const auto input = Owned(xcb_shape_get_rectangles_reply(
+        connection_, xcb_shape_get_rectangles(connection_, window, XCB_SHAPE_SK_INPUT), nullptr));
+    return !extents || extents->bounding_shaped || !input || input->rectangles_len != 1;
+  }
+  bool CanBeSeen(xcb_window_t window) {
+    const auto attributes = Owned(xcb_get_window_attributes_reply(
+        connection_, xcb_get_window_attributes(connection_, window), nullptr));
+    return attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE;
   }
 
   // The rectangles of the shown windows that no window manager manages, lowest first.

@@ -14,6 +14,7 @@
 #include "platform/linux/XcbScreens.h"
 #include "tests/support/QtEnvironment.h"
 #include "tests/support/SecondClient.h"
+#include "ui/MessagePanel.h"
 
 namespace vardell {
 namespace {
@@ -179,6 +180,17 @@ TEST_F(CreditOverlayTest, LiesOverAFullScreenWindowThatComesLaterFromTheNextTick
   unmanaged.raise();
   ASSERT_TRUE(WaitUntil([] { return !IsSeen(); }));
   EXPECT_TRUE(ShowAndWait()) << "asked for";
+}
+
+TEST_F(CreditOverlayTest, IsOverAPanelOnlyWhereItIsAskedForWhileThatIsUp) {
+  ASSERT_TRUE(ShowAndWait());
+  MessagePanel panel(
+      PanelUse::Lock, kMessageColour, [] { return QString(); }, screens, nullptr);
+  panel.Appear();
+  ASSERT_TRUE(WaitUntil([] { return !IsSeen(); }));
+  Ticks(1);
+  EXPECT_FALSE(WaitUntil(IsSeen, 200ms));
+  EXPECT_TRUE(ShowAndWait());
 }
 
 TEST_F(CreditOverlayTest, IsHiddenAtTheFourthTickWhateverIsAskedMeanwhile) {

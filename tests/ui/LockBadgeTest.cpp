@@ -1,8 +1,10 @@
 #include "ui/LockBadge.h"
 
 #include "platform/HotKeys.h"
+#include "platform/linux/XcbScreens.h"
 #include "tests/ui/ModalFixture.h"
 #include "ui/AlertHelpers.h"
+#include "ui/MessagePanel.h"
 
 #include <QElapsedTimer>
 #include <QLabel>
@@ -36,6 +38,7 @@ class LockBadgeTest : public test::ModalFixture {
   }
 
   FakeScreens screens;
+  XcbScreens watching;
   std::unique_ptr<LockBadge> badge;
   std::function<void()> lockGone;
   int locks = 0;
@@ -77,6 +80,42 @@ TEST_F(LockBadgeTest, StaysInTheCornerOfTheMainDisplayAndHidesAsOftenAsItIsHidde
   ShowLockBadge(badge.get());
   EXPECT_TRUE(badge->isVisible());
   ShowLockBadge(nullptr);
+}
+
+TEST_F(LockBadgeTest, ComesBackToItsCornerWhateverAnotherProgramDoes) {
+  for (const char* deed : {"true", "xdotool windowclose $0", "xdotool windowunmap $0"}) {
+    const std::string window = std::to_string(badge->winId());
+    Tool({"sh", "-c", deed, window});
+    EXPECT_TRUE(WaitUntil([&] {
+      return other.CanBeSeen(static_cast<xcb_window_t>(badge->internalWinId()));
+    })) << deed;
+    for (int burst = 0; burst < 5; ++burst) {
+      Tool({"sh", "-c",
+            "for i in 1 2 3 4 5 6 7 8; do"
+            "  xdotool windowmove $0 $((i * 10)) 40 windowmove $0 3 3; done",
+            std::to_string(badge->winId())});
+      EXPECT_TRUE(WaitUntil([&] {
+        const std::vector<QRect> up = other.UnmanagedWindows();
+        return std::find(up.begin(), up.end(), QRect(0, 0, 16, 20)) != up.end();
+      })) << deed
+          << ", burst " << burst;
+    }
+  }
+}
+
+TEST_F(LockBadgeTest, IsNeverAboveAPanel) {
+  const auto isPanelOnTop = [this] { return other.UnmanagedWindows().back() == screens.bounds; };
+  MessagePanel panel(
+      PanelUse::CreditAlert, kCreditColour, [] { return QString(); }, screens, nullptr);
+  panel.Appear();
+  ASSERT_TRUE(WaitUntil(isPanelOnTop));
+  badge->repaint();
+  EXPECT_FALSE(WaitUntil([&] { return !isPanelOnTop(); }, 100ms)) << "by being drawn";
+  HideLockBadge(badge.get());
+  ShowLockBadge(badge.get());
+  EXPECT_TRUE(WaitUntil([&] {
+    return other.CanBeSeen(static_cast<xcb_window_t>(badge->winId())) && isPanelOnTop();
+  })) << "by being shown";
 }
 
 using AlertHelpersTest = test::ModalFixture;

@@ -111,6 +111,62 @@ TEST_F(MessageWindowTest, NoKeyGetsPastALock) {
   EXPECT_TRUE(WaitUntil([&] { return other.CanTakeKeyboard() && other.CanTakePointer(); }));
 }
 
+TEST_F(MessageWindowTest, WhatAnotherProgramDestroysOrHidesComesBackUntilItIsClicked) {
+  XcbScreens screens;
+  const struct {
+    const char* what;
+    std::function<void()> show;
+  } kRows[] = {{"a lock", [&] { LockScreen(Host(screens)); }},
+               {"a credit panel",
+                [&] {
+                  ShowCreditAlert(Game(5), CreditAlertKind::Low, {screens, {}});
+                }},
+               {"a stop alert", [] { ShowStopAlert(QStringLiteral("text"), {}); }}};
+  const auto isUp = [&] {
+    const MessagePanel* panel = MessagePanel::Topmost();
+    const QWidget* up = panel ? panel : Shown();
+    return up && other.CanBeSeen(static_cast<xcb_window_t>(up->internalWinId())) &&
+           screens.HoldsInput() == (panel != nullptr);
+  };
+  for (const auto& row : kRows) {
+    for (const char* deed : {"windowclose", "windowunmap", "windowclose"}) {
+      When(isUp, [deed] { Tool({"xdotool", deed, std::to_string(Shown()->winId())}); });
+      When(isUp, [this] {
+        const auto* box = qobject_cast<QMessageBox*>(Shown());
+        const QWidget* target = box ? box->defaultButton() : Shown();
+        Click(target->mapToGlobal(target->rect().center()));
+      });
+      row.show();
+      EXPECT_TRUE(AllStepsDone()) << row.what << ", " << deed;
+      EXPECT_TRUE(WaitUntil([&] { return other.CanTakeKeyboard() && other.CanTakePointer(); }));
+    }
+  }
+}
+
+TEST_F(MessageWindowTest, APanelThatIsDestroyedBeneathALockComesBackAfterIt) {
+  XcbScreens screens;
+  When([&] { return screens.HoldsInput(); },
+       [&] {
+         const MessagePanel* panel = MessagePanel::Topmost();
+         const auto isSeen = [this, panel] {
+           return other.CanBeSeen(static_cast<xcb_window_t>(panel->internalWinId()));
+         };
+         When([&] { return MessagePanel::Topmost() != panel && screens.HoldsInput(); },
+              [panel] {
+                Tool({"xdotool", "windowclose", std::to_string(panel->internalWinId())});
+              });
+         When([isSeen] { return !isSeen(); },
+              [isSeen] {
+                EXPECT_FALSE(WaitUntil(isSeen, 200ms)) << "over the lock";
+                DismissTopmost();
+              });
+         When([isSeen] { return isSeen(); }, [this] { Click({100, 100}); });
+         LockScreen(Host(screens));
+       });
+  ShowCreditAlert(Game(5), CreditAlertKind::Low, {screens, {}});
+  EXPECT_TRUE(AllStepsDone());
+}
+
 TEST_F(MessageWindowTest, ShowsAndCleansUpInOrder) {
   When([&] { return Shown() != nullptr; },
        [&] {
