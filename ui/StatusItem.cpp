@@ -15,6 +15,7 @@
 #include "Common Sources/TestHooks.h"
 #include "limits/SizeString.h"
 #include "ui/Images.h"
+#include "ui/MessagePanel.h"
 
 namespace vardell {
 
@@ -119,7 +120,9 @@ void StatusItem::Appear() {
   SetPainter(UsualPainter());
 }
 
+// Over a panel, which has the input, nothing of it could be chosen.
 void StatusItem::OpenHere() {
+  if (MessagePanel::Topmost()) return;
   SetPainter(Painter::Toolkit);
   menu_.popup(QCursor::pos());
 }

@@ -7,8 +7,10 @@
 #include <QTemporaryDir>
 
 #include "platform/linux/LinuxStatusBar.h"
+#include "tests/support/FakeScreens.h"
 #include "tests/support/Program.h"
 #include "tests/support/QtEnvironment.h"
+#include "ui/MessagePanel.h"
 #include "ui/StatusItem.h"
 
 namespace vardell {
@@ -114,6 +116,23 @@ TEST_F(StatusNotifierTest, APanelReadsTheMenuAndUsesIt) {
     Menu(service,
          {"Event", "int32:" + id.toStdString(), "string:clicked", "variant:int32:0", "uint32:0"});
   EXPECT_EQ(locked, 1);
+}
+
+TEST_F(StatusNotifierTest, NoMenuOpensOverAPanel) {
+  StartWatcher();
+  const std::string service = WaitForItem();
+  const auto opens = [&] {
+    Call(service, "/StatusNotifierItem",
+         {"org.kde.StatusNotifierItem.Activate", "int32:100", "int32:100"});
+    return item->Menu().isVisible();
+  };
+  FakeScreens screens;
+  auto panel = std::make_unique<MessagePanel>(
+      PanelUse::Lock, kMessageColour, [] { return QString(); }, screens, nullptr);
+  panel->Appear();
+  EXPECT_FALSE(opens());
+  panel.reset();
+  EXPECT_TRUE(opens());
 }
 
 TEST_F(StatusNotifierTest, ComesBackWithTheWatcherUnlessItIsToggledOff) {
