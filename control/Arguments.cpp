@@ -1,7 +1,6 @@
 #include "control/Arguments.h"
 
 #include <QUuid>
-#include <limits>
 
 #include "Common Sources/Caps.h"
 #include "control/LimitsKeys.h"
@@ -16,14 +15,19 @@ struct Split {
   QString problem;
 };
 
-bool TakesValue(const QString& option) {
-  return option == QLatin1String("--control") || option == QLatin1String("--reason") ||
-         option == QLatin1String("--id") || option == QLatin1String("--after");
-}
-
-bool IsFlag(const QString& option) {
-  return option == QLatin1String("--json") || option == QLatin1String("--help") ||
-         option == QLatin1String("--version");
+// Of any command: which of them go with this one is told later.
+std::optional<OptionShape> FindOption(const QString& name) {
+  const auto findIn = [&](const std::vector<OptionShape>& options) -> std::optional<OptionShape> {
+    for (const OptionShape& option : options) {
+      if (option.name == name) return option;
+    }
+    return std::nullopt;
+  };
+  std::optional<OptionShape> found = findIn(CommonOptions());
+  for (const CommandShape& shape : CommandShapes()) {
+    if (!found) found = findIn(shape.options);
+  }
+  return found;
 }
 
 Split SplitOptions(const QStringList& arguments) {
@@ -40,11 +44,13 @@ Split SplitOptions(const QStringList& arguments) {
     } else {
       const qsizetype equals = argument.indexOf(QLatin1Char('='));
       const QString name = argument.left(equals);
-      if (!(TakesValue(name) || (IsFlag(name) && equals < 0))) {
+      const std::optional<OptionShape> option = FindOption(name);
+      const bool isFlag = option && option->value.isEmpty();
+      if (!option || (isFlag && equals >= 0)) {
         split.problem = QStringLiteral("there is no option \"%1\"").arg(argument);
       } else if (split.options.contains(name)) {
         split.problem = QStringLiteral("%1 is given twice").arg(name);
-      } else if (IsFlag(name)) {
+      } else if (isFlag) {
         split.options.insert(name, QString());
       } else if (equals >= 0) {
         split.options.insert(name, argument.mid(equals + 1));
@@ -79,120 +85,134 @@ QString IdentifierOf(const QString& word) {
   return word;
 }
 
-QString TakeNames(const QStringList& words, Command* command) {
-  if (!words.isEmpty()) {
-    command->user = words[0];
-    if (const QString problem = NameProblem(QStringLiteral("user name"), words[0]);
-        !problem.isEmpty()) {
-      return problem;
-    }
+QString TakePair(const QString& word, Command* command) {
+  const qsizetype equals = word.indexOf(QLatin1Char('='));
+  if (equals < 1) {
+    return QStringLiteral("\"%1\" is not KEY=VALUE").arg(word);
   }
-  if (words.size() > 1) {
-    command->identifier = IdentifierOf(words[1]);
-    return NameProblem(QStringLiteral("identifier"), words[1]);
+  const QString key = word.left(equals);
+  if (command->limits.contains(key) || command->settings.contains(key)) {
+    return QStringLiteral("\"%1\" is given twice").arg(key);
   }
-  return {};
-}
-
-QString TakeLimits(const QStringList& words, Command* command) {
-  for (const QString& word : words) {
-    const qsizetype equals = word.indexOf(QLatin1Char('='));
-    if (equals < 1) {
-      return QStringLiteral("\"%1\" is not KEY=VALUE").arg(word);
-    }
-    const QString key = word.left(equals);
-    const ParsedValue parsed = ParseLimitsValue(key, word.mid(equals + 1));
-    if (!parsed.problem.isEmpty()) {
-      return parsed.problem;
-    }
-    if (command->limits.contains(key)) {
-      return QStringLiteral("\"%1\" is given twice").arg(key);
-    }
-    command->limits.insert(key, parsed.value);
+  if (command->verb == Verb::SettingsSet) {
+    command->settings.insert(key, word.mid(equals + 1));
+    return {};
   }
-  return {};
-}
-
-QString TakeCredit(const QString& word, Command* command) {
-  const ParsedValue parsed = ParseCredit(word);
-  command->minutes = parsed.value.toInteger();
+  const ParsedValue parsed = ParseLimitsValue(key, word.mid(equals + 1));
+  command->limits.insert(key, parsed.value);
   return parsed.problem;
 }
 
-struct Shape {
-  const char* words;
-  Verb verb;
-  int least, most;  // words after these
-  const char* usage;
-  const char* options;  // that it takes besides --json and --control
-};
-
-constexpr int kAny = std::numeric_limits<int>::max();
-constexpr Shape kShapes[] = {
-    {"status", Verb::Status, 0, 0, "status", ""},
-    {"limits show", Verb::LimitsShow, 0, 2, "limits show [USER [IDENTIFIER]]", ""},
-    {"limits set", Verb::LimitsSet, 3, kAny, "limits set USER IDENTIFIER KEY=VALUE...", ""},
-    {"credit show", Verb::CreditShow, 1, 2, "credit show USER [IDENTIFIER]", ""},
-    {"credit set", Verb::CreditSet, 3, 3,
-     "credit set USER IDENTIFIER MINUTES [--reason TEXT] [--id ID]", "--reason --id"},
-    {"ledger", Verb::Ledger, 0, 2, "ledger [USER [IDENTIFIER]] [--after N]", "--after"},
-};
-
-const Shape* FindShape(const QStringList& words, qsizetype* used) {
-  for (const Shape& shape : kShapes) {
-    const QStringList wanted = QString::fromLatin1(shape.words).split(QLatin1Char(' '));
-    if (words.mid(0, wanted.size()) == wanted) {
-      *used = wanted.size();
-      return &shape;
-    }
-  }
-  return nullptr;
+QString TakeMinutes(const QString& word, Command* command) {
+  const bool adds = command->verb == Verb::CreditAdd;
+  const bool isNegative = adds && word.startsWith(QLatin1Char('-'));
+  const bool isSigned = adds && (isNegative || word.startsWith(QLatin1Char('+')));
+  const ParsedValue parsed = ParseCredit(isSigned ? word.mid(1) : word);
+  command->minutes = parsed.value.toInteger() * (isNegative ? -1 : 1);
+  return parsed.problem;
 }
 
-QString TakeOptions(const Split& split, const Shape& shape, Command* command) {
-  const QStringList taken = QString::fromLatin1(shape.options).split(QLatin1Char(' '));
-  for (auto option = split.options.begin(); option != split.options.end(); ++option) {
-    if (option.key() == QLatin1String("--json")) {
-      command->json = true;
-    } else if (option.key() == QLatin1String("--control")) {
-      command->control = option.value();
-    } else if (!taken.contains(option.key())) {
-      return QStringLiteral("%1 does not go with \"%2\"")
-          .arg(option.key(), QLatin1String(shape.words));
+QString TakeWord(const QString& name, const QString& word, Command* command) {
+  if (name == QLatin1String("USER")) {
+    command->user = word;
+    return NameProblem(QStringLiteral("user name"), word);
+  }
+  if (name == QLatin1String("IDENTIFIER")) {
+    command->identifier = IdentifierOf(word);
+    return NameProblem(QStringLiteral("identifier"), word);
+  }
+  if (name == QLatin1String("KEY=VALUE")) return TakePair(word, command);
+  if (name == QLatin1String("MINUTES")) return TakeMinutes(word, command);
+  if (name == QLatin1String("KEY")) command->keys.append(word);
+  if (name == QLatin1String("PRESET")) command->preset = word;
+  if (name == QLatin1String("WORD")) command->words.append(word);
+  if (name == QLatin1String("PATH") || name == QLatin1String("FILE")) {
+    command->path = word;
+    if (word.isEmpty()) return QStringLiteral("the name of the file is empty");
+  }
+  return {};
+}
+
+QString TakeWords(QStringList words, const CommandShape& shape, Command* command) {
+  const QString usage = QStringLiteral("usage: vardellctl %1").arg(shape.usage);
+  for (const ArgumentShape& argument : shape.arguments) {
+    if (words.isEmpty()) return argument.isOptional ? QString() : usage;
+    do {
+      if (QString problem = TakeWord(argument.name, words.takeFirst(), command);
+          !problem.isEmpty()) {
+        return problem;
+      }
+    } while (argument.isRepeated && !words.isEmpty());
+  }
+  return words.isEmpty() ? QString() : usage;
+}
+
+QString OptionProblem(const CommandShape& shape, const QString& name, const QString& value) {
+  for (const std::vector<OptionShape>& options : {CommonOptions(), shape.options}) {
+    for (const OptionShape& option : options) {
+      if (option.name != name) continue;
+      const QStringList choices = option.value.split(QLatin1Char('|'));
+      if (choices.size() < 2 || choices.contains(value)) return {};
+      return QStringLiteral("%1 takes %2, not \"%3\"")
+          .arg(name, choices.join(QStringLiteral(", ")), value);
     }
   }
-  command->reason = split.options.value(QStringLiteral("--reason"));
-  command->id = split.options.value(QStringLiteral("--id"),
-                                    QUuid::createUuid().toString(QUuid::WithoutBraces));
-  const QString after = split.options.value(QStringLiteral("--after"), QStringLiteral("0"));
+  return QStringLiteral("%1 does not go with \"%2\"").arg(name, shape.words.join(QLatin1Char(' ')));
+}
+
+QString TakeOptions(const QMap<QString, QString>& options, const CommandShape& shape,
+                    Command* command) {
+  for (auto option = options.begin(); option != options.end(); ++option) {
+    if (QString problem = OptionProblem(shape, option.key(), option.value()); !problem.isEmpty()) {
+      return problem;
+    }
+  }
+  const auto has = [&](const char* name) { return options.contains(QLatin1String(name)); };
+  const auto value = [&](const char* name) { return options.value(QLatin1String(name)); };
+  command->json = has("--json");
+  command->csv = has("--csv");
+  command->rescan = has("--rescan");
+  command->check = has("--check");
+  command->yes = has("--yes");
+  command->control = value("--control");
+  command->period = value("--period");
+  command->reason = value("--reason");
+  command->id = has("--id") ? value("--id") : QUuid::createUuid().toString(QUuid::WithoutBraces);
+  if (command->id.isEmpty()) return QStringLiteral("--id is empty");
+  if (!has("--after")) return {};
   bool isNumber = false;
-  command->after = after.toLongLong(&isNumber);
-  if (!isNumber || command->after < 0) {
-    return QStringLiteral("--after wants the number of a ledger row, not \"%1\"").arg(after);
-  }
-  return command->id.isEmpty() ? QStringLiteral("--id is empty") : QString();
+  command->after = value("--after").toLongLong(&isNumber);
+  if (isNumber && command->after >= 0) return {};
+  return QStringLiteral("--after wants the number of a ledger row, not \"%1\"")
+      .arg(value("--after"));
 }
 
-QString TakeWords(const QStringList& words, const Shape& shape, Command* command) {
-  if (words.size() < shape.least || words.size() > shape.most) {
-    return QStringLiteral("usage: vardellctl %1").arg(QLatin1String(shape.usage));
+QString UnknownCommand(const QStringList& words) {
+  if (words.isEmpty()) return QStringLiteral("say what to do");
+  QStringList inGroup;
+  for (const CommandShape& shape : CommandShapes()) {
+    if (shape.words[0] == words[0]) inGroup.append(shape.words.join(QLatin1Char(' ')));
   }
-  QString problem = TakeNames(words, command);
-  if (problem.isEmpty() && shape.verb == Verb::LimitsSet) {
-    problem = TakeLimits(words.mid(2), command);
-  }
-  if (problem.isEmpty() && shape.verb == Verb::CreditSet) {
-    problem = TakeCredit(words[2], command);
-  }
-  return problem;
+  if (inGroup.isEmpty()) return QStringLiteral("there is no command \"%1\"").arg(words[0]);
+  return QStringLiteral("there is no command \"%1\"; there are: %2")
+      .arg(words.mid(0, 2).join(QLatin1Char(' ')), inGroup.join(QStringLiteral(", ")));
 }
 
 }  // namespace
 
 ArgumentsResult ParseArguments(const QStringList& arguments) {
-  const Split split = SplitOptions(arguments);
   Command command;
+  // The words of a half-written command line are not ours to judge.
+  if (!arguments.isEmpty() && arguments[0] == QLatin1String("complete")) {
+    command.verb = Verb::Complete;
+    command.words = arguments.mid(arguments.value(1) == QLatin1String("--") ? 2 : 1);
+    return {command, {}};
+  }
+  const Split split = SplitOptions(arguments);
+  qsizetype used = 0;
+  const CommandShape* shape = FindCommand(split.words, &used);
   if (split.options.contains(QStringLiteral("--help"))) {
+    command.about = shape;
     return {command, {}};
   }
   if (!split.problem.isEmpty()) {
@@ -202,40 +222,15 @@ ArgumentsResult ParseArguments(const QStringList& arguments) {
     command.verb = Verb::Version;
     return {command, {}};
   }
-  qsizetype used = 0;
-  const Shape* shape = FindShape(split.words, &used);
   if (shape == nullptr) {
-    return {std::nullopt, split.words.isEmpty()
-                              ? QStringLiteral("say what to do")
-                              : QStringLiteral("there is no command \"%1\"")
-                                    .arg(split.words.mid(0, 2).join(QLatin1Char(' ')))};
+    return {std::nullopt, UnknownCommand(split.words)};
   }
   command.verb = shape->verb;
-  QString problem = TakeOptions(split, *shape, &command);
+  QString problem = TakeOptions(split.options, *shape, &command);
   if (problem.isEmpty()) {
     problem = TakeWords(split.words.mid(used), *shape, &command);
   }
   return problem.isEmpty() ? ArgumentsResult{command, {}} : ArgumentsResult{std::nullopt, problem};
-}
-
-QString HelpText() {
-  QString text = QStringLiteral("Usage: vardellctl [--json] [--control PATH] COMMAND\n\n");
-  for (const Shape& shape : kShapes) {
-    text += QStringLiteral("  %1\n").arg(QLatin1String(shape.usage));
-  }
-  return text +
-         QStringLiteral(
-             "\nIDENTIFIER is an application's desktop file name without \".desktop\", or "
-             "\"computer\"\nfor the whole session, or \"home\" for the home folder (\"DQ Enabled\" "
-             "and \"DQ Value\" in MiB).\nLimits keys: %1.\n"
-             "Curfew hours are minutes of the day or times: \"WD start=08:00\".\n\n"
-             "  --json          print JSON\n"
-             "  --control PATH  the Server's control socket "
-             "(default /run/vardell/control.sock)\n"
-             "  --help, --version\n\n"
-             "Exit status: 0 done, 1 refused or failed, 2 wrong use, "
-             "3 the Server cannot be reached.\n")
-             .arg(LimitsKeys().join(QStringLiteral(", ")));
 }
 
 }  // namespace vardell::control

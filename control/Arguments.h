@@ -3,24 +3,36 @@
 #pragma once
 
 #include <QJsonObject>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <cstdint>
 #include <optional>
 
-namespace vardell::control {
+#include "control/CommandTable.h"
 
-enum class Verb { Help, Version, Status, LimitsShow, LimitsSet, CreditShow, CreditSet, Ledger };
+namespace vardell::control {
 
 struct Command {
   Verb verb = Verb::Help;
-  QString user;              // empty: of all users
-  QString identifier;        // empty: all of the user's; "computer" and "home" are resolved
-  QJsonObject limits;        // for LimitsSet: never empty
-  std::int64_t minutes = 0;  // for CreditSet
-  QString id;                // for CreditSet: made up where --id does not say
+  const CommandShape* about = nullptr;  // for Help: of which command; null: of all
+  QString user;                         // empty: of all users
+  QString identifier;               // empty: all of the user's; "computer" and "home" are resolved
+  QString preset;                   // for LimitsPreset; empty: list them
+  QJsonObject limits;               // for LimitsSet and LimitsPreset
+  QStringList keys;                 // for LimitsUnset and SettingsUnset
+  QMap<QString, QString> settings;  // for SettingsSet: as they were written
+  std::int64_t minutes = 0;         // for CreditSet and CreditAdd
+  QString id;                       // for both: made up where --id does not say
   QString reason;
+  QString period;          // for Usage; empty: a week
   std::int64_t after = 0;  // for Ledger
+  QString path;            // for AppsAdd, Backup and Restore
+  QStringList words;       // for Complete
+  bool rescan = false;     // for AppsList
+  bool csv = false;        // for Usage
+  bool check = false;      // for Restore
+  bool yes = false;
   bool json = false;
   QString control;  // path of the Server's socket; empty: the usual one
 };
@@ -33,6 +45,6 @@ struct ArgumentsResult {
 // `arguments` without the program's own name.
 ArgumentsResult ParseArguments(const QStringList& arguments);
 
-QString HelpText();
+QString HelpText(const CommandShape* about);
 
 }  // namespace vardell::control

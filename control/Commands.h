@@ -1,22 +1,15 @@
 // What vardellctl does with a command: asks the Server, and makes text of the answers.
 #pragma once
 
-#include <QString>
-
+#include "control/Answers.h"
 #include "control/Arguments.h"
 #include "control/HttpClient.h"
 
 namespace vardell::control {
 
-enum class ExitStatus { Done = 0, Failed = 1, Usage = 2, Unreachable = 3 };
+class Terminal;
 
-struct Result {
-  ExitStatus status = ExitStatus::Done;
-  QString output;  // for standard output
-  QString error;   // for standard error: one or two lines without the program's name
-};
-
-// Any verb but Help and Version. Blocks.
-Result Run(const Command& command, const HttpClient& server);
+// Any verb but Help and Version. Blocks. `terminal` shows how far long work has come, and asks.
+Result Run(const Command& command, const HttpClient& server, Terminal& terminal);
 
 }  // namespace vardell::control

@@ -4,6 +4,7 @@
 #include "Common Sources/TestHooks.h"
 #include "control/Arguments.h"
 #include "control/Commands.h"
+#include "control/Terminal.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ int main(int argc, char* argv[]) {
   }
   const Command& command = *parsed.command;
   if (command.verb == Verb::Help) {
-    return Print(HelpText());
+    return Print(HelpText(command.about));
   }
   if (command.verb == Verb::Version) {
     return Print(QStringLiteral("vardellctl " VARDELL_VERSION "\n"));
@@ -48,9 +49,12 @@ int main(int argc, char* argv[]) {
   const QString path = command.control.isEmpty()
                            ? vardell::ProductPath(QStringLiteral("/run/vardell/control.sock"))
                            : command.control;
-  const Result result = Run(command, HttpClient(path, kPatience));
+  Terminal terminal;
+  const Result result = Run(command, HttpClient(path, kPatience), terminal);
+  terminal.EndProgress();
+  const int printed = Print(result.output);
   if (result.status == ExitStatus::Done) {
-    return Print(result.output);
+    return printed;
   }
   return Complain(result.status, result.status == ExitStatus::Unreachable
                                      ? UnreachableText(path, result.error)

@@ -91,7 +91,10 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
               {"status|--frobnicate", "there is no option \"--frobnicate\""},
               {"status|--json|--json", "--json is given twice"},
               {"ledger|--after", "--after wants a value"},
-              {"destroy|all", "there is no command \"destroy all\""}};
+              {"usage|anna|--period|year", "--period takes today, week, month, all"},
+              {"limits|preset|anna|org.game", "usage: vardellctl limits preset"},
+              {"limits|destroy", "there are: limits show, limits set"},
+              {"destroy|all", "there is no command \"destroy\""}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.words);
     const Outcome outcome = Vardellctl(row.words, {});
