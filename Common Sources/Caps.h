@@ -11,10 +11,19 @@ namespace vardell {
 inline constexpr std::size_t kMaxPropertyListBytes = 8u << 20;
 inline constexpr int kMaxPropertyListDepth = 64;
 
+// Archives of values: the serialised bytes of one, the values and dictionary keys in it, and, where
+// an archive shares texts, what they would take apart (two bytes for a UTF-16 unit, one for a byte
+// of data). Their nesting is a property list's.
+inline constexpr std::size_t kMaxArchiveBytes = 64u << 20;
+inline constexpr std::uint64_t kMaxArchiveNodes = 4u << 20;
+inline constexpr std::uint64_t kMaxArchiveTextBytes = 128u << 20;
+
 // Pictures: the largest file or command output that is decoded, and the memory it may take decoded.
 inline constexpr std::size_t kMaxPictureBytes = 8u << 20;
 inline constexpr std::size_t kMaxPictureCommandBytes = 1u << 20;
 inline constexpr int kMaxPictureMegabytes = 64;
+// The longest URL of a dropped file.
+inline constexpr std::size_t kMaxDroppedUrlBytes = 64u << 10;
 
 // The wire: the largest request frame that a Server takes (whole frame), and the most of a reply
 // that an Agent keeps (body and length field); what comes beyond is read and dropped.
@@ -62,9 +71,12 @@ inline constexpr std::size_t kMaxControlReplyBytes = 16u << 20;
 inline constexpr std::size_t kMaxKillConnections = 512;
 inline constexpr std::size_t kMaxKillConnectionsOfUser = 32;
 
-// The Server: what waits for one client that does not read, hosts of one user and identifier,
+// The Server: what waits for one client that does not read, what is kept of the identifiers that it
+// fetched lately (their number, and the characters of them all), hosts of one user and identifier,
 // changes that wait for a failing disk, and rows of one answer from the ledger.
 inline constexpr std::size_t kMaxUnsentReplyBytes = 1u << 20;
+inline constexpr std::size_t kMaxRecentFetches = 64;
+inline constexpr std::ptrdiff_t kMaxRecentFetchCharacters = 8192;
 inline constexpr std::size_t kMaxLanesPerIdentifier = 64;
 inline constexpr std::size_t kMaxUnwrittenChanges = 100000;
 inline constexpr int kMaxLedgerRows = 1000;

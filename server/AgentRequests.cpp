@@ -81,6 +81,9 @@ FrameListener ListenForAgents(boost::asio::io_context& network, Household& house
   options.handle = [&](const AgentConnection& from, const RequestFrame& frame) {
     return Handle(household, from, frame);
   };
+  options.opened = [&](const AgentConnection& connection) {
+    household.ConnectionOpened(connection);
+  };
   options.closed = [&](std::uint64_t connection) { household.ConnectionClosed(connection); };
   options.log = std::move(log);
   return FrameListener(network, std::move(options));

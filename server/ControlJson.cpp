@@ -1,5 +1,6 @@
 #include "server/ControlJson.h"
 
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonValue>
 
@@ -47,9 +48,36 @@ QJsonObject ToJson(const LedgerRow& row) {
           {QStringLiteral("reason"), row.reason}};
 }
 
-QJsonObject ToJson(const ServerStatus& status, const QString& store) {
+QJsonObject ToJson(const AgentFacts& agent) {
+  QJsonArray applications;
+  for (const AgentFacts::Application& application : agent.applications) {
+    applications.append(
+        QJsonObject{{QStringLiteral("identifier"), application.identifier},
+                    {QStringLiteral("credit"), application.credit ? QJsonValue(*application.credit)
+                                                                  : QJsonValue(QJsonValue::Null)}});
+  }
+  return {{QStringLiteral("host"), agent.host},
+          {QStringLiteral("user"), NullWhereEmpty(agent.user)},
+          {QStringLiteral("since"), ToRfc3339(agent.since)},
+          {QStringLiteral("applications"), applications}};
+}
+
+QJsonObject ToJson(const UsageDays& days) {
+  QJsonObject object;
+  for (const auto& [day, minutes] : days) {
+    object.insert(day.toString(Qt::ISODate), qint64{minutes});
+  }
+  return object;
+}
+
+QJsonObject ToJson(const ServerStatus& status, const HouseholdFacts& household) {
   return {{QStringLiteral("version"), status.version},
-          {QStringLiteral("store"), store},
+          {QStringLiteral("store"), household.store},
+          {QStringLiteral("schema"), household.schema},
+          {QStringLiteral("users"), household.users},
+          {QStringLiteral("limits"), household.limits},
+          {QStringLiteral("waiting"), household.waiting},
+          {QStringLiteral("zone"), household.zone},
           {QStringLiteral("address"), status.address},
           {QStringLiteral("published"), NullWhereEmpty(status.published.value_or(QString()))},
           {QStringLiteral("agents"), status.agents},

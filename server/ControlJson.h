@@ -21,7 +21,9 @@ struct Problem {
 
 QJsonObject ToJson(const LimitsEntry& entry);
 QJsonObject ToJson(const LedgerRow& row);
-QJsonObject ToJson(const ServerStatus& status, const QString& store);
+QJsonObject ToJson(const AgentFacts& agent);
+QJsonObject ToJson(const UsageDays& days);  // {"2009-03-05": 45}
+QJsonObject ToJson(const ServerStatus& status, const HouseholdFacts& household);
 
 // RFC 3339 with the offset that the time has in its zone.
 QString ToRfc3339(const QDateTime& time);

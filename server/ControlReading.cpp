@@ -66,6 +66,12 @@ std::optional<std::int64_t> WholeNumber(const QJsonValue& value) {
   return static_cast<std::int64_t>(real);
 }
 
+std::optional<QDate> DayFrom(const QString& text) {
+  const QDate day = QDate::fromString(text, Qt::ISODate);
+  if (!day.isValid() || day.toString(Qt::ISODate) != text) return std::nullopt;
+  return day;
+}
+
 std::optional<std::uint64_t> RevisionFrom(const QByteArray& tag) {
   const QByteArray trimmed = tag.trimmed();
   if (trimmed.size() < 3 || !trimmed.startsWith('"') || !trimmed.endsWith('"')) return std::nullopt;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDate>
 #include <QJsonValue>
 #include <QString>
 #include <cstdint>
@@ -23,6 +24,9 @@ using QueryFields = std::map<QString, QString>;
 
 // A JSON number without a fraction (480 and 480.0 alike) that 64 bits hold exactly.
 std::optional<std::int64_t> WholeNumber(const QJsonValue& value);
+
+// An ISO date of this very form: 2009-03-05.
+std::optional<QDate> DayFrom(const QString& text);
 
 // The value of an If-Match that names one revision: "7", with the quotes.
 std::optional<std::uint64_t> RevisionFrom(const QByteArray& tag);

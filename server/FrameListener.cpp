@@ -137,6 +137,7 @@ void FrameListener::Impl::Admit(tcp::socket socket) {
   connection->agent.id = ++lastId;
   connections.emplace(lastId, connection);
   ++connectionsOf[connection->sharedBy];
+  if (options.opened) options.opened(connection->agent);
   Read(connection);
 }
 

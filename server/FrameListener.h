@@ -44,8 +44,9 @@ class FrameListener {
     // Asked right after accept of a connection from this machine.
     std::function<std::optional<std::uint32_t>(int socket)> userBehind;
     std::function<RequestOutcome(const AgentConnection& from, const RequestFrame& frame)> handle;
-    std::function<void(std::uint64_t connection)> closed;  // may be empty
-    std::function<void(const QString& line)> log;          // may be empty
+    std::function<void(const AgentConnection& connection)> opened;  // may be empty
+    std::function<void(std::uint64_t connection)> closed;           // may be empty
+    std::function<void(const QString& line)> log;                   // may be empty
   };
 
   // Listens at once. Throws std::runtime_error with a line for people when it cannot.

@@ -9,6 +9,7 @@
 // as soon as the disk takes it again (a bounded number of changes); administrators are refused.
 #pragma once
 
+#include <QDate>
 #include <QDateTime>
 #include <QString>
 #include <QVariant>
@@ -62,6 +63,16 @@ struct LimitsEntry {
   std::uint64_t revision = 0;  // of the limits; counts from 1
 };
 
+// Minutes of use, of the days that have any; by the wall clock's zone.
+using UsageDays = std::map<QDate, std::int64_t>;
+
+// Kept by name, whether or not there are limits.
+struct UsageEntry {
+  QString user;
+  QString identifier;
+  UsageDays days;
+};
+
 // Who asks, as the kernel says; never taken from a body.
 struct Actor {
   std::uint32_t uid = 0;
@@ -83,6 +94,7 @@ struct AdminResult {
   QString field;
   QString message;                   // for people; follows the field: "must be true or false"
   std::optional<LimitsEntry> entry;  // afterwards
+  std::int64_t added = 0;            // by AddCredit: minutes
 };
 
 // One connection of an agent, from accept to close.
@@ -90,6 +102,27 @@ struct AgentConnection {
   std::uint64_t id = 0;
   QString host;                          // address of the peer; "local" for this machine's own
   std::optional<std::uint32_t> peerUid;  // of a connection from this machine
+};
+
+// One connection of an agent, as administrators see it.
+struct AgentFacts {
+  struct Application {
+    QString identifier;
+    std::optional<std::int32_t> credit;  // as sent; none without an enabled limit
+  };
+  QString host;
+  QString user;  // whom it last spoke for; empty: nobody yet
+  QDateTime since;
+  std::vector<Application> applications;  // of that user, fetched in the last two minutes
+};
+
+struct HouseholdFacts {
+  QString store;  // what and where
+  int schema = 0;
+  int users = 0;    // with limits
+  int limits = 0;   // of all users
+  int waiting = 0;  // changes that the disk has not taken yet
+  QString zone;     // "Europe/Madrid"; an offset, "+01:00", where it has no name
 };
 
 // What else the Household asks and tells; each may be empty.
@@ -116,6 +149,7 @@ class Household {
                           const QString& identifier);
   void CreditReport(const AgentConnection& connection, const QString& user,
                     const QString& identifier, std::int32_t claimed);
+  void ConnectionOpened(const AgentConnection& connection);
   void ConnectionClosed(std::uint64_t connectionId);
   // Kinds 4 and 5: the user's identifiers with their limits; minutes by day ("5-3-2009").
   QVariantMap LimitsOfUser(const AgentConnection& connection, const QString& user) const;
@@ -139,6 +173,20 @@ class Household {
   AdminResult SetCredit(const Actor& actor, const QString& user, const QString& identifier,
                         std::int64_t minutes, const QString& id, const QString& reason);
 
+  // `minutes` (not 0) are added or taken away, as far as the bounds of a credit let them. Applied
+  // once as SetCredit is; the ids are shared with it. A repeat answers what was added then.
+  AdminResult AddCredit(const Actor& actor, const QString& user, const QString& identifier,
+                        std::int64_t minutes, const QString& id, const QString& reason);
+
+  // None where there are neither limits nor usage.
+  std::optional<UsageDays> Usage(const QString& user, const QString& identifier) const;
+  // Of every identifier with any use.
+  std::vector<UsageEntry> Usage(const QString& user) const;
+
+  // Of whom `maySee` says so; it is asked with the connection's user, or an empty name.
+  std::vector<AgentFacts> Agents(const std::function<bool(const QString& user)>& maySee) const;
+  HouseholdFacts Facts() const;
+
   // Rows with an id above `after`, oldest first, at most `limit`; empty filters match all.
   // At most kMaxLedgerRows; absent when the disk fails, which is logged.
   std::optional<std::vector<LedgerRow>> Ledger(std::int64_t after, const QString& user,
@@ -146,8 +194,6 @@ class Household {
 
   // Tries again to write what a failing disk has kept waiting; to be called now and then.
   void WriteWhatWaits();
-
-  QString StoreDescription() const;  // for status: what and where
 
  private:
   struct Impl;

@@ -6,6 +6,7 @@
 
 #include "Common Sources/Caps.h"
 #include "limits/LimitsDictionary.h"
+#include "limits/UsageTotals.h"
 #include "server/HouseholdImpl.h"
 #include "server/LimitsKeys.h"
 
@@ -43,10 +44,6 @@ QVariantMap UnknownDictionary(const QString& identifier) {
   return DictionaryOf(identifier, nothing, 0);
 }
 
-QString DayKey(const QDate& day) {
-  return QStringLiteral("%1-%2-%3").arg(day.day()).arg(day.month()).arg(day.year());
-}
-
 }  // namespace
 
 bool Household::Impl::MaySpeakFor(const AgentConnection& connection, const QString& user) {
@@ -59,6 +56,19 @@ bool Household::Impl::MaySpeakFor(const AgentConnection& connection, const QStri
   if (!name) return false;
   userNames.emplace(uid, *name);
   return *name == user;
+}
+
+ConnectedAgent* Household::Impl::Speaking(const AgentConnection& connection, const QString& user) {
+  if (!MaySpeakFor(connection, user)) return nullptr;
+  const auto [found, isNew] = connections.try_emplace(connection.id);
+  ConnectedAgent& agent = found->second;
+  if (isNew) {
+    agent.host = connection.host;
+    agent.since = clocks.now();
+  }
+  if (agent.user != user) agent.fetches.Clear();
+  agent.user = user;
+  return &agent;
 }
 
 Account* Household::Impl::Counted(const AgentConnection& connection, const QString& user,
@@ -93,7 +103,7 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
   row.minutes = account.state.credit - before.credit;
   row.credit = account.state.credit;
   row.time = clocks.now();
-  if (row.used != 0) account.usage[row.time.date()] += row.used;
+  if (row.used != 0) usage[{row.user, row.identifier}][row.time.date()] += row.used;
 
   const bool creditChanged =
       account.state.credit != before.credit || account.state.spent != before.spent;
@@ -115,20 +125,13 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
   }
 }
 
-QVariantMap Household::FetchLimits(const AgentConnection& connection, const QString& user,
-                                   const QString& identifier) {
-  Account* account = impl_->Counted(connection, user, identifier);
-  if (!account) {
-    const Account* settings =
-        IsGlobalSettings(identifier) ? impl_->Find(user, identifier) : nullptr;
-    const bool known = settings && impl_->MaySpeakFor(connection, user);
-    return known ? DictionaryOf(identifier, *settings, 0) : UnknownDictionary(identifier);
-  }
-  const auto known = account->lanes.find(connection.host);
+std::int32_t Household::Impl::CreditForFetch(const AgentConnection& connection, const QString& user,
+                                             const QString& identifier, Account& account) {
+  const auto known = account.lanes.find(connection.host);
   Lane passing;
-  Lane& lane = known == account->lanes.end() ? passing : known->second;
-  const FetchBooking booking = AfterFetch(impl_->Now(), lane.state, account->state);
-  if (booking.charge == 0 || impl_->HasRoomToBook()) {
+  Lane& lane = known == account.lanes.end() ? passing : known->second;
+  const FetchBooking booking = AfterFetch(Now(), lane.state, account.state);
+  if (booking.charge == 0 || HasRoomToBook()) {
     LedgerRow row;
     row.user = user;
     row.identifier = identifier;
@@ -136,14 +139,32 @@ QVariantMap Household::FetchLimits(const AgentConnection& connection, const QStr
     row.source = QStringLiteral("fetch");
     row.actor = QStringLiteral("agent of ") + user;
     row.reason = QStringLiteral("a report was lost");
-    impl_->TakeOver(booking, *account, lane, std::move(row), {});
+    TakeOver(booking, account, lane, std::move(row), {});
   }
-  impl_->handed[connection.id][{user, identifier}] = booking.answer;
-  return DictionaryOf(identifier, *account, booking.answer);
+  return booking.answer;
+}
+
+QVariantMap Household::FetchLimits(const AgentConnection& connection, const QString& user,
+                                   const QString& identifier) {
+  ConnectedAgent* agent = impl_->Speaking(connection, user);
+  if (!agent) return UnknownDictionary(identifier);
+  Account* account = impl_->Counted(connection, user, identifier);
+  if (!account) {
+    agent->fetches.Add({identifier, std::nullopt, impl_->Now()});
+    const Account* settings =
+        IsGlobalSettings(identifier) ? impl_->Find(user, identifier) : nullptr;
+    return settings ? DictionaryOf(identifier, *settings, 0) : UnknownDictionary(identifier);
+  }
+  const std::int32_t credit = impl_->CreditForFetch(connection, user, identifier, *account);
+  agent->handed[{user, identifier}] = credit;
+  const bool isEnabled = account->state.enabled;
+  agent->fetches.Add({identifier, isEnabled ? std::optional(credit) : std::nullopt, impl_->Now()});
+  return DictionaryOf(identifier, *account, credit);
 }
 
 void Household::ApplicationStarted(const AgentConnection& connection, const QString& user,
                                    const QString& identifier) {
+  if (!impl_->Speaking(connection, user)) return;
   Account* account = impl_->Counted(connection, user, identifier);
   if (!account || !impl_->HasRoomToBook()) return;
   StoreChange change;
@@ -157,16 +178,14 @@ void Household::ApplicationStarted(const AgentConnection& connection, const QStr
 
 void Household::CreditReport(const AgentConnection& connection, const QString& user,
                              const QString& identifier, std::int32_t claimed) {
+  const ConnectedAgent* agent = impl_->Speaking(connection, user);
   Account* account = impl_->Counted(connection, user, identifier);
-  if (!account || !impl_->HasRoomToBook()) return;
+  if (!agent || !account || !impl_->HasRoomToBook()) return;
   StoreChange change;
   Lane& lane = impl_->LaneOf(*account, {user, identifier}, connection.host, &change);
-  std::optional<std::int32_t> handed;
-  const auto ofConnection = impl_->handed.find(connection.id);
-  if (ofConnection != impl_->handed.end()) {
-    const auto last = ofConnection->second.find({user, identifier});
-    if (last != ofConnection->second.end()) handed = last->second;
-  }
+  const auto last = agent->handed.find({user, identifier});
+  const std::optional<std::int32_t> handed =
+      last == agent->handed.end() ? std::nullopt : std::optional(last->second);
   const Booking booking = AfterReport(impl_->Now(), lane.state, account->state, handed, claimed);
   LedgerRow row;
   row.user = user;
@@ -178,8 +197,14 @@ void Household::CreditReport(const AgentConnection& connection, const QString& u
   impl_->TakeOver(booking, *account, lane, std::move(row), std::move(change));
 }
 
+void Household::ConnectionOpened(const AgentConnection& connection) {
+  ConnectedAgent& agent = impl_->connections[connection.id];
+  agent.host = connection.host;
+  agent.since = impl_->clocks.now();
+}
+
 void Household::ConnectionClosed(std::uint64_t connectionId) {
-  impl_->handed.erase(connectionId);
+  impl_->connections.erase(connectionId);
 }
 
 QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QString& user) const {
@@ -196,9 +221,11 @@ QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QSt
 QVariantMap Household::UsageByDay(const AgentConnection& connection, const QString& user,
                                   const QString& identifier) const {
   QVariantMap answer;
-  const Account* account = impl_->Counted(connection, user, identifier);
-  if (!account) return answer;
-  for (const auto& [day, minutes] : account->usage) answer.insert(DayKey(day), qlonglong{minutes});
+  const auto days = impl_->usage.find({user, identifier});
+  if (days == impl_->usage.end() || !impl_->MaySpeakFor(connection, user)) return answer;
+  for (const auto& [day, minutes] : days->second) {
+    answer.insert(UsageDayKey(day), qlonglong{minutes});
+  }
   return answer;
 }
 

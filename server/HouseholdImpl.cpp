@@ -34,9 +34,8 @@ void Household::Impl::Load() {
     Account* account = Find(lane.user, lane.identifier);
     if (account) account->lanes[lane.host].state.paidUntil = lane.paidUntil;
   }
-  for (const UsageRow& usage : contents.usage) {
-    Account* account = Find(usage.user, usage.identifier);
-    if (account) account->usage[usage.day] = usage.minutes;
+  for (const UsageRow& row : contents.usage) {
+    usage[{row.user, row.identifier}][row.day] = row.minutes;
   }
 }
 
@@ -104,10 +103,6 @@ Household::~Household() {
 
 void Household::WriteWhatWaits() {
   (void)impl_->WriteWaiting();
-}
-
-QString Household::StoreDescription() const {
-  return impl_->store->Description();
 }
 
 }  // namespace vardell::server

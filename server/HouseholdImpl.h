@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "server/ConnectedAgent.h"
 #include "server/CreditRules.h"
 #include "server/Household.h"
 #include "server/Store.h"
@@ -24,8 +25,18 @@ struct Account {
   LimitsRecord limits;
   std::uint64_t revision = 0;
   AccountState state;
-  std::map<QString, Lane> lanes;        // by host
-  std::map<QDate, std::int64_t> usage;  // minutes
+  std::map<QString, Lane> lanes;  // by host
+};
+
+// A change of one credit that is applied once.
+struct CreditChange {
+  Actor actor;
+  QString user;
+  QString identifier;
+  QString id;
+  QString reason;
+  QByteArray digest;  // of everything that is asked for
+  std::function<std::int64_t(std::int64_t before)> creditAfter;
 };
 
 struct Household::Impl {
@@ -40,13 +51,22 @@ struct Household::Impl {
   // --- Agents.
 
   bool MaySpeakFor(const AgentConnection& connection, const QString& user);
+  // The record of a connection that speaks for the user now; null where it may not.
+  ConnectedAgent* Speaking(const AgentConnection& connection, const QString& user);
   // The account whose credit the request concerns; none for the global settings.
   Account* Counted(const AgentConnection& connection, const QString& user,
                    const QString& identifier);
+  // What a fetch is answered with, and what it books.
+  std::int32_t CreditForFetch(const AgentConnection& connection, const QString& user,
+                              const QString& identifier, Account& account);
   Lane& LaneOf(Account& account, const Name& name, const QString& host, StoreChange* change);
   // Takes over what a rule decided, and puts the difference into the change.
   void TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
                 StoreChange change);
+
+  // --- Administrators.
+
+  AdminResult ChangeCredit(const CreditChange& wanted);
 
   // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
 
@@ -60,8 +80,8 @@ struct Household::Impl {
   Clocks clocks;
   HouseholdHooks hooks;
   std::map<QString, std::map<QString, Account>> users;
-  // What each connection was last given; 12345 as it was sent.
-  std::map<std::uint64_t, std::map<Name, std::int32_t>> handed;
+  std::map<Name, UsageDays> usage;  // also of names without an account
+  std::map<std::uint64_t, ConnectedAgent> connections;
   std::map<std::uint32_t, QString> userNames;
   std::vector<StoreChange> waiting;
   bool diskFails = false;

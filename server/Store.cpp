@@ -119,8 +119,8 @@ void Write(SqliteDatabase& database, const LedgerRow& entry) {
 }
 
 void Write(SqliteDatabase& database, const AdjustmentRow& adjustment) {
-  SqliteStatement row(database, "INSERT INTO adjustments VALUES (?, ?)");
-  row << adjustment.id << adjustment.digest;
+  SqliteStatement row(database, "INSERT INTO adjustments (id, digest, added) VALUES (?, ?, ?)");
+  row << adjustment.id << adjustment.digest << adjustment.added;
   row.Run();
 }
 
@@ -265,11 +265,11 @@ bool Store::Apply(const std::vector<StoreChange>& changes, const QString& bootId
   }
 }
 
-std::optional<QByteArray> Store::AdjustmentDigest(const QString& id) {
-  SqliteStatement row(*database_, "SELECT digest FROM adjustments WHERE id = ?");
+std::optional<AdjustmentRow> Store::Adjustment(const QString& id) {
+  SqliteStatement row(*database_, "SELECT digest, added FROM adjustments WHERE id = ?");
   row << id;
   if (!row.Step()) return std::nullopt;
-  return row.Blob(0);
+  return AdjustmentRow{id, row.Blob(0), row.Integer(1)};
 }
 
 std::vector<LedgerRow> Store::Ledger(std::int64_t after, const QString& user,

@@ -2,8 +2,9 @@
 // returns; no other program can use the file meanwhile. Not thread-safe; every call waits for the
 // disk.
 //
-// Tables: migrations, limits, credit, lanes, ledger, adjustments, audit. The ledger and the audit
-// only ever grow: the database itself refuses to change or delete their rows.
+// Tables: migrations, limits, removed_limits, credit, lanes, ledger, unfinished_restore,
+// adjustments, audit. The ledger and the audit only ever grow: the database itself refuses to
+// change or delete their rows, but for those of a restore that was not finished.
 #pragma once
 
 #include <QByteArray>
@@ -21,7 +22,7 @@ namespace vardell::server {
 
 class SqliteDatabase;
 
-inline constexpr int kStoreSchemaVersion = 1;
+inline constexpr int kStoreSchemaVersion = 2;
 inline constexpr char kDefaultStorePath[] = "/var/lib/vardell/vardell.sqlite";
 
 struct CreditRow {
@@ -47,7 +48,8 @@ struct UsageRow {
 
 struct AdjustmentRow {
   QString id;
-  QByteArray digest;  // of what it asked for
+  QByteArray digest;       // of what it asked for
+  std::int64_t added = 0;  // minutes, by an adjustment; 0 for those of schema 1
 };
 
 struct AuditRow {
@@ -94,7 +96,7 @@ class Store {
                            QString* error);
 
   // Absent where there is none with this id; throws std::runtime_error when the disk fails.
-  std::optional<QByteArray> AdjustmentDigest(const QString& id);
+  std::optional<AdjustmentRow> Adjustment(const QString& id);
   // Throws likewise.
   std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user, const QString& identifier,
                                 int limit);

@@ -93,7 +93,31 @@ CREATE TRIGGER audit_is_not_deleted BEFORE DELETE ON audit
   BEGIN SELECT RAISE(ABORT, 'the audit is append-only'); END;
 )sql";
 
-constexpr const char* kMigrations[] = {kVersion1};
+// removed_limits: the revision that a limit had when it was removed; one made again goes on from
+// it. unfinished_restore: at most one row; ledger rows from first_row on whose source is "restore"
+// do not count yet, and may be deleted.
+constexpr char kVersion2[] = R"sql(
+ALTER TABLE adjustments ADD COLUMN added INTEGER NOT NULL DEFAULT 0;
+
+CREATE TABLE removed_limits (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  revision INTEGER NOT NULL CHECK (revision > 0),
+  PRIMARY KEY (user, identifier)
+) WITHOUT ROWID;
+
+CREATE TABLE unfinished_restore (
+  first_row INTEGER NOT NULL
+);
+
+DROP TRIGGER ledger_is_not_deleted;
+CREATE TRIGGER ledger_is_not_deleted BEFORE DELETE ON ledger
+  WHEN NOT EXISTS (SELECT 1 FROM unfinished_restore
+                   WHERE OLD.source = 'restore' AND OLD.id >= first_row)
+  BEGIN SELECT RAISE(ABORT, 'the ledger is append-only'); END;
+)sql";
+
+constexpr const char* kMigrations[] = {kVersion1, kVersion2};
 static_assert(std::size(kMigrations) == kStoreSchemaVersion);
 
 std::int64_t QueryInteger(SqliteDatabase& database, const char* sql) {

@@ -1,64 +1,21 @@
 #include "server/ControlApi.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <array>
-#include <optional>
 #include <utility>
 
-#include "Common Sources/Caps.h"
-#include "server/ControlJson.h"
-#include "tests/server/HouseholdFixture.h"
+#include "tests/server/ControlApiFixture.h"
 
 namespace vardell::server {
 namespace {
-
-constexpr char kGame[] = "/v1/users/anna/limits/org.example.game";
-constexpr char kGameCredit[] = "/v1/users/anna/limits/org.example.game/credit";
-
-class ControlApi : public HouseholdFixture {
- protected:
-  void SetUp() override {
-    HouseholdFixture::SetUp();
-    Limit({{QStringLiteral("Credit"), 30}, {QStringLiteral("WD start"), 480}});
-  }
-
-  ControlAnswer Ask(const char* method, const QByteArray& target, const QByteArray& body = {},
-                    std::optional<QByteArray> ifMatch = {},
-                    std::optional<QByteArray> ifNoneMatch = {}) {
-    const ControlResources resources{*household_, [this] { return status_; }};
-    return AnswerControlRequest(resources, requester_,
-                                {method, target, ifMatch, ifNoneMatch, body});
-  }
-  static QJsonObject Json(const ControlAnswer& answer) {
-    return QJsonDocument::fromJson(answer.body).object();
-  }
-  // The object's text, without its spaces and in the order of its keys.
-  static std::string Text(const ControlAnswer& answer) {
-    return answer.body.trimmed().toStdString();
-  }
-  static QByteArray Code(const ControlAnswer& answer) {
-    return Json(answer).value(QLatin1String("code")).toString().toLatin1();
-  }
-  void Be(Role role, const char* name) {
-    requester_ = {{1234, QStringLiteral("uid 1234 (%1)").arg(QLatin1String(name))},
-                  QString::fromLatin1(name),
-                  role};
-  }
-
-  ServerStatus status_{QStringLiteral("0.1"), QStringLiteral("127.0.0.1:40001"),
-                       QStringLiteral("Vardell on den"), 3, now_};
-  Requester requester_{{0, QStringLiteral("uid 0 (root)")}, QStringLiteral("root"), Role::Admin};
-};
 
 // --- What the resources show.
 
 TEST_F(ControlApi, StatusShowsTheServer) {
   EXPECT_EQ(Text(Ask("GET", "/v1/status")),
-            R"({"address":"127.0.0.1:40001","agents":3,"published":"Vardell on den",)"
-            R"("started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
-                StorePath().toStdString() + R"(","version":"0.1"})");
+            R"({"address":"127.0.0.1:40001","agents":3,"limits":1,"published":"Vardell on den",)"
+            R"("schema":2,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
+                StorePath().toStdString() +
+                R"(","users":1,"version":"0.1","waiting":0,"zone":"+01:00"})");
 }
 
 TEST_F(ControlApi, ALimitHasItsKeysItsCreditAndItsRevision) {
@@ -155,6 +112,7 @@ TEST_F(ControlApi, CreditIsSetOnceForEachId) {
 TEST_F(ControlApi, EachResourceAsksForItsRoleAndAUserSeesNoOtherListed) {
   Limit({{QStringLiteral("Credit"), 7}}, game_, QStringLiteral("ben"));
   const QByteArray credit = R"({"minutes":30,"id":"same","reason":""})";
+  const QByteArray added = R"({"minutes":5,"id":"more"})";
   const QByteArray limits = R"({"limits":{}})";
   const struct {
     const char* method;
@@ -173,6 +131,11 @@ TEST_F(ControlApi, EachResourceAsksForItsRoleAndAUserSeesNoOtherListed) {
       {"GET", "/v1/ledger?user=anna", {}, {200, 200, 200}},
       {"GET", "/v1/ledger?user=ben", {}, {200, 200, 403}},
       {"PUT", kGameCredit, credit, {200, 200, 403}},
+      {"POST", kGameAdjustments, added, {200, 200, 403}},
+      {"GET", "/v1/users/anna/usage", {}, {200, 200, 200}},
+      {"GET", "/v1/users/ben/usage", {}, {200, 200, 403}},
+      {"GET", "/v1/users/ben/limits/org.example.game/usage", {}, {200, 200, 403}},
+      {"GET", "/v1/agents", {}, {200, 200, 200}},
       {"PATCH", kGame, limits, {412, 403, 403}},
   };
   for (const auto& row : kRows) {
@@ -242,6 +205,17 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
       {"the sentinel as credit", "PUT", kGameCredit, R"({"minutes":12345,"id":"a"})", none, none, 422, "bad-value", "minutes"},
       {"no id", "PUT", kGameCredit, R"({"minutes":5})", none, none, 422, "bad-value", "id"},
       {"a reason that is no text", "PUT", kGameCredit, R"({"minutes":5,"id":"a","reason":[]})", none, none, 422, "bad-value", "reason"},
+      {"nothing added", "POST", kGameAdjustments, R"({"minutes":0,"id":"a"})", none, none, 422, "bad-value", "minutes"},
+      {"more than any credit added", "POST", kGameAdjustments, R"({"minutes":2147483648,"id":"a"})", none, none, 422, "bad-value", "minutes"},
+      {"a long id", "POST", kGameAdjustments, R"({"minutes":1,"id":")" + QByteArray(129, 'a') + "\"}", none, none, 422, "bad-value", "id"},
+      {"added to an unknown identifier", "POST", "/v1/users/anna/limits/x/adjustments", R"({"minutes":1,"id":"z"})", none, none, 404, "not-found", ""},
+
+      {"usage of nobody", "GET", "/v1/users/carl/usage", {}, none, none, 404, "not-found", ""},
+      {"usage of an unknown identifier", "GET", "/v1/users/anna/limits/x/usage", {}, none, none, 404, "not-found", ""},
+      {"a day that does not exist", "GET", "/v1/users/anna/usage?from=2009-02-29", {}, none, none, 422, "bad-value", "from"},
+      {"a day in another form", "GET", "/v1/users/anna/usage?to=5-3-2009", {}, none, none, 422, "bad-value", "to"},
+      {"a time for a day", "GET", "/v1/users/anna/usage?to=2009-03-05T00:00:00", {}, none, none, 422, "bad-value", "to"},
+      {"an end before its beginning", "GET", "/v1/users/anna/usage?from=2009-03-05&to=2009-03-04", {}, none, none, 422, "bad-value", "to"},
       {"who did it", "PUT", kGameCredit, R"({"minutes":5,"id":"a","actor":"root"})", none, none, 400, "unknown-field", "actor"},
       // clang-format on
   };

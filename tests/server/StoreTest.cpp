@@ -110,7 +110,7 @@ TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
        [&](auto path) { Overwrite(path, QByteArray(8, '\x5a'), {audit / 4096 * 4096}); }},
       {"not the sum of", [](auto path) { Execute(path, "UPDATE credit SET minutes = 5000"); }},
       {"newer version",
-       [](auto path) { Execute(path, "INSERT INTO migrations VALUES (2, 'tomorrow')"); }},
+       [](auto path) { Execute(path, "INSERT INTO migrations VALUES (99, 'tomorrow')"); }},
       {"another program",
        [](auto path) {
          EXPECT_TRUE(QFile::remove(path));

@@ -1,0 +1,123 @@
+// The limits of one user and identifier, and what the Household refuses to do with them.
+#include <QJsonArray>
+
+#include "server/ControlCall.h"
+
+namespace vardell::server {
+namespace {
+
+struct Precondition {
+  std::uint64_t revision = 0;  // 0: it must be new
+  std::optional<Problem> problem;
+};
+
+Precondition ReadPrecondition(const ControlRequest& request) {
+  const QString hint = QStringLiteral(
+      "Send If-Match with the ETag of a GET, or If-None-Match: * where there are no limits yet");
+  if (request.ifMatch.has_value() == request.ifNoneMatch.has_value()) {
+    return {0, request.ifMatch
+                   ? BadRequest(QStringLiteral("Both If-Match and If-None-Match"), {}, hint)
+                   : Problem{428,
+                             "precondition-required",
+                             QStringLiteral("A change needs to say what it changes"),
+                             {},
+                             hint}};
+  }
+  if (request.ifNoneMatch) {
+    if (request.ifNoneMatch->trimmed() == "*") return {};
+    return {0, BadRequest(QStringLiteral("If-None-Match can only be *"),
+                          QStringLiteral("If-None-Match"), hint)};
+  }
+  const std::optional<std::uint64_t> revision = RevisionFrom(*request.ifMatch);
+  if (revision) return {*revision, std::nullopt};
+  return {0, BadRequest(QStringLiteral("If-Match is not one revision in double quotes"),
+                        QStringLiteral("If-Match"), hint)};
+}
+
+// The Household's messages follow their field.
+QString About(const AdminResult& result) {
+  return QStringLiteral("\"%1\" %2").arg(result.field, result.message);
+}
+
+ControlAnswer AnswerOf(const Call& call, int status, const AdminResult& result) {
+  if (result.status == AdminStatus::Ok && result.entry) return AnswerLimit(status, *result.entry);
+  return MakeAnswer(ProblemOf(call, result));
+}
+
+}  // namespace
+
+ControlAnswer AnswerLimit(int status, const LimitsEntry& entry, const QJsonObject& more) {
+  QJsonObject object = ToJson(entry);
+  for (auto field = more.begin(); field != more.end(); ++field) {
+    object.insert(field.key(), field.value());
+  }
+  ControlAnswer answer = MakeAnswer(status, object);
+  answer.etag = '"' + QByteArray::number(qulonglong{entry.revision}) + '"';
+  return answer;
+}
+
+Problem NoLimits(const Call& call) {
+  return NotFound(
+      QStringLiteral("No limits of \"%1\" for \"%2\"").arg(call.user(), call.identifier()));
+}
+
+Problem ProblemOf(const Call& call, const AdminResult& result) {
+  switch (result.status) {
+    case AdminStatus::Ok:
+      break;
+    case AdminStatus::NotFound:
+      return NoLimits(call);
+    case AdminStatus::RevisionMismatch:
+      return {412,
+              "revision-mismatch",
+              QStringLiteral("The limits have changed meanwhile"),
+              {},
+              QStringLiteral("Read them again and repeat the change")};
+    case AdminStatus::IdReused:
+      return {409, "id-reused", QStringLiteral("This id was used for another change"),
+              QStringLiteral("id"), QStringLiteral("Send each change under an id of its own")};
+    case AdminStatus::UnknownKey:
+      return {422, "unknown-key", About(result), result.field, {}};
+    case AdminStatus::BadValue:
+      return BadValue(result.field, About(result));
+    case AdminStatus::StoreFailed:
+      break;
+  }
+  return {503,
+          "store-failed",
+          QStringLiteral("The store could not be written: nothing was changed"),
+          {},
+          result.message};
+}
+
+ControlAnswer GetLimits(const Call& call) {
+  const std::vector<LimitsEntry> entries = call.household().Limits(call.user());
+  if (entries.empty())
+    return MakeAnswer(NotFound(QStringLiteral("No limits of \"%1\"").arg(call.user())));
+  QJsonArray limits;
+  for (const LimitsEntry& entry : entries) limits.append(ToJson(entry));
+  return MakeAnswer(200, {{QStringLiteral("limits"), limits}});
+}
+
+ControlAnswer GetLimit(const Call& call) {
+  const std::optional<LimitsEntry> entry = call.household().Limits(call.user(), call.identifier());
+  return entry ? AnswerLimit(200, *entry) : MakeAnswer(NoLimits(call));
+}
+
+ControlAnswer PatchLimit(const Call& call) {
+  const Precondition precondition = ReadPrecondition(call.request);
+  if (precondition.problem) return MakeAnswer(*precondition.problem);
+  const Body body = ReadBody(call.request.body, {"limits"});
+  if (body.problem) return MakeAnswer(*body.problem);
+  const QJsonValue limits = body.object.value(QLatin1String("limits"));
+  if (!limits.isObject()) {
+    return MakeAnswer(
+        BadValue(QStringLiteral("limits"), QStringLiteral("\"limits\" must be an object")));
+  }
+  const QVariantMap keys = limits.toObject().toVariantMap();
+  return AnswerOf(call, precondition.revision == 0 ? 201 : 200,
+                  call.household().ChangeLimits(call.requester.actor, call.user(),
+                                                call.identifier(), keys, precondition.revision));
+}
+
+}  // namespace vardell::server

@@ -1,0 +1,78 @@
+// The part of the Household that shows usage, agents and itself.
+#include <QTimeZone>
+
+#include "server/HouseholdImpl.h"
+
+namespace vardell::server {
+namespace {
+
+// The application is fetched once a minute while it runs.
+constexpr EnforcementTime kRecent = 2 * kMinute;
+
+QString OffsetText(const QDateTime& time) {
+  const int minutes = std::abs(time.offsetFromUtc()) / 60;
+  return QStringLiteral("%1%2:%3")
+      .arg(time.offsetFromUtc() < 0 ? QLatin1Char('-') : QLatin1Char('+'))
+      .arg(minutes / 60, 2, 10, QLatin1Char('0'))
+      .arg(minutes % 60, 2, 10, QLatin1Char('0'));
+}
+
+// Where the machine's zone is a file of its own, Qt's name for it is another zone's.
+QString ZoneOf(const QDateTime& time) {
+  if (time.timeSpec() != Qt::LocalTime) return OffsetText(time);
+  const QTimeZone named = QTimeZone::systemTimeZone();
+  const bool fits = named.isValid() && named.offsetFromUtc(time) == time.offsetFromUtc();
+  return fits ? QString::fromUtf8(named.id()) : OffsetText(time);
+}
+
+AgentFacts FactsOf(const ConnectedAgent& agent, EnforcementTime now) {
+  AgentFacts facts{agent.host, agent.user, agent.since, {}};
+  for (const RecentFetches::Fetch& fetch : agent.fetches.All()) {
+    if (now - fetch.time <= kRecent) {
+      facts.applications.push_back({fetch.identifier, fetch.credit});
+    }
+  }
+  return facts;
+}
+
+}  // namespace
+
+std::optional<UsageDays> Household::Usage(const QString& user, const QString& identifier) const {
+  const auto days = impl_->usage.find({user, identifier});
+  if (days != impl_->usage.end()) return days->second;
+  if (impl_->Find(user, identifier)) return UsageDays();
+  return std::nullopt;
+}
+
+std::vector<UsageEntry> Household::Usage(const QString& user) const {
+  std::vector<UsageEntry> entries;
+  auto next = impl_->usage.lower_bound({user, QString()});
+  for (; next != impl_->usage.end() && next->first.first == user; ++next) {
+    entries.push_back({user, next->first.second, next->second});
+  }
+  return entries;
+}
+
+std::vector<AgentFacts> Household::Agents(
+    const std::function<bool(const QString& user)>& maySee) const {
+  std::vector<AgentFacts> agents;
+  for (const auto& [id, agent] : impl_->connections) {
+    if (maySee(agent.user)) agents.push_back(FactsOf(agent, impl_->Now()));
+  }
+  return agents;
+}
+
+HouseholdFacts Household::Facts() const {
+  HouseholdFacts facts;
+  facts.store = impl_->store->Description();
+  facts.schema = kStoreSchemaVersion;
+  facts.users = static_cast<int>(impl_->users.size());
+  for (const auto& [user, accounts] : impl_->users) {
+    facts.limits += static_cast<int>(accounts.size());
+  }
+  facts.waiting = static_cast<int>(impl_->waiting.size());
+  facts.zone = ZoneOf(impl_->clocks.now());
+  return facts;
+}
+
+}  // namespace vardell::server
