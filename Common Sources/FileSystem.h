@@ -1,5 +1,5 @@
 // Files named by paths or URLs, with the status codes that the operations on them report.
-// For PropertyListFiles, ShellHelpers and UserPicture. Any thread; a name that leads to a pipe, a
+// For PropertyListFiles, ShellHelpers and the images. Any thread; a name that leads to a pipe, a
 // device or a folder is refused without blocking.
 #pragma once
 

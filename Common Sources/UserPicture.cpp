@@ -2,13 +2,12 @@
 
 #include <pwd.h>
 
-#include <QBuffer>
-#include <QImageReader>
 #include <optional>
 #include <vector>
 
 #include "Common Sources/Caps.h"
 #include "Common Sources/FileSystem.h"
+#include "Common Sources/ImageDecoding.h"
 #include "Common Sources/Localization.h"
 #include "Common Sources/ShellHelpers.h"
 #include "Common Sources/TestHooks.h"
@@ -29,25 +28,6 @@ QByteArray CommandBytes(const char* command, const QString& userName, std::size_
   return bytes;
 }
 
-QImage Decode(QByteArray bytes) {
-  QBuffer buffer(&bytes);
-  QImageReader reader(&buffer);
-  const QSize size = reader.size();
-  // Four bytes for each pixel; a format that tells no size beforehand is left to Qt's own limit.
-  if (size.isValid() && qint64(size.width()) * size.height() * 4 > qint64(kMaxPictureMegabytes)
-                                                                       << 20) {
-    return {};
-  }
-  return reader.read();
-}
-
-QImage DecodeFile(const QString& path) {
-  const std::optional<QByteArray> nativePath = NativePath(path);
-  if (!nativePath) return {};
-  const std::optional<QByteArray> bytes = LoadFile(*nativePath, kMaxPictureBytes);
-  return bytes ? Decode(*bytes) : QImage();
-}
-
 QImage ImageNamedByDirectory(const QString& userName) {
   const QByteArray answer =
       CommandBytes("dscl . -read /Users/%1 Picture", userName, kPictureAnswerBytes);
@@ -56,14 +36,14 @@ QImage ImageNamedByDirectory(const QString& userName) {
   QString path = QString::fromUtf8(answer.mid(kPictureLabel, size - kPictureLabel));
   path.remove(u'\r').remove(u'\n');
   while (path.startsWith(u' ')) path.remove(0, 1);
-  return DecodeFile(path);
+  return DecodeImageFile(path);
 }
 
 QImage ImageFromDirectory(const QString& userName) {
   if (!IsPortableName(userName)) return {};
   const QByteArray bytes = CommandBytes("dscl . -read /Users/%1 JPEGPhoto | tail -1 | xxd -r -p ",
                                         userName, kMaxPictureCommandBytes);
-  const QImage image = bytes.isEmpty() ? QImage() : Decode(bytes);
+  const QImage image = bytes.isEmpty() ? QImage() : DecodeImage(bytes);
   return image.isNull() ? ImageNamedByDirectory(userName) : image;
 }
 
@@ -71,7 +51,7 @@ QImage ImageOfAccountService(const QString& userName) {
   const bool isFileName =
       !userName.isEmpty() && !userName.contains(u'/') && userName != u"." && userName != u"..";
   if (!isFileName) return {};
-  return DecodeFile(ProductPath(QStringLiteral("/var/lib/AccountsService/icons/") + userName));
+  return DecodeImageFile(ProductPath(QStringLiteral("/var/lib/AccountsService/icons/") + userName));
 }
 
 QImage ImageInHomeFolder(const QString& userName) {
@@ -83,7 +63,7 @@ QImage ImageInHomeFolder(const QString& userName) {
   if (::getpwnam_r(name->constData(), &entry, room.data(), room.size(), &found) != 0 || !found) {
     return {};
   }
-  return DecodeFile(ProductPath(QString::fromUtf8(found->pw_dir) + QStringLiteral("/.face")));
+  return DecodeImageFile(ProductPath(QString::fromUtf8(found->pw_dir) + QStringLiteral("/.face")));
 }
 
 }  // namespace
