@@ -1,6 +1,5 @@
 #include "platform/linux/ApplicationScan.h"
 
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <QFile>
@@ -10,7 +9,7 @@
 #include "Common Sources/Caps.h"
 #include "Common Sources/FileSystem.h"
 #include "Common Sources/TestHooks.h"
-#include "platform/HotKeys.h"
+#include "platform/linux/ApplicationInfos.h"
 #include "platform/linux/Interpreters.h"
 
 namespace vardell {
@@ -18,40 +17,6 @@ namespace {
 
 constexpr int kSettlingSeconds = 5;
 constexpr std::size_t kMaxSessionFileBytes = 16u << 10;
-
-std::uint32_t CodeOf(const QByteArray& text) {
-  std::uint32_t code = 0;
-  for (int i = 0; i < 4; ++i) {
-    code = code << 8 | static_cast<unsigned char>(i < text.size() ? text[i] : ' ');
-  }
-  return code;
-}
-
-std::uint32_t CreatorOf(const QByteArray& path) {
-  char creator[4];
-  if (getxattr(path.constData(), "user.creator", creator, sizeof creator) == sizeof creator) {
-    return CodeOf(QByteArray(creator, sizeof creator));
-  }
-  return CodeOf(BaseName(path));
-}
-
-ApplicationInfo InfoOf(const DesktopEntry& entry) {
-  ApplicationInfo info;
-  info.path = entry.path;
-  info.isBundle = true;
-  info.identifier = entry.id;
-  info.typeCode = FourCharCode("APPL");
-  info.displayName = entry.name;
-  return info;
-}
-
-ApplicationInfo InfoOfBare(const QByteArray& path) {
-  ApplicationInfo info;
-  info.path = QFile::decodeName(path);
-  info.creatorCode = CreatorOf(path);
-  info.displayName = QFile::decodeName(BaseName(path));
-  return info;
-}
 
 bool IsGraphicalSession(const QByteArray& session) {
   const QString path =
@@ -244,7 +209,7 @@ std::optional<ApplicationInfo> ApplicationScan::Application(
   if (!now || now->started != process.started || !IsLive(*now)) return std::nullopt;
   if (at->second.found.isBare) return InfoOfBare(at->second.subject);
   const DesktopEntry* entry = entries_.ById(at->second.found.entryId);
-  return entry ? std::optional(InfoOf(*entry)) : std::nullopt;
+  return entry ? std::optional(InfoOfEntry(entry->id, entry->path, entry->name)) : std::nullopt;
 }
 
 }  // namespace vardell

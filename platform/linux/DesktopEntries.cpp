@@ -4,7 +4,6 @@
 
 #include <QDirIterator>
 #include <QFile>
-#include <QLocale>
 #include <algorithm>
 #include <array>
 
@@ -14,6 +13,7 @@
 #include "platform/Processes.h"
 #include "platform/linux/ExecLine.h"
 #include "platform/linux/Interpreters.h"
+#include "platform/linux/Languages.h"
 
 namespace vardell {
 namespace {
@@ -57,21 +57,6 @@ constexpr std::array<const char*, 31> kSessionParts = {"openbox",
 // for the session itself.
 constexpr std::array<const char*, 3> kReserved = {kLoginWindowIdentifier, "com.brenwick.",
                                                   "com.tovmark.unknownapp"};
-
-bool IsReserved(const QString& id) {
-  return std::any_of(kReserved.begin(), kReserved.end(), [&](const char* name) {
-    return id.startsWith(QLatin1String(name), Qt::CaseInsensitive);
-  });
-}
-
-QStringList Languages() {
-  QStringList languages;
-  for (QString language : QLocale::system().uiLanguages()) {
-    languages.push_back(language.replace(QLatin1Char('-'), QLatin1Char('_')));
-    languages.push_back(language.section(QLatin1Char('_'), 0, 0));
-  }
-  return languages;
-}
 
 // Whoever owns the root folder owns the system.
 uid_t SystemOwner() {
@@ -125,6 +110,12 @@ DesktopEntries::List Find(const QHash<FileId, DesktopEntries::List>& byFile,
 
 }  // namespace
 
+bool IsReservedId(const QString& id) {
+  return std::any_of(kReserved.begin(), kReserved.end(), [&](const char* name) {
+    return id.startsWith(QLatin1String(name), Qt::CaseInsensitive);
+  });
+}
+
 std::vector<ApplicationFolder> ApplicationFolders(const QString& home) {
   std::vector<ApplicationFolder> folders;
   for (const char* folder :
@@ -169,7 +160,7 @@ void DesktopEntries::Read() {
   for (const ApplicationFolder& folder : folders_) {
     Reading reading{folder.isSystem,
                     folder.isSystem ? kMaxSystemDesktopEntries : kMaxUserDesktopEntries,
-                    Languages()};
+                    MessageLanguages()};
     ReadFolder(folder.path, {}, 0, reading);
   }
   for (const char* part : kSessionParts) AddSessionPart(ResolveProgram(part));
@@ -193,7 +184,7 @@ void DesktopEntries::ReadFolder(const QString& path, const QString& prefix, int 
 }
 
 void DesktopEntries::ReadFile(const QString& path, const QString& id, const Reading& reading) {
-  if (IsReserved(id)) return;
+  if (IsReservedId(id)) return;
   const QByteArray file = QFile::encodeName(path);
   const std::optional<QByteArray> text = LoadFile(file, kMaxDesktopEntryBytes);
   if (!text) return;

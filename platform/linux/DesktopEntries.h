@@ -71,6 +71,9 @@ class DesktopEntries {
   QSet<FileId> sessionFiles_;
 };
 
+// True for an id that means something else than an application.
+bool IsReservedId(const QString& id);
+
 // The system's folders, then those of the user whose home this is.
 std::vector<ApplicationFolder> ApplicationFolders(const QString& home);
 

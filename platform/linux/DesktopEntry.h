@@ -1,4 +1,4 @@
-// One desktop entry. Format: freedesktop.org desktop entries 1.5, group "Desktop Entry".
+// One desktop entry, and what its program is on this machine.
 #pragma once
 
 #include <QByteArray>

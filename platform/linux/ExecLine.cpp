@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "platform/linux/Interpreters.h"
@@ -65,6 +67,12 @@ QByteArray RealPath(const QByteArray& path) {
   return S_ISREG(status.st_mode) ? QByteArray(resolved) : QByteArray();
 }
 
+bool IsExecutableFile(const QByteArray& path) {
+  struct stat status {};
+  return stat(path.constData(), &status) == 0 && S_ISREG(status.st_mode) &&
+         (status.st_mode & 0111) != 0;
+}
+
 }  // namespace
 
 std::optional<ExecLine> ParseExecLine(const QString& exec) {
@@ -88,6 +96,13 @@ QByteArray ResolveProgram(const QByteArray& program) {
     if (!path.isEmpty()) return path;
   }
   return {};
+}
+
+bool IsInstalledProgram(const QByteArray& program) {
+  if (program.startsWith('/')) return IsExecutableFile(program);
+  if (program.isEmpty() || program.contains('/')) return false;
+  return std::any_of(std::begin(kProgramFolders), std::end(kProgramFolders),
+                     [&](const char* folder) { return IsExecutableFile(folder + program); });
 }
 
 bool IsScript(const QByteArray& path) {

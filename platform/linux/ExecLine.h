@@ -21,6 +21,9 @@ std::optional<ExecLine> ParseExecLine(const QString& exec);
 // when there is no such file.
 QByteArray ResolveProgram(const QByteArray& program);
 
+// True where that program, found in the same way, is a file that can be executed.
+bool IsInstalledProgram(const QByteArray& program);
+
 // True for a regular file that begins with "#!".
 bool IsScript(const QByteArray& path);
 

@@ -1,0 +1,41 @@
+// Preferences in an XML property list in the user's configuration folder. At any moment of a write,
+// also of one that fails or is cut short, the file is the old one or the new one. What is stored
+// but cannot be understood is kept under a further extension; what cannot even be read is left
+// alone, and nothing is stored.
+#pragma once
+
+#include "platform/ApplicationPreferences.h"
+
+namespace vardell {
+
+// "com.brenwick.vardell5.plist" in the configuration folder of the user that this program runs as.
+QString ApplicationPreferencesPath();
+
+class LinuxApplicationPreferences : public ApplicationPreferences {
+ public:
+  explicit LinuxApplicationPreferences(QString path = ApplicationPreferencesPath());
+
+  std::optional<QVariant> Value(const QString& key) override;
+  void SetValue(const QString& key, const QVariant& value) override;
+  bool Synchronize() override;
+
+  // What kept the last Synchronize() from its work, for people; empty where nothing did.
+  const QString& Problem() const { return problem_; }
+  // Where the last Synchronize() has put what it could not understand; empty where it did not.
+  const QString& KeptAside() const { return keptAside_; }
+
+ private:
+  enum class Stored { Missing, Dictionary, Unintelligible, Unreadable };
+  Stored Read(QVariantMap& values) const;
+  bool Write(const QVariantMap& values, Stored stored);
+  bool KeepAside();
+  bool Fail(const QString& problem);
+
+  QString path_;
+  QVariantMap stored_;
+  QVariantMap set_;  // since the last Synchronize() that succeeded
+  QString problem_;
+  QString keptAside_;
+};
+
+}  // namespace vardell

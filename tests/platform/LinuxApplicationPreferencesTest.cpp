@@ -1,0 +1,121 @@
+#include "platform/linux/LinuxApplicationPreferences.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include "tests/support/OtherUsers.h"
+
+namespace vardell {
+namespace {
+
+const QString kKey = QStringLiteral("Applications");
+
+class ApplicationPreferencesTest : public testing::Test {
+ protected:
+  void Write(const QByteArray& text) const {
+    QFile file(path_);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size()) abort();
+  }
+  QByteArray Contents(const QString& path) const {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("none");
+  }
+  QVariant Stored(const QString& key) const {
+    return LinuxApplicationPreferences(path_).Value(key).value_or(QVariant());
+  }
+  QStringList Files() const {
+    return QDir(folder_.path())
+        .entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot);
+  }
+
+  QTemporaryDir folder_;
+  QString path_ = folder_.filePath(QStringLiteral("config.plist"));
+};
+
+TEST_F(ApplicationPreferencesTest, AreStoredWhenSynchronisedAndKeepWhatOthersSet) {
+  LinuxApplicationPreferences one(folder_.filePath(QStringLiteral("new/er/config.plist")));
+  LinuxApplicationPreferences other(folder_.filePath(QStringLiteral("new/er/config.plist")));
+  one.SetValue(kKey, QStringLiteral("first"));
+  EXPECT_EQ(one.Value(kKey), QVariant(QStringLiteral("first")));
+  EXPECT_EQ(Files(), QStringList());
+  ASSERT_TRUE(one.Synchronize());
+  other.SetValue(QStringLiteral("Other"), 17);
+  EXPECT_EQ(other.Value(kKey), std::nullopt);
+  ASSERT_TRUE(other.Synchronize());
+  EXPECT_EQ(other.Value(kKey), QVariant(QStringLiteral("first")));
+  ASSERT_TRUE(one.Synchronize());
+  EXPECT_EQ(one.Value(QStringLiteral("Other")), QVariant(17));
+  struct stat status {};
+  ASSERT_EQ(stat(folder_.filePath(QStringLiteral("new")).toUtf8(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700u);
+}
+
+// ---- failures ----------------------------------------------------------------------------------
+
+TEST_F(ApplicationPreferencesTest, WhatCannotBeUnderstoodIsKeptAside) {
+  for (const int number : {1, 2}) {
+    const QByteArray broken = "<plist><array/></plist>" + QByteArray::number(number);
+    Write(broken);
+    LinuxApplicationPreferences preferences(path_);
+    EXPECT_EQ(preferences.Value(kKey), std::nullopt);
+    ASSERT_TRUE(preferences.Synchronize()) << "nothing to store";
+    EXPECT_EQ(Contents(path_), broken);
+    preferences.SetValue(kKey, number);
+    ASSERT_TRUE(preferences.Synchronize());
+    EXPECT_EQ(Stored(kKey), QVariant(number));
+    EXPECT_EQ(preferences.KeptAside(), path_ + QStringLiteral(".broken%1").arg(number));
+    EXPECT_EQ(Contents(preferences.KeptAside()), broken);
+  }
+  EXPECT_EQ(Files().size(), 3) << "nothing else";
+}
+
+TEST_F(ApplicationPreferencesTest, WhatCannotBeReadIsLeftAlone) {
+  ASSERT_EQ(mkfifo(path_.toUtf8(), 0600), 0);
+  LinuxApplicationPreferences preferences(path_);
+  preferences.SetValue(kKey, 1);
+  EXPECT_FALSE(preferences.Synchronize());
+  EXPECT_TRUE(preferences.Problem().contains(path_));
+  EXPECT_EQ(preferences.Value(kKey), QVariant(1));
+  EXPECT_EQ(Files().size(), 1);
+  QFile::remove(path_);
+  EXPECT_TRUE(preferences.Synchronize()) << "what was set stays set";
+  EXPECT_EQ(preferences.Problem(), QString());
+  EXPECT_EQ(Stored(kKey), QVariant(1));
+}
+
+TEST_F(ApplicationPreferencesTest, WriteThatFailsLeavesTheOldFile) {
+  LinuxApplicationPreferences preferences(path_);
+  preferences.SetValue(kKey, QStringLiteral("old"));
+  ASSERT_TRUE(preferences.Synchronize());
+  const QByteArray old = Contents(path_);
+  const auto fails = [&](const QVariant& value) {
+    preferences.SetValue(kKey, value);
+    return !preferences.Synchronize() && !preferences.Problem().isEmpty() &&
+           Contents(path_) == old && Files().size() == 1;
+  };
+  EXPECT_TRUE(fails(QString(QChar(0xD800)))) << "no text";
+  // As on a full disk: no file may grow beyond 100 bytes.
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit limited{100, RLIM_INFINITY};
+  const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &limited);
+  const bool failsWhenFull = fails(QStringLiteral("new"));
+  setrlimit(RLIMIT_FSIZE, &unlimited);
+  EXPECT_TRUE(failsWhenFull);
+  // A folder in which this user may make no file.
+  ASSERT_EQ(chmod(folder_.path().toUtf8(), 0555), 0);
+  const uid_t user = getuid() == 0 ? test::kAnna : getuid();
+  test::AsUser(user, [&] { EXPECT_TRUE(fails(QStringLiteral("new"))); });
+  ASSERT_EQ(chmod(folder_.path().toUtf8(), 0755), 0);
+  EXPECT_TRUE(preferences.Synchronize());
+  EXPECT_EQ(Stored(kKey), QVariant(QStringLiteral("new")));
+}
+
+}  // namespace
+}  // namespace vardell
