@@ -1,6 +1,7 @@
 #include "control/Answers.h"
 
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QUrl>
 
 #include "control/Tables.h"
@@ -74,6 +75,18 @@ QByteArray UserTarget(const QString& user) {
 
 QByteArray LimitTarget(const QString& user, const QString& identifier) {
   return UserTarget(user) + "/limits/" + Segment(identifier);
+}
+
+QString ShellWord(const QString& text) {
+  static const QRegularExpression kPlain(QStringLiteral("^[\\w.@%+=:,/-]+$"));
+  if (kPlain.match(text).hasMatch()) return text;
+  QString inside = Printable(text);
+  return QLatin1Char('\'') + inside.replace(QLatin1Char('\''), QStringLiteral("'\\''")) +
+         QLatin1Char('\'');
+}
+
+QString MinutesText(qint64 minutes) {
+  return minutes == 1 ? QStringLiteral("1 minute") : QStringLiteral("%1 minutes").arg(minutes);
 }
 
 QString JsonText(const QJsonObject& json) {

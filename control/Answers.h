@@ -13,8 +13,9 @@ enum class ExitStatus { Done = 0, Failed = 1, Usage = 2, Unreachable = 3 };
 
 struct Result {
   ExitStatus status = ExitStatus::Done;
-  QString output;  // for standard output
-  QString error;   // for standard error: one or two lines without the program's name
+  QString output;       // for standard output
+  QString error;        // for standard error: one or two lines without the program's name
+  QString notice = {};  // for standard error where it is done: what one should know, one line
 };
 
 Result Done(const QString& output);
@@ -37,6 +38,12 @@ Answer Get(const HttpClient& server, const QByteArray& target);
 QByteArray Segment(const QString& text);
 QByteArray UserTarget(const QString& user);                              // "/v1/users/anna"
 QByteArray LimitTarget(const QString& user, const QString& identifier);  // ".../limits/org.game"
+
+// The text between quotes that a shell takes for one word, where it needs them.
+QString ShellWord(const QString& text);
+
+// "1 minute", "2 minutes".
+QString MinutesText(qint64 minutes);
 
 QString JsonText(const QJsonObject& json);  // indented, for people and scripts
 QByteArray Body(const QJsonObject& json);

@@ -4,6 +4,7 @@
 
 #include "Common Sources/Caps.h"
 #include "control/LimitsKeys.h"
+#include "control/Presets.h"
 #include "limits/WatchedApps.h"
 
 namespace vardell::control {
@@ -103,12 +104,33 @@ QString TakePair(const QString& word, Command* command) {
   return parsed.problem;
 }
 
+QString TakeKey(const QString& word, Command* command) {
+  command->keys.append(word);
+  if (command->verb != Verb::LimitsUnset) return {};
+  if (word == QLatin1String("Credit")) {
+    return QStringLiteral("\"Credit\" cannot be unset; \"credit set\" changes it");
+  }
+  command->limits.insert(word, FirstLimitsValue(word));
+  return FirstLimitsValue(word).isUndefined() ? ParseLimitsValue(word, {}).problem : QString();
+}
+
+QString PresetProblem(const QString& name) {
+  if (FindPreset(name)) return {};
+  QStringList names;
+  for (const Preset& preset : Presets()) names.append(preset.name);
+  return QStringLiteral("there is no preset \"%1\"; there are: %2")
+      .arg(name, names.join(QStringLiteral(", ")));
+}
+
 QString TakeMinutes(const QString& word, Command* command) {
   const bool adds = command->verb == Verb::CreditAdd;
   const bool isNegative = adds && word.startsWith(QLatin1Char('-'));
   const bool isSigned = adds && (isNegative || word.startsWith(QLatin1Char('+')));
   const ParsedValue parsed = ParseCredit(isSigned ? word.mid(1) : word);
   command->minutes = parsed.value.toInteger() * (isNegative ? -1 : 1);
+  if (adds && parsed.problem.isEmpty() && command->minutes == 0) {
+    return QStringLiteral("adding 0 minutes changes nothing");
+  }
   return parsed.problem;
 }
 
@@ -123,8 +145,11 @@ QString TakeWord(const QString& name, const QString& word, Command* command) {
   }
   if (name == QLatin1String("KEY=VALUE")) return TakePair(word, command);
   if (name == QLatin1String("MINUTES")) return TakeMinutes(word, command);
-  if (name == QLatin1String("KEY")) command->keys.append(word);
-  if (name == QLatin1String("PRESET")) command->preset = word;
+  if (name == QLatin1String("KEY")) return TakeKey(word, command);
+  if (name == QLatin1String("PRESET")) {
+    command->preset = word;
+    return PresetProblem(word);
+  }
   if (name == QLatin1String("WORD")) command->words.append(word);
   if (name == QLatin1String("PATH") || name == QLatin1String("FILE")) {
     command->path = word;
@@ -187,6 +212,16 @@ QString TakeOptions(const QMap<QString, QString>& options, const CommandShape& s
       .arg(value("--after"));
 }
 
+// The last word is not whole yet.
+QString ControlAmong(const QStringList& words) {
+  const QString option = QStringLiteral("--control");
+  for (qsizetype i = 0; i + 1 < words.size(); ++i) {
+    if (words[i].startsWith(option + QLatin1Char('='))) return words[i].mid(option.size() + 1);
+    if (words[i] == option && i + 2 < words.size()) return words[i + 1];
+  }
+  return {};
+}
+
 QString UnknownCommand(const QStringList& words) {
   if (words.isEmpty()) return QStringLiteral("say what to do");
   QStringList inGroup;
@@ -206,6 +241,7 @@ ArgumentsResult ParseArguments(const QStringList& arguments) {
   if (!arguments.isEmpty() && arguments[0] == QLatin1String("complete")) {
     command.verb = Verb::Complete;
     command.words = arguments.mid(arguments.value(1) == QLatin1String("--") ? 2 : 1);
+    command.control = ControlAmong(command.words);
     return {command, {}};
   }
   const Split split = SplitOptions(arguments);

@@ -1,5 +1,6 @@
 #include "control/Commands.h"
 
+#include "control/CreditCommands.h"
 #include "control/LimitsCommands.h"
 #include "control/StatusCommands.h"
 
@@ -14,8 +15,14 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
       return ShowLimits(command, server, terminal);
     case Verb::LimitsSet:
       return SetLimits(command, server);
+    case Verb::LimitsUnset:
+      return UnsetLimits(command, server);
+    case Verb::LimitsPreset:
+      return ApplyPreset(command, server);
     case Verb::CreditSet:
       return SetCredit(command, server);
+    case Verb::CreditAdd:
+      return AddCredit(command, server);
     case Verb::Ledger:
       return ShowLedger(command, server, terminal);
     default:

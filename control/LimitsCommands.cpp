@@ -1,8 +1,12 @@
 #include "control/LimitsCommands.h"
 
 #include <QJsonArray>
+#include <functional>
 
+#include "control/LimitsKeys.h"
+#include "control/Presets.h"
 #include "control/Tables.h"
+#include "control/Terminal.h"
 #include "limits/WatchedApps.h"
 
 namespace vardell::control {
@@ -11,15 +15,17 @@ namespace {
 constexpr int kAttempts = 5;  // to change a limit that others change too
 
 // The limits of one user or, for an empty name, of all.
-Answer CollectLimits(const HttpClient& server, const QString& user) {
+Answer CollectLimits(const HttpClient& server, const QString& user, Terminal& terminal) {
   if (!user.isEmpty()) {
     return Get(server, UserTarget(user) + "/limits");
   }
   Answer all = Get(server, "/v1/users");
   QJsonArray limits;
   const QJsonArray users = all.json[QStringLiteral("users")].toArray();
-  for (const QJsonValue& name : users) {
-    const Answer one = Get(server, UserTarget(name.toString()) + "/limits");
+  for (qsizetype i = 0; i < users.size(); ++i) {
+    terminal.Progress(QStringLiteral("Reading limits"), i, users.size());
+    const Answer one = Get(server, UserTarget(users[i].toString()) + "/limits");
+    if (one.status == 404) continue;  // the user's last one has just been removed
     if (!one.ok()) {
       return one;
     }
@@ -32,26 +38,113 @@ Answer CollectLimits(const HttpClient& server, const QString& user) {
   return all;
 }
 
-HttpRequest ChangeRequest(const Command& command, const Answer& current) {
-  HttpRequest request{"PATCH", LimitTarget(command.user, command.identifier), {}, {}};
+HttpRequest RequestIfUnchanged(const QByteArray& method, const Command& command,
+                               const Answer& before) {
+  const qint64 revision = before.json[QStringLiteral("revision")].toInteger();
+  return {method,
+          LimitTarget(command.user, command.identifier),
+          {{"If-Match", '"' + QByteArray::number(revision) + '"'}},
+          {}};
+}
+
+HttpRequest ChangeRequest(const Command& command, const Answer& before) {
+  HttpRequest request = RequestIfUnchanged("PATCH", command, before);
   QJsonObject keys = command.limits;
-  if (current.status == 404) {
-    request.headers.emplace_back("If-None-Match", "*");
+  if (before.status == 404) {
+    request.headers = {{"If-None-Match", "*"}};
     const bool isHome = command.identifier == QLatin1String(kGlobalSettingsIdentifier);
     if (!isHome && !keys.contains(QStringLiteral("Enabled"))) {
       keys.insert(QStringLiteral("Enabled"), true);
     }
-  } else {
-    const qint64 revision = current.json[QStringLiteral("revision")].toInteger();
-    request.headers.emplace_back("If-Match", '"' + QByteArray::number(revision) + '"');
   }
   request.body = Body({{QStringLiteral("limits"), keys}});
   return request;
 }
 
+struct Change {
+  Answer before;  // of status 404 where there was no limit
+  Answer after;
+};
+
+// Reads the limit and asks for the change of what was read; again when another one came between.
+Change ChangeLimit(const Command& command, const HttpClient& server, bool mayBeNew,
+                   const std::function<HttpRequest(const Answer& before)>& request) {
+  Change change;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    change.before = Get(server, LimitTarget(command.user, command.identifier));
+    const bool isNew = change.before.status == 404 && mayBeNew;
+    if (!change.before.ok() && !isNew) return {change.before, change.before};
+    change.after = Ask(server, request(change.before));
+    if (change.after.status != 412) break;
+  }
+  return change;
+}
+
+QJsonObject FirstLimit(const QJsonObject& like) {
+  QJsonObject keys;
+  for (const QString& key : LimitsKeys()) {
+    const QJsonValue first = FirstLimitsValue(key);
+    if (!first.isUndefined()) keys.insert(key, first);
+  }
+  QJsonObject limit = like;
+  limit[QStringLiteral("credit")] = 0;
+  limit[QStringLiteral("limits")] = keys;
+  return limit;
+}
+
+QString Subject(const Command& command) {
+  return Printable(command.user) + QStringLiteral(", ") + ShownIdentifier(command.identifier);
+}
+
+QString ChangeText(const Command& command, const Change& change) {
+  const bool isNew = change.before.status == 404;
+  const QString table =
+      ChangesTable(isNew ? FirstLimit(change.after.json) : change.before.json, change.after.json);
+  const QString what = isNew             ? QStringLiteral(": a new limit.\n")
+                       : table.isEmpty() ? QStringLiteral(": nothing changed.\n")
+                                         : QStringLiteral(": changed.\n");
+  return Subject(command) + what + table;
+}
+
+// A new limit begins without credit, which is not what one expects of "may run until eight".
+QString NoticeOfNoCredit(const Command& command, const Change& change) {
+  const QJsonObject& limit = change.after.json;
+  const bool isHome = command.identifier == QLatin1String(kGlobalSettingsIdentifier);
+  const bool isEnabled = limit[QStringLiteral("limits")][QStringLiteral("Enabled")].toBool();
+  const bool isSpent = limit[QStringLiteral("credit")].toInteger() == 0;
+  if (change.before.status != 404 || isHome || !isEnabled || !isSpent) return {};
+  return QStringLiteral("%1 has no credit yet. Give some: vardellctl credit add %2 %3 60")
+      .arg(Subject(command), ShellWord(command.user),
+           ShellWord(ShownIdentifier(command.identifier)));
+}
+
+QString RemovalText(const Command& command, const QJsonObject& limit) {
+  QString text = Subject(command) + QStringLiteral(": the limit is removed");
+  const qint64 credit = limit[QStringLiteral("credit")].toInteger();
+  if (credit != 0) {
+    text += QStringLiteral(", and %1 of credit with it").arg(MinutesText(credit));
+  }
+  return text + QStringLiteral(". It was:\n") + LimitsSheet(limit);
+}
+
+Result RemoveLimit(const Command& command, const HttpClient& server) {
+  const Change change = ChangeLimit(command, server, false, [&](const Answer& before) {
+    return RequestIfUnchanged("DELETE", command, before);
+  });
+  if (!change.after.ok()) {
+    return change.after.failure;
+  }
+  if (!command.json) {
+    return Done(RemovalText(command, change.before.json));
+  }
+  QJsonObject answer = change.after.json;
+  answer[QStringLiteral("limit")] = change.before.json;
+  return Done(JsonText(answer));
+}
+
 }  // namespace
 
-Result ShowLimits(const Command& command, const HttpClient& server, Terminal&) {
+Result ShowLimits(const Command& command, const HttpClient& server, Terminal& terminal) {
   if (!command.identifier.isEmpty()) {
     const Answer answer = Get(server, LimitTarget(command.user, command.identifier));
     if (!answer.ok()) {
@@ -61,7 +154,7 @@ Result ShowLimits(const Command& command, const HttpClient& server, Terminal&) {
                 : command.verb == Verb::LimitsShow ? LimitsSheet(answer.json)
                                                    : CreditTable({answer.json}));
   }
-  const Answer answer = CollectLimits(server, command.user);
+  const Answer answer = CollectLimits(server, command.user, terminal);
   if (!answer.ok()) {
     return answer.failure;
   }
@@ -72,42 +165,39 @@ Result ShowLimits(const Command& command, const HttpClient& server, Terminal&) {
 }
 
 Result SetLimits(const Command& command, const HttpClient& server) {
-  Answer changed;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const Answer current = Get(server, LimitTarget(command.user, command.identifier));
-    if (!current.ok() && current.status != 404) {
-      return current.failure;
-    }
-    changed = Ask(server, ChangeRequest(command, current));
-    if (changed.status != 412) {
-      break;
-    }
+  const Change change = ChangeLimit(
+      command, server, true, [&](const Answer& before) { return ChangeRequest(command, before); });
+  if (!change.after.ok()) {
+    return change.after.failure;
   }
-  if (!changed.ok()) {
-    return changed.failure;
-  }
-  return Done(command.json ? JsonText(changed.json) : LimitsSheet(changed.json));
+  Result result = Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
+  result.notice = NoticeOfNoCredit(command, change);
+  return result;
 }
 
-Result SetCredit(const Command& command, const HttpClient& server) {
-  const QJsonObject body{{QStringLiteral("minutes"), static_cast<qint64>(command.minutes)},
-                         {QStringLiteral("id"), command.id},
-                         {QStringLiteral("reason"), command.reason}};
-  const HttpRequest request{
-      "PUT", LimitTarget(command.user, command.identifier) + "/credit", {}, Body(body)};
-  Answer answer = Ask(server, request);
-  if (!answer.ok()) {
-    if (answer.status == 404) {
-      answer.failure.error += QStringLiteral("\nvardellctl limits set makes a limit first.");
-    } else if (answer.status == 0) {
-      answer.failure.error +=
-          QStringLiteral(
-              "\nIt may have been done; the same command with --id %1 is safe to repeat.")
-              .arg(command.id);
-    }
-    return answer.failure;
+Result UnsetLimits(const Command& command, const HttpClient& server) {
+  if (command.keys.isEmpty()) {
+    return RemoveLimit(command, server);
   }
-  return Done(command.json ? JsonText(answer.json) : CreditTable({answer.json}));
+  const Change change = ChangeLimit(
+      command, server, false, [&](const Answer& before) { return ChangeRequest(command, before); });
+  if (!change.after.ok()) {
+    return change.after.failure;
+  }
+  return Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
+}
+
+Result ApplyPreset(const Command& command, const HttpClient& server) {
+  const Preset* preset = FindPreset(command.preset);
+  if (preset == nullptr) {
+    return Done(command.json ? JsonText(PresetsJson()) : PresetsTable());
+  }
+  Command whole = command;
+  whole.limits = preset->limits;
+  for (auto key = command.limits.begin(); key != command.limits.end(); ++key) {
+    whole.limits.insert(key.key(), key.value());
+  }
+  return SetLimits(whole, server);
 }
 
 }  // namespace vardell::control

@@ -4,6 +4,7 @@
 #include <QTimeZone>
 #include <optional>
 
+#include "limits/LimitsDictionary.h"
 #include "limits/LimitsKeys.h"
 
 namespace vardell::control {
@@ -90,6 +91,16 @@ ParsedValue ParseLimitsValue(const QString& key, const QString& text) {
   return {QJsonValue(QJsonValue::Undefined),
           QStringLiteral("there is no key \"%1\"; the keys are: %2")
               .arg(key, LimitsKeys().join(QStringLiteral(", ")))};
+}
+
+QJsonValue FirstLimitsValue(const QString& key) {
+  const LimitsKey* known = FindLimitsKey(key);
+  if (!known || known->value == LimitsValue::Credit) return QJsonValue::Undefined;
+  if (key == QLatin1String("Enabled")) return true;
+  LimitsRecord record;
+  const QVariantMap nothing;
+  ParseLimitsDictionary(&nothing, &record);
+  return QJsonValue::fromVariant(MakeLimitsDictionary(record).value(key));
 }
 
 QStringList LimitsKeys() {

@@ -21,6 +21,10 @@ ParsedValue ParseLimitsValue(const QString& key, const QString& text);
 // Credit in minutes as "Credit" takes it.
 ParsedValue ParseCredit(const QString& text);
 
+// What "limits set" makes of a key that it is not told: "Enabled" is true, the rest as the wire has
+// an absent one. Undefined for no key and for "Credit", which is not taken back but spent.
+QJsonValue FirstLimitsValue(const QString& key);
+
 // All keys, in the order in which they are shown.
 QStringList LimitsKeys();
 

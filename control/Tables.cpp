@@ -4,7 +4,10 @@
 #include <QTimeZone>
 #include <algorithm>
 
+#include "control/Answers.h"
 #include "control/LimitsKeys.h"
+#include "limits/LimitsKeys.h"
+#include "limits/WatchedApps.h"
 
 namespace vardell::control {
 namespace {
@@ -55,6 +58,19 @@ QString Quota(const QJsonObject& keys) {
              : QStringLiteral("none");
 }
 
+bool IsHome(const QJsonObject& limit) {
+  return limit[QStringLiteral("identifier")].toString() == QLatin1String(kGlobalSettingsIdentifier);
+}
+
+// The keys that this limit has.
+QStringList KeysOf(const QJsonObject& limit) {
+  QStringList keys;
+  for (const LimitsKey& key : AllLimitsKeys()) {
+    if (key.ofQuota || !IsHome(limit)) keys.append(QLatin1String(key.name));
+  }
+  return keys;
+}
+
 QString KeyText(const QString& key, const QJsonObject& limit) {
   const QJsonValue value = limit[QStringLiteral("limits")].toObject()[key];
   if (key == QLatin1String("Credit")) {
@@ -63,67 +79,16 @@ QString KeyText(const QString& key, const QJsonObject& limit) {
   if (key == QLatin1String("NextAutoUpdate")) {
     return TopUpTime(value);
   }
+  if (key == QLatin1String("DQ Value")) {
+    return NumberText(value) + QStringLiteral(" MiB");
+  }
   if (key.endsWith(QLatin1String(" start")) || key.endsWith(QLatin1String(" stop"))) {
     return ClockText(value.toInt());
   }
   return value.isBool() ? YesNo(value) : NumberText(value);
 }
 
-bool IsNumber(const QString& cell) {
-  bool number = false;
-  (void)cell.toLongLong(&number);
-  return number || cell == QLatin1String("-");
-}
-
-struct Column {
-  qsizetype width = 0;
-  bool numbers = true;
-};
-
-std::vector<Column> Measure(const std::vector<QStringList>& rows) {
-  std::vector<Column> columns;
-  for (std::size_t row = 0; row < rows.size(); ++row) {
-    columns.resize(std::max(columns.size(), static_cast<std::size_t>(rows[row].size())));
-    for (qsizetype i = 0; i < rows[row].size(); ++i) {
-      Column& column = columns[static_cast<std::size_t>(i)];
-      column.width = std::max(column.width, rows[row][i].size());
-      column.numbers = column.numbers && (row == 0 || IsNumber(rows[row][i]));
-    }
-  }
-  return columns;
-}
-
 }  // namespace
-
-QString Printable(const QString& text) {
-  QString clean = text;
-  for (QChar& c : clean) {
-    if (c.category() == QChar::Other_Control || c.category() == QChar::Other_Format ||
-        c.category() == QChar::Separator_Line || c.category() == QChar::Separator_Paragraph) {
-      c = QChar::ReplacementCharacter;
-    }
-  }
-  return clean;
-}
-
-QString AlignedTable(const std::vector<QStringList>& rows) {
-  const std::vector<Column> columns = Measure(rows);
-  QString text;
-  for (const QStringList& row : rows) {
-    QString line;
-    for (qsizetype i = 0; i < row.size(); ++i) {
-      const Column& column = columns[static_cast<std::size_t>(i)];
-      line += i == 0 ? QString() : QStringLiteral("  ");
-      line +=
-          column.numbers ? row[i].rightJustified(column.width) : row[i].leftJustified(column.width);
-    }
-    while (line.endsWith(QLatin1Char(' '))) {
-      line.chop(1);
-    }
-    text += line + QLatin1Char('\n');
-  }
-  return text;
-}
 
 QString StatusText(const QJsonObject& status) {
   const QJsonValue published = status[QStringLiteral("published")];
@@ -146,11 +111,15 @@ QString LimitsTable(const QJsonArray& limits) {
   for (const QJsonValue& value : limits) {
     const QJsonObject limit = value.toObject();
     const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
+    const QString none = QStringLiteral("-");
+    const bool isHome = IsHome(limit);
     rows.push_back({Printable(limit[QStringLiteral("user")].toString()),
-                    Printable(limit[QStringLiteral("identifier")].toString()),
-                    NumberText(limit[QStringLiteral("credit")]),
-                    YesNo(keys[QStringLiteral("Enabled")]), Hours(keys, QStringLiteral("WD")),
-                    Hours(keys, QStringLiteral("WE")), TopUp(keys), Quota(keys)});
+                    ShownIdentifier(limit[QStringLiteral("identifier")].toString()),
+                    isHome ? none : NumberText(limit[QStringLiteral("credit")]),
+                    isHome ? none : YesNo(keys[QStringLiteral("Enabled")]),
+                    isHome ? none : Hours(keys, QStringLiteral("WD")),
+                    isHome ? none : Hours(keys, QStringLiteral("WE")), isHome ? none : TopUp(keys),
+                    Quota(keys)});
   }
   return AlignedTable(rows);
 }
@@ -158,8 +127,9 @@ QString LimitsTable(const QJsonArray& limits) {
 QString LimitsSheet(const QJsonObject& limit) {
   std::vector<QStringList> rows{
       {QStringLiteral("User"), Printable(limit[QStringLiteral("user")].toString())},
-      {QStringLiteral("Identifier"), Printable(limit[QStringLiteral("identifier")].toString())}};
-  for (const QString& key : LimitsKeys()) {
+      {QStringLiteral("Identifier"),
+       ShownIdentifier(limit[QStringLiteral("identifier")].toString())}};
+  for (const QString& key : KeysOf(limit)) {
     rows.push_back({key, KeyText(key, limit)});
   }
   rows.push_back({QStringLiteral("Revision"),
@@ -167,13 +137,25 @@ QString LimitsSheet(const QJsonObject& limit) {
   return AlignedTable(rows);
 }
 
+QString ChangesTable(const QJsonObject& before, const QJsonObject& after) {
+  std::vector<QStringList> rows{
+      {QStringLiteral("KEY"), QStringLiteral("BEFORE"), QStringLiteral("NOW")}};
+  for (const QString& key : KeysOf(after)) {
+    const QString was = KeyText(key, before);
+    const QString is = KeyText(key, after);
+    if (was != is) rows.push_back({key, was, is});
+  }
+  return rows.size() > 1 ? AlignedTable(rows) : QString();
+}
+
 QString CreditTable(const QJsonArray& limits) {
   std::vector<QStringList> rows{
       {QStringLiteral("USER"), QStringLiteral("IDENTIFIER"), QStringLiteral("MINUTES")}};
   for (const QJsonValue& value : limits) {
     const QJsonObject limit = value.toObject();
+    if (IsHome(limit)) continue;
     rows.push_back({Printable(limit[QStringLiteral("user")].toString()),
-                    Printable(limit[QStringLiteral("identifier")].toString()),
+                    ShownIdentifier(limit[QStringLiteral("identifier")].toString()),
                     NumberText(limit[QStringLiteral("credit")])});
   }
   return AlignedTable(rows);
@@ -190,7 +172,7 @@ QString LedgerTable(const QJsonArray& ledger) {
     rows.push_back(
         {NumberText(row[QStringLiteral("id")]), Printable(LocalTime(row[QStringLiteral("time")])),
          Printable(row[QStringLiteral("user")].toString()),
-         Printable(row[QStringLiteral("identifier")].toString()),
+         ShownIdentifier(row[QStringLiteral("identifier")].toString()),
          Printable(row[QStringLiteral("source")].toString()),
          NumberText(row[QStringLiteral("minutes")]), NumberText(row[QStringLiteral("credit")]),
          NumberText(row[QStringLiteral("claimed")]),

@@ -5,21 +5,18 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
-#include <QStringList>
-#include <vector>
+
+#include "control/TextTable.h"
 
 namespace vardell::control {
-
-// The first row is the header; numbers (all cells below the header) are aligned to the right.
-QString AlignedTable(const std::vector<QStringList>& rows);
 
 QString StatusText(const QJsonObject& status);
 QString LimitsTable(const QJsonArray& limits);  // one line for each limit
 QString LimitsSheet(const QJsonObject& limit);  // one line for each key
+// The keys whose values differ, with both; empty where there is none.
+QString ChangesTable(const QJsonObject& before, const QJsonObject& after);
+// Without home folders, which have no credit.
 QString CreditTable(const QJsonArray& limits);
 QString LedgerTable(const QJsonArray& rows);
-
-// Without control characters and what else would turn or hide text on a terminal.
-QString Printable(const QString& text);
 
 }  // namespace vardell::control

@@ -54,6 +54,7 @@ int main(int argc, char* argv[]) {
   terminal.EndProgress();
   const int printed = Print(result.output);
   if (result.status == ExitStatus::Done) {
+    if (!result.notice.isEmpty()) (void)Complain(ExitStatus::Done, result.notice);
     return printed;
   }
   return Complain(result.status, result.status == ExitStatus::Unreachable

@@ -1,67 +1,13 @@
 // The real vardellctl against a scripted Server.
 #include <gtest/gtest.h>
 
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 
 #include "control/HttpClient.h"
-#include "tests/control/ScriptedHttpPeer.h"
+#include "tests/control/RunVardellctl.h"
 
 namespace vardell::test {
 namespace {
-
-using namespace Qt::StringLiterals;
-
-struct Outcome {
-  int status = -1;
-  QString output;
-  QString error;
-  std::vector<QByteArray> requests;
-};
-
-Outcome RunAt(const QString& control, const QStringList& words) {
-  QProcess program;
-  QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-  environment.insert(u"TZ"_s, u"Europe/Paris"_s);
-  program.setProcessEnvironment(environment);
-  program.start(QStringLiteral(VARDELL_BIN_DIR "/vardellctl"),
-                QStringList{u"--control"_s, control} + words);
-  program.waitForFinished(30000);
-  return {program.exitStatus() == QProcess::NormalExit ? program.exitCode() : -1,
-          QString::fromUtf8(program.readAllStandardOutput()),
-          QString::fromUtf8(program.readAllStandardError()),
-          {}};
-}
-
-QStringList Words(const char* text) {
-  return QString::fromUtf8(text).split(u'|');
-}
-
-// With a Server that answers so.
-Outcome Vardellctl(const char* words, const std::vector<QByteArray>& answers) {
-  const ScriptedHttpPeer server(answers);
-  Outcome outcome = RunAt(server.path(), Words(words));
-  outcome.requests = server.requests();
-  return outcome;
-}
-
-QByteArray FirstLine(const QByteArray& request) {
-  return request.left(request.indexOf("\r\n"));
-}
-
-QJsonObject BodyOf(const QByteArray& request) {
-  return QJsonDocument::fromJson(request.mid(request.indexOf("\r\n\r\n") + 4)).object();
-}
-
-QByteArray Limit(int revision, int credit = 30) {
-  return "{\"user\":\"anna\",\"identifier\":\"org.game\",\"credit\":" + QByteArray::number(credit) +
-         ",\"revision\":" + QByteArray::number(revision) +
-         ",\"limits\":{\"Enabled\":true,\"WD Curfew Enabled\":true,\"WD start\":480,\"WD "
-         "stop\":1200,\"WE stop\":1439}}";
-}
-
-const QByteArray kNotFound = Answer(404, R"({"status":404,"code":"not-found","title":"No limit"})");
 
 // ---- what is wrong is refused before the Server hears of it ----
 
@@ -93,6 +39,12 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
               {"ledger|--after", "--after wants a value"},
               {"usage|anna|--period|year", "--period takes today, week, month, all"},
               {"limits|preset|anna|org.game", "usage: vardellctl limits preset"},
+              {"limits|preset|anna|org.game|holiday", "there are: school-day, weekend, bedtime"},
+              {"limits|preset|anna|org.game|bedtime|WD stop=x", "\"WD stop\" cannot be \"x\""},
+              {"limits|unset|anna|org.game|Bedtime", "there is no key \"Bedtime\""},
+              {"limits|unset|anna|org.game|Enabled|Credit", "\"Credit\" cannot be unset"},
+              {"credit|add|anna|org.game|-0", "adding 0 minutes changes nothing"},
+              {"credit|add|anna|org.game|--5", "there is no option \"--5\""},
               {"limits|destroy", "there are: limits show, limits set"},
               {"destroy|all", "there is no command \"destroy\""}};
   for (const auto& row : rows) {

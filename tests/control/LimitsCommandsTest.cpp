@@ -1,0 +1,202 @@
+// limits and credit, against a scripted Server: what is asked, and what is said of the answer.
+#include <gtest/gtest.h>
+
+#include "control/TextTable.h"
+#include "tests/control/RunVardellctl.h"
+
+namespace vardell::test {
+namespace {
+
+QByteArray LimitOf(const char* identifier, int credit, const char* keys) {
+  return QByteArray(R"({"user":"anna","revision":7,"identifier":")") + identifier +
+         "\",\"credit\":" + QByteArray::number(credit) + ",\"limits\":{" + keys + "}}";
+}
+
+QByteArray Game(int credit, const char* keys) {
+  return LimitOf("org.game", credit, keys);
+}
+
+constexpr char kOpen[] = R"("Enabled":true,"WD start":0,"WD stop":1439)";
+constexpr char kHours[] =
+    R"("Enabled":true,"WD start":480,"WD stop":1200,"WD Curfew Enabled":true)";
+
+TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
+  const struct {
+    const char* what;
+    const char* words;
+    std::vector<QByteArray> answers;
+    const char* request;
+    const char* body;
+    const char* output;
+    const char* notice;
+  } rows[] = {
+      {"keys and credit",
+       "limits|set|anna|org.game|WD start=08:00|Credit=30",
+       {Answer(200, Game(5, kOpen)), Answer(200, Game(30, kHours))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"WD start":480,"Credit":30}})",
+       "anna, org.game: changed.\n"
+       "KEY                BEFORE  NOW\n"
+       "Credit             5 min   30 min\n"
+       "WD Curfew Enabled  -       yes\n"
+       "WD start           00:00   08:00\n"
+       "WD stop            23:59   20:00\n",
+       ""},
+      {"the same values again",
+       "limits|set|anna|org.game|WD start=8:00",
+       {Answer(200, Game(0, kHours)), Answer(200, Game(0, kHours))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"WD start":480}})",
+       "anna, org.game: nothing changed.\n",
+       ""},
+      {"new, and spent at once",
+       "limits|set|anna|computer|WD stop=20:00",
+       {kNotFound, Answer(201, LimitOf("com.apple.loginwindow", 0, R"("Enabled":true)"))},
+       "PATCH /v1/users/anna/limits/com.apple.loginwindow HTTP/1.1",
+       R"({"limits":{"WD stop":1200,"Enabled":true}})",
+       nullptr,
+       "vardellctl: anna, computer has no credit yet. Give some: vardellctl credit add anna "
+       "computer 60\n"},
+      {"a home folder has no credit and is not enabled",
+       "limits|set|anna|home|DQ Value=9",
+       {kNotFound, Answer(201, LimitOf("com.brenwick.globalSettings", 0, R"("DQ Value":9)"))},
+       "PATCH /v1/users/anna/limits/com.brenwick.globalSettings HTTP/1.1",
+       R"({"limits":{"DQ Value":9}})",
+       "anna, home: a new limit.\n"
+       "KEY         BEFORE  NOW\n"
+       "DQ Enabled  no      -\n"
+       "DQ Value    0 MiB   9 MiB\n",
+       ""},
+      {"a preset, one key otherwise",
+       "limits|preset|anna|org.game|school-day|WD stop=18:00",
+       {Answer(200, Game(0, kOpen)), Answer(200, Game(0, kOpen))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"WD Curfew Enabled":true,"WD start":900,"WD stop":1080}})",
+       nullptr,
+       ""},
+      {"keys back to their first values",
+       "limits|unset|anna|org.game|WD stop|Enabled|WD Curfew Enabled|AutoUpdateCoeff",
+       {Answer(200, Game(0, kHours)), Answer(200, Game(0, kOpen))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"WD stop":1439,"Enabled":true,"WD Curfew Enabled":false,)"
+       R"("AutoUpdateCoeff":1}})",
+       nullptr,
+       ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const auto [status, output, error, requests] = Vardellctl(row.words, row.answers);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(error.toStdString(), row.notice);
+    if (row.output) {
+      EXPECT_EQ(output.toStdString(), row.output);
+    }
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(FirstLine(requests[1]), row.request);
+    EXPECT_EQ(BodyOf(requests[1]), QJsonDocument::fromJson(row.body).object());
+  }
+}
+
+TEST(LimitsCommands, ARemovedLimitIsShownOnceMoreWithTheCreditThatWent) {
+  const QByteArray mismatch = Answer(412, R"({"title":"changed"})");
+  const std::vector<QByteArray> answers{Answer(200, Game(1, kOpen)), mismatch,
+                                        Answer(200, Game(42, kHours)),
+                                        Answer(200, R"({"removed":true})")};
+  const auto [status, output, error, requests] = Vardellctl("limits|unset|anna|org.game", answers);
+  EXPECT_EQ(status, 0) << qPrintable(error);
+  EXPECT_TRUE(output.startsWith(
+      u"anna, org.game: the limit is removed, and 42 minutes of credit with it. It was:\n"_s));
+  EXPECT_TRUE(output.contains(u"\nWD stop            20:00\n"_s)) << qPrintable(output);
+  ASSERT_EQ(requests.size(), 4u);
+  EXPECT_EQ(FirstLine(requests[3]), "DELETE /v1/users/anna/limits/org.game HTTP/1.1");
+  EXPECT_TRUE(requests[3].contains("\r\nIf-Match: \"7\"\r\n"));
+
+  const QJsonObject json =
+      QJsonDocument::fromJson(
+          Vardellctl("limits|unset|anna|org.game|--json", answers).output.toUtf8())
+          .object();
+  EXPECT_EQ(json[u"removed"_s], true);
+  EXPECT_EQ(json[u"limit"_s][u"credit"_s], 42);
+
+  for (const char* words : {"limits|unset|anna|org.game", "limits|unset|anna|org.game|WD stop"}) {
+    const Outcome missing = Vardellctl(words, {kNotFound});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.requests.size(), 1u);
+  }
+}
+
+TEST(LimitsCommands, AddedMinutesAreSaidAsTheServerBookedThem) {
+  const struct {
+    const char* words;
+    const char* answer;
+    int minutes;
+    const char* output;
+  } rows[] = {
+      {"credit|add|anna|org.game|10|--id|m", R"({"added":10,"credit":42})", 10,
+       "anna, org.game: 10 minutes added, 42 left.\n"},
+      {"credit|add|anna|org.game|+1|--id|m", R"({"added":1,"credit":1})", 1,
+       "anna, org.game: 1 minute added, 1 left.\n"},
+      {"credit|add|anna|computer|-30|--id|m", R"({"added":-12,"credit":0})", -30,
+       "anna, computer: 12 minutes taken away instead of 30, 0 left.\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.words);
+    const auto [status, output, error, requests] = Vardellctl(row.words, {Answer(200, row.answer)});
+    EXPECT_EQ(status, 0) << qPrintable(error);
+    EXPECT_EQ(output.toStdString(), row.output);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_TRUE(FirstLine(requests[0]).startsWith("POST /v1/users/anna/limits/"));
+    EXPECT_TRUE(FirstLine(requests[0]).endsWith("/adjustments HTTP/1.1"));
+    EXPECT_EQ(BodyOf(requests[0]),
+              (QJsonObject{{u"minutes"_s, row.minutes}, {u"id"_s, u"m"_s}, {u"reason"_s, u""_s}}));
+  }
+  const Outcome lost = Vardellctl("credit|add|anna|org.game|5|--id|it's me", {""});
+  EXPECT_EQ(lost.status, 3);
+  EXPECT_TRUE(lost.error.contains(u"with --id 'it'\\''s me' is safe to repeat"_s));
+}
+
+TEST(LimitsCommands, HomeFoldersAreListedWithWhatTheyHave) {
+  const QByteArray home =
+      LimitOf("com.brenwick.globalSettings", 0, R"("DQ Enabled":true,"DQ Value":20000)");
+  const QByteArray session = LimitOf("com.apple.loginwindow", 9, kHours);
+  const std::vector<QByteArray> answers{Answer(200, R"({"users":["ben","anna"]})"),
+                                        kNotFound,  // ben's was removed meanwhile
+                                        Answer(200, "{\"limits\":[" + session + "," + home + "]}")};
+  EXPECT_EQ(Vardellctl("limits|show", answers).output.toStdString(),
+            "USER  IDENTIFIER  CREDIT  ENABLED  WEEK DAYS       WEEK-ENDS  TOP-UP  QUOTA\n"
+            "anna  computer         9  yes      08:00 to 20:00  any time   none    none\n"
+            "anna  home             -  -        -               -          -       20000 MiB\n");
+  EXPECT_EQ(Vardellctl("credit|show|anna", {answers[2]}).output.toStdString(),
+            "USER  IDENTIFIER  MINUTES\nanna  computer          9\n");
+  EXPECT_EQ(Vardellctl("limits|show|anna|home", {Answer(200, home)}).output.toStdString(),
+            "User        anna\nIdentifier  home\nDQ Enabled  yes\nDQ Value    20000 MiB\nRevision  "
+            "  7\n");
+}
+
+TEST(LimitsCommands, PresetsAreListedWithoutAServer) {
+  const Outcome outcome = RunAt(u"/nonexistent"_s, Words("limits|preset"));
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_TRUE(outcome.output.contains(u"school-day  15:00 to 19:30  as they are "_s));
+}
+
+TEST(TextTable, ColumnsLineUpForWideAndCombiningCharacters) {
+  EXPECT_EQ(control::AlignedTable({{u"NAME"_s, u"N"_s},
+                                   {u"日本"_s, u"7"_s},
+                                   {u"e\u0301te\u0301"_s, u"12"_s},
+                                   {u"\U00020000"_s, u"-"_s}}),
+            u"NAME   N\n日本   7\ne\u0301te\u0301   12\n\U00020000     -\n"_s);
+}
+
+TEST(TextTable, ABarShowsEighthsOrWholeColumns) {
+  const struct {
+    double value;
+    bool blocks;
+    QString bar;
+  } rows[] = {{10, true, u"████████"_s}, {5, true, u"████"_s}, {3.2, true, u"██▌"_s},
+              {0.01, true, u"▏"_s},      {0, true, {}},        {99, true, u"████████"_s},
+              {5, false, u"####"_s},     {0.01, false, u"#"_s}};
+  for (const auto& row : rows) EXPECT_EQ(control::Bar(row.value, 10, 8, row.blocks), row.bar);
+}
+
+}  // namespace
+}  // namespace vardell::test
