@@ -57,6 +57,7 @@ bool Writer::Ascii(const char* element, const QByteArray& text) {
 bool Writer::Real(double value) {
   if (std::isnan(value)) return Ascii("real", "nan");
   if (std::isinf(value)) return Ascii("real", value < 0 ? "-infinity" : "+infinity");
+  if (value == 0 && std::signbit(value)) return Ascii("real", "-0");
   return Ascii("real", QByteArray::number(value, 'g', QLocale::FloatingPointShortest));
 }
 
