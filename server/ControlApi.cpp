@@ -33,6 +33,7 @@ const std::vector<Resource>& Resources() {
       {"GET", "v1/users/*/limits", Verb::Read, Concerns::UserInPath, {}, GetLimits},
       {"GET", "v1/users/*/limits/*", Verb::Read, Concerns::UserInPath, {}, GetLimit},
       {"PATCH", "v1/users/*/limits/*", Verb::ChangeLimits, Concerns::UserInPath, {}, PatchLimit},
+      {"DELETE", "v1/users/*/limits/*", Verb::ChangeLimits, Concerns::UserInPath, {}, DeleteLimit},
       {"PUT",
        "v1/users/*/limits/*/credit",
        Verb::ChangeCredit,

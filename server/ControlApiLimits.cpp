@@ -39,11 +39,6 @@ QString About(const AdminResult& result) {
   return QStringLiteral("\"%1\" %2").arg(result.field, result.message);
 }
 
-ControlAnswer AnswerOf(const Call& call, int status, const AdminResult& result) {
-  if (result.status == AdminStatus::Ok && result.entry) return AnswerLimit(status, *result.entry);
-  return MakeAnswer(ProblemOf(call, result));
-}
-
 }  // namespace
 
 ControlAnswer AnswerLimit(int status, const LimitsEntry& entry, const QJsonObject& more) {
@@ -114,10 +109,24 @@ ControlAnswer PatchLimit(const Call& call) {
     return MakeAnswer(
         BadValue(QStringLiteral("limits"), QStringLiteral("\"limits\" must be an object")));
   }
-  const QVariantMap keys = limits.toObject().toVariantMap();
-  return AnswerOf(call, precondition.revision == 0 ? 201 : 200,
-                  call.household().ChangeLimits(call.requester.actor, call.user(),
-                                                call.identifier(), keys, precondition.revision));
+  const AdminResult result =
+      call.household().ChangeLimits(call.requester.actor, call.user(), call.identifier(),
+                                    limits.toObject().toVariantMap(), precondition.revision);
+  if (!result.entry) return MakeAnswer(ProblemOf(call, result));
+  return AnswerLimit(precondition.revision == 0 ? 201 : 200, *result.entry);
+}
+
+ControlAnswer DeleteLimit(const Call& call) {
+  const Precondition precondition = ReadPrecondition(call.request);
+  if (precondition.problem) return MakeAnswer(*precondition.problem);
+  if (precondition.revision == 0) {
+    return MakeAnswer(BadRequest(QStringLiteral("What is removed is there: it needs If-Match"),
+                                 QStringLiteral("If-None-Match")));
+  }
+  const AdminResult result = call.household().RemoveLimits(
+      call.requester.actor, call.user(), call.identifier(), precondition.revision);
+  if (!result.entry) return MakeAnswer(ProblemOf(call, result));
+  return MakeAnswer(200, {{QStringLiteral("removed"), true}});
 }
 
 }  // namespace vardell::server

@@ -58,6 +58,7 @@ ControlAnswer GetAgents(const Call& call);
 ControlAnswer GetLimits(const Call& call);
 ControlAnswer GetLimit(const Call& call);
 ControlAnswer PatchLimit(const Call& call);
+ControlAnswer DeleteLimit(const Call& call);
 
 // --- ControlApiCredit.cpp
 

@@ -168,6 +168,11 @@ class Household {
   AdminResult ChangeLimits(const Actor& actor, const QString& user, const QString& identifier,
                            const QVariantMap& keys, std::uint64_t expectedRevision);
 
+  // Removes limits and credit, which is booked to 0; usage stays. Made again, they have a revision
+  // that they never had. `entry` is what was removed.
+  AdminResult RemoveLimits(const Actor& actor, const QString& user, const QString& identifier,
+                           std::uint64_t expectedRevision);
+
   // The credit becomes `minutes`; the difference is booked. Applied once for each `id`; the same id
   // with other contents is IdReused.
   AdminResult SetCredit(const Actor& actor, const QString& user, const QString& identifier,

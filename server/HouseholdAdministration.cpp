@@ -1,5 +1,4 @@
 // The part of the Household that shows administrators what there is, and lets them change limits.
-#include "limits/LimitsDictionary.h"
 #include "server/HouseholdChanges.h"
 #include "server/LimitsKeys.h"
 
@@ -16,24 +15,6 @@ std::optional<AdminResult> CheckRevision(const Account* account, std::uint64_t e
                       .arg(account->revision));
   }
   return std::nullopt;
-}
-
-Account Applied(const Account* before, const LimitsChange& change) {
-  Account after = before ? *before : Account{};
-  const bool differs =
-      !before || MakeLimitsDictionary(before->limits) != MakeLimitsDictionary(change.limits);
-  after.limits = change.limits;
-  after.state.enabled = change.limits.enabled != 0;
-  if (differs) ++after.revision;
-  if (change.credit) after.state = WithCredit(after.state, *change.credit);
-  return after;
-}
-
-StoreChange Changed(const LimitsEntry& entry, const Account& after) {
-  StoreChange change;
-  change.limits = entry;
-  change.credit = {entry.user, entry.identifier, after.state.credit, after.state.spent};
-  return change;
 }
 
 }  // namespace
@@ -60,6 +41,24 @@ std::optional<LimitsEntry> Household::Limits(const QString& user, const QString&
   return EntryOf(user, identifier, *account);
 }
 
+Account Household::Impl::NewAccount(const Name& name) const {
+  Account account;
+  const auto removed = removedRevisions.find(name);
+  if (removed != removedRevisions.end()) account.revision = removed->second;
+  return account;
+}
+
+void Household::Impl::Forget(const Name& name) {
+  const auto accounts = users.find(name.first);
+  if (accounts == users.end()) return;
+  const auto account = accounts->second.find(name.second);
+  if (account == accounts->second.end()) return;
+  removedRevisions[name] = account->second.revision;
+  accounts->second.erase(account);
+  if (accounts->second.empty()) users.erase(accounts);
+  for (auto& [id, agent] : connections) agent.handed.erase(name);
+}
+
 AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
                                     const QString& identifier, const QVariantMap& keys,
                                     std::uint64_t expectedRevision) {
@@ -75,7 +74,8 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
     return Refuse(status, problem->field, problem->message);
   }
 
-  const Account after = Applied(before, wanted);
+  const Account after =
+      Applied(before ? *before : impl_->NewAccount({user, identifier}), !before, wanted);
   const LimitsEntry entry = EntryOf(user, identifier, after);
   const std::int64_t creditBefore = before ? before->state.credit : 0;
   const QDateTime now = impl_->clocks.now();
@@ -91,6 +91,29 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
     return Refuse(AdminStatus::StoreFailed, {}, error);
   }
   impl_->users[user][identifier] = after;
+  return {AdminStatus::Ok, {}, {}, entry, 0};
+}
+
+AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,
+                                    const QString& identifier, std::uint64_t expectedRevision) {
+  const Account* account = impl_->Find(user, identifier);
+  if (!account) return Refuse(AdminStatus::NotFound, {}, QStringLiteral("there is no such limit"));
+  if (auto refused = CheckRevision(account, expectedRevision)) return *refused;
+  const LimitsEntry entry = EntryOf(user, identifier, *account);
+  const QDateTime now = impl_->clocks.now();
+  StoreChange change = Removed(entry);
+  if (entry.credit != 0) {
+    LimitsEntry without = entry;
+    without.credit = 0;
+    change.ledger =
+        AdminRow(actor, now, without, entry.credit, QStringLiteral("the limit was removed"));
+  }
+  change.audit = Audited(actor, now, "limits", entry, AuditText(*account), QString());
+  QString error;
+  if (!impl_->WriteNow(std::move(change), &error)) {
+    return Refuse(AdminStatus::StoreFailed, {}, error);
+  }
+  impl_->Forget({user, identifier});
   return {AdminStatus::Ok, {}, {}, entry, 0};
 }
 

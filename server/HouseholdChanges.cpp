@@ -4,7 +4,6 @@
 #include <QJsonObject>
 
 #include "limits/LimitsDictionary.h"
-#include "server/LimitsKeys.h"
 
 namespace vardell::server {
 
@@ -20,6 +19,30 @@ std::optional<AdminResult> CheckNames(const QString& user, const QString& identi
     return Refuse(AdminStatus::BadValue, QStringLiteral("identifier"), *problem);
   }
   return std::nullopt;
+}
+
+Account Applied(const Account& before, bool isNew, const LimitsChange& change) {
+  Account after = before;
+  const bool differs =
+      isNew || MakeLimitsDictionary(before.limits) != MakeLimitsDictionary(change.limits);
+  after.limits = change.limits;
+  after.state.enabled = change.limits.enabled != 0;
+  if (differs) ++after.revision;
+  if (change.credit) after.state = WithCredit(after.state, *change.credit);
+  return after;
+}
+
+StoreChange Changed(const LimitsEntry& entry, const Account& account) {
+  StoreChange change;
+  change.limits = entry;
+  change.credit = {entry.user, entry.identifier, account.state.credit, account.state.spent};
+  return change;
+}
+
+StoreChange Removed(const LimitsEntry& entry) {
+  StoreChange change;
+  change.removed = {entry.user, entry.identifier, entry.revision};
+  return change;
 }
 
 QString AuditText(const Account& account) {

@@ -24,6 +24,9 @@ void Household::Impl::Load() {
     account.revision = entry.revision;
     account.state.enabled = entry.limits.enabled != 0;
   }
+  for (const RemovedLimits& limits : contents.removed) {
+    removedRevisions[{limits.user, limits.identifier}] = limits.revision;
+  }
   for (const CreditRow& credit : contents.credit) {
     Account* account = Find(credit.user, credit.identifier);
     if (!account) continue;

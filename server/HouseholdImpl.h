@@ -67,6 +67,10 @@ struct Household::Impl {
   // --- Administrators.
 
   AdminResult ChangeCredit(const CreditChange& wanted);
+  // What a new limit begins with.
+  Account NewAccount(const Name& name) const;
+  // In memory alone.
+  void Forget(const Name& name);
 
   // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
 
@@ -80,7 +84,8 @@ struct Household::Impl {
   Clocks clocks;
   HouseholdHooks hooks;
   std::map<QString, std::map<QString, Account>> users;
-  std::map<Name, UsageDays> usage;  // also of names without an account
+  std::map<Name, std::uint64_t> removedRevisions;  // a limit made again goes on from there
+  std::map<Name, UsageDays> usage;                 // also of names without an account
   std::map<std::uint64_t, ConnectedAgent> connections;
   std::map<std::uint32_t, QString> userNames;
   std::vector<StoreChange> waiting;

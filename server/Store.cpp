@@ -82,6 +82,19 @@ void Write(SqliteDatabase& database, const LimitsEntry& entry) {
   row.Run();
 }
 
+void Write(SqliteDatabase& database, const RemovedLimits& removed) {
+  for (const char* sql : {"DELETE FROM limits WHERE user = ? AND identifier = ?",
+                          "DELETE FROM credit WHERE user = ? AND identifier = ?",
+                          "DELETE FROM lanes WHERE user = ? AND identifier = ?"}) {
+    SqliteStatement rows(database, sql);
+    rows << removed.user << removed.identifier;
+    rows.Run();
+  }
+  SqliteStatement row(database, "INSERT OR REPLACE INTO removed_limits VALUES (?, ?, ?)");
+  row << removed.user << removed.identifier << static_cast<std::int64_t>(removed.revision);
+  row.Run();
+}
+
 void Write(SqliteDatabase& database, const CreditRow& credit) {
   SqliteStatement row(database, "INSERT OR REPLACE INTO credit VALUES (?, ?, ?, ?)");
   row << credit.user << credit.identifier << credit.minutes << Flag(credit.spent);
@@ -134,6 +147,7 @@ void Write(SqliteDatabase& database, const AuditRow& audit) {
 }
 
 void Write(SqliteDatabase& database, const StoreChange& change, const QString& bootId) {
+  if (change.removed) Write(database, *change.removed);
   if (change.limits) Write(database, *change.limits);
   if (change.credit) Write(database, *change.credit);
   if (change.forgottenLane) Forget(database, *change.forgottenLane);
@@ -188,6 +202,11 @@ StoreContents ReadContents(SqliteDatabase& database, const QString& bootId) {
   StoreContents contents;
   for (SqliteStatement row(database, "SELECT * FROM limits"); row.Step();) {
     contents.limits.push_back(ReadLimits(row));
+  }
+  for (SqliteStatement row(database, "SELECT user, identifier, revision FROM removed_limits");
+       row.Step();) {
+    contents.removed.push_back(
+        {row.Text(0), row.Text(1), static_cast<std::uint64_t>(row.Integer(2))});
   }
   for (SqliteStatement row(database, "SELECT user, identifier, minutes, spent FROM credit");
        row.Step();) {

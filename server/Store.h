@@ -52,6 +52,12 @@ struct AdjustmentRow {
   std::int64_t added = 0;  // minutes, by an adjustment; 0 for those of schema 1
 };
 
+struct RemovedLimits {
+  QString user;
+  QString identifier;
+  std::uint64_t revision = 0;  // when they were removed
+};
+
 struct AuditRow {
   QDateTime time;
   QString actor;
@@ -64,7 +70,8 @@ struct AuditRow {
 
 // Everything that one event changes; what is absent stays.
 struct StoreChange {
-  std::optional<LimitsEntry> limits;  // without its credit
+  std::optional<LimitsEntry> limits;     // without its credit
+  std::optional<RemovedLimits> removed;  // their credit and their lanes go with them
   std::optional<CreditRow> credit;
   std::optional<LaneRow> lane;
   std::optional<LaneRow> forgottenLane;
@@ -74,7 +81,8 @@ struct StoreChange {
 };
 
 struct StoreContents {
-  std::vector<LimitsEntry> limits;  // with their credit
+  std::vector<LimitsEntry> limits;     // without their credit
+  std::vector<RemovedLimits> removed;  // also of those that were made again
   std::vector<CreditRow> credit;
   std::vector<LaneRow> lanes;  // of this boot
   std::vector<UsageRow> usage;

@@ -157,8 +157,8 @@ std::int64_t CurrentVersion(SqliteDatabase& database) {
   return QueryInteger(database, "SELECT max(version) FROM migrations");
 }
 
-void Migrate(SqliteDatabase& database, std::int64_t from) {
-  for (std::int64_t version = from + 1; version <= kStoreSchemaVersion; ++version) {
+void Migrate(SqliteDatabase& database, std::int64_t from, std::int64_t to) {
+  for (std::int64_t version = from + 1; version <= to; ++version) {
     database.Execute(kMigrations[version - 1]);
     SqliteStatement done(database, "INSERT INTO migrations (version, applied) VALUES (?, ?)");
     done << version << QDateTime::currentDateTimeUtc().toString(Qt::ISODate);
@@ -168,23 +168,23 @@ void Migrate(SqliteDatabase& database, std::int64_t from) {
 
 }  // namespace
 
-void PrepareStore(SqliteDatabase& database, const QString& path) {
+void PrepareStore(SqliteDatabase& database, const QString& path, int version) {
   RefuseForeign(database, path);
   SetModes(database);
   SqliteTransaction transaction(database);
   RefuseDamaged(database);
-  const std::int64_t version = CurrentVersion(database);
-  if (version > kStoreSchemaVersion) {
+  const std::int64_t found = CurrentVersion(database);
+  if (found > kStoreSchemaVersion) {
     throw std::runtime_error(
         QStringLiteral("the store %1 was made by a newer version (schema %2, this one knows %3); "
                        "install that version, or give another --store FILE")
             .arg(path)
-            .arg(version)
+            .arg(found)
             .arg(kStoreSchemaVersion)
             .toStdString());
   }
-  Migrate(database, version);
-  if (version == 0) database.Execute("PRAGMA application_id = 0x56617264");
+  Migrate(database, found, version);
+  if (found == 0) database.Execute("PRAGMA application_id = 0x56617264");
   transaction.Commit();
 }
 

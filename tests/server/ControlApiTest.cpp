@@ -137,6 +137,7 @@ TEST_F(ControlApi, EachResourceAsksForItsRoleAndAUserSeesNoOtherListed) {
       {"GET", "/v1/users/ben/limits/org.example.game/usage", {}, {200, 200, 403}},
       {"GET", "/v1/agents", {}, {200, 200, 200}},
       {"PATCH", kGame, limits, {412, 403, 403}},
+      {"DELETE", kGame, {}, {412, 403, 403}},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(std::string(row.method) + " " + row.target);
@@ -144,9 +145,9 @@ TEST_F(ControlApi, EachResourceAsksForItsRoleAndAUserSeesNoOtherListed) {
         {Role::Admin, "root"}, {Role::TopUp, "mum"}, {Role::Read, "anna"}};
     for (std::size_t i = 0; i < std::size(kWho); ++i) {
       Be(kWho[i].first, kWho[i].second);
-      const ControlAnswer answer = Ask(
-          row.method, row.target, row.body,
-          QByteArray(row.method) == "PATCH" ? std::optional<QByteArray>("\"99\"") : std::nullopt);
+      const ControlAnswer answer =
+          Ask(row.method, row.target, row.body,
+              row.status[0] == 412 ? std::optional<QByteArray>("\"99\"") : std::nullopt);
       EXPECT_EQ(answer.status, row.status[i]) << kWho[i].second << ": " << Text(answer);
       EXPECT_EQ(Code(answer) == "forbidden", row.status[i] == 403);
     }
@@ -181,7 +182,7 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
       {"an unknown identifier", "GET", "/v1/users/anna/limits/x", {}, none, none, 404, "not-found", ""},
       {"credit of an unknown identifier", "PUT", "/v1/users/anna/limits/x/credit",
        R"({"minutes":1,"id":"z"})", none, none, 404, "not-found", ""},
-      {"another method", "DELETE", kGame, {}, none, none, 405, "method-not-allowed", ""},
+      {"another method", "POST", kGame, {}, none, none, 405, "method-not-allowed", ""},
       {"a stray percent sign", "GET", "/v1/users/an%na/limits", {}, none, none, 400, "bad-request", ""},
       {"a body where none belongs", "GET", kGame, "{}", none, none, 400, "bad-request", ""},
       {"an unknown query field", "GET", "/v1/ledger?since=1", {}, none, none, 400, "unknown-field", "since"},
@@ -192,6 +193,11 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
       {"no precondition", "PATCH", kGame, R"({"limits":{}})", none, none, 428, "precondition-required", ""},
       {"both preconditions", "PATCH", kGame, R"({"limits":{}})", one, "*", 400, "bad-request", ""},
       {"any revision", "PATCH", kGame, R"({"limits":{}})", "*", none, 400, "bad-request", "If-Match"},
+      {"a removal of any revision", "DELETE", kGame, {}, none, none, 428, "precondition-required", ""},
+      {"a removal of an old revision", "DELETE", kGame, {}, "\"7\"", none, 412, "revision-mismatch", ""},
+      {"a removal of what is not there", "DELETE", kGame, {}, none, "*", 400, "bad-request", "If-None-Match"},
+      {"a removal of an unknown identifier", "DELETE", "/v1/users/anna/limits/x", {}, one, none, 404, "not-found", ""},
+      {"a removal with a body", "DELETE", kGame, "{}", one, none, 400, "bad-request", ""},
       {"no JSON", "PATCH", kGame, "limits", one, none, 400, "bad-request", ""},
       {"JSON nested too deep", "PATCH", kGame, QByteArray(60000, '['), one, none, 400, "bad-request", ""},
       {"an unknown field", "PATCH", kGame, R"({"limits":{},"actor":"root"})", one, none, 400, "unknown-field", "actor"},

@@ -9,6 +9,7 @@
 
 #include "Common Sources/FileSystem.h"
 #include "server/Sqlite.h"
+#include "server/StoreSchema.h"
 #include "tests/server/HouseholdFixture.h"
 
 namespace vardell::server {
@@ -65,6 +66,7 @@ TEST_F(StoreTest, IsForItsOwnerAloneAndRefusesToRewriteHistoryAndTheValueThatMea
 TEST_F(StoreTest, EveryAdministrativeChangeIsAudited) {
   Limit({{QStringLiteral("WD start"), 480}});
   Limit({{QStringLiteral("WD start"), 490}});
+  EXPECT_EQ(household_->RemoveLimits(root_, anna_, game_, 2).status, AdminStatus::Ok);
   Close();
   SqliteDatabase database(StorePath());
   SqliteStatement row(database, "SELECT actor, before, after FROM audit ORDER BY id");
@@ -74,6 +76,46 @@ TEST_F(StoreTest, EveryAdministrativeChangeIsAudited) {
   EXPECT_EQ(row.Text(0), root_.name);
   EXPECT_TRUE(row.Text(1).contains(QStringLiteral("\"WD start\":480")));
   EXPECT_TRUE(row.Text(2).contains(QStringLiteral("\"WD start\":490")));
+  ASSERT_TRUE(row.Step());
+  EXPECT_TRUE(row.Text(1).contains(QStringLiteral("\"WD start\":490")));
+  EXPECT_EQ(row.Text(2), QString());
+}
+
+// The digest is what an older version stored for the change of credit that is repeated here.
+TEST_F(StoreTest, AStoreOfTheFirstVersionKeepsEverything) {
+  Close();
+  ASSERT_TRUE(QFile::remove(StorePath()));
+  {
+    SqliteDatabase database(StorePath());
+    PrepareStore(database, StorePath(), 1);
+    database.Execute(R"sql(
+      INSERT INTO limits VALUES ('anna', 'org.example.game', 5.5, 1, 1, 60, 2, 1, 90, 480, 1200, 500,
+                                 1300, 1, 0, 0, 0, 7);
+      INSERT INTO credit VALUES ('anna', 'org.example.game', 40, 0);
+      INSERT INTO ledger VALUES (3, '2009-03-04T18:00:00.000+01:00', '2009-03-04', 'anna',
+          'org.example.game', '', 'admin', 45, 45, 0, NULL, 'uid 0 (root)', 'homework');
+      INSERT INTO ledger VALUES (4, '2009-03-04T19:00:00.000+01:00', '2009-03-04', 'anna',
+          'org.example.game', 'local', 'report', -5, 40, 5, 40, 'agent of anna', '');
+      INSERT INTO adjustments VALUES ('a1',
+          x'0ade796d3d93081ab428a76e6c8657c7258469ee0e70cadece240fe2ec4bf1f3');)sql");
+  }
+  Open();
+  const auto entry = household_->Limits(anna_, game_);
+  ASSERT_TRUE(entry);
+  EXPECT_EQ(entry->revision, 7u);
+  EXPECT_EQ(entry->credit, 40);
+  EXPECT_EQ(entry->limits.weekEndStop, 1300);
+  EXPECT_EQ(household_->Usage(anna_, game_), UsageDays({{QDate(2009, 3, 4), 5}}));
+  EXPECT_EQ(Ledger().size(), 2u);
+  const QString id = QStringLiteral("a1");
+  EXPECT_EQ(household_->SetCredit(root_, anna_, game_, 45, id, QStringLiteral("homework")).status,
+            AdminStatus::Ok);
+  EXPECT_EQ(Credit(), 40) << "applied a second time";
+  EXPECT_EQ(household_->AddCredit(root_, anna_, game_, 45, id, QStringLiteral("homework")).status,
+            AdminStatus::IdReused);
+  EXPECT_EQ(household_->RemoveLimits(root_, anna_, game_, 7).status, AdminStatus::Ok);
+  Close();
+  EXPECT_THROW(Execute(StorePath(), "DELETE FROM ledger"), SqliteError);
 }
 
 TEST_F(StoreTest, AChangeIsWrittenWholeOrNotAtAll) {
