@@ -2,6 +2,7 @@
 
 #include "control/CreditCommands.h"
 #include "control/LimitsCommands.h"
+#include "control/SettingsCommands.h"
 #include "control/StatusCommands.h"
 
 namespace vardell::control {
@@ -25,6 +26,11 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
       return AddCredit(command, server);
     case Verb::Ledger:
       return ShowLedger(command, server, terminal);
+    case Verb::SettingsShow:
+      return ShowSettings(command);
+    case Verb::SettingsSet:
+    case Verb::SettingsUnset:
+      return ChangeSettings(command);
     default:
       break;
   }
