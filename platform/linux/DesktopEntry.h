@@ -30,7 +30,7 @@ struct DesktopEntry {
 };
 
 // Absent when the text is no application that can be started: another type, hidden, without Exec or
-// Name, its TryExec not there, no UTF-8. `languages` best first, as in "de_AT", "de".
+// Name in UTF-8, its TryExec not there. `languages` best first, as in "de_AT", "de".
 // Looks for the program on this machine; leaves id, path and isTrusted alone.
 std::optional<DesktopEntry> ParseDesktopEntry(const QByteArray& text, const QStringList& languages);
 

@@ -2,6 +2,7 @@
 
 #include <QByteArrayView>
 #include <array>
+#include <cstring>
 
 namespace vardell {
 namespace {
@@ -56,18 +57,25 @@ void Take(Values& values, QByteArrayView key, QByteArrayView value, const QStrin
   }
 }
 
+// By its first letter, since most lines are translations of what is not asked for.
+bool MayTell(QByteArrayView line) {
+  return !line.isEmpty() && std::strchr("[TNESHXO \t", line.front()) != nullptr;
+}
+
 Values ReadMainGroup(QByteArrayView text, const QStringList& languages) {
   Values values;
   bool inside = false;
   for (qsizetype begin = 0; begin < text.size();) {
     const qsizetype newline = text.indexOf('\n', begin);
     const qsizetype end = newline < 0 ? text.size() : newline;
-    const QByteArrayView line = text.sliced(begin, end - begin).trimmed();
+    const QByteArrayView whole = text.sliced(begin, end - begin);
     begin = end + 1;
+    if (!MayTell(whole)) continue;
+    const QByteArrayView line = whole.trimmed();
     if (line.startsWith('[')) {
       if (inside) break;
       inside = line == QByteArrayView("[Desktop Entry]");
-    } else if (inside && !line.startsWith('#')) {
+    } else if (inside) {
       const qsizetype equals = line.indexOf('=');
       if (equals <= 0) continue;
       Take(values, line.first(equals).trimmed(), line.sliced(equals + 1).trimmed(), languages);
@@ -120,11 +128,12 @@ QStringList Names(QByteArrayView value) {
 
 std::optional<DesktopEntryKeys> ReadDesktopEntryKeys(const QByteArray& text,
                                                      const QStringList& languages) {
-  if (!QByteArrayView(text).isValidUtf8()) return std::nullopt;
   const Values values = ReadMainGroup(text, languages);
+  const QByteArrayView name = values.localRank < 0 ? values.name : values.localName;
   if (values.type != QByteArrayView("Application")) return std::nullopt;
+  if (!name.isValidUtf8() || !values.exec.isValidUtf8()) return std::nullopt;
   DesktopEntryKeys keys;
-  keys.name = Text(values.localRank < 0 ? values.name : values.localName);
+  keys.name = Text(name);
   keys.exec = Text(values.exec);
   keys.tryExec = Text(values.tryExec);
   keys.windowClass = Text(values.windowClass);

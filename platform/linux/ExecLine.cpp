@@ -101,7 +101,9 @@ QByteArray ResolveProgram(const QByteArray& program) {
 bool IsInstalledProgram(const QByteArray& program) {
   if (program.startsWith('/')) return IsExecutableFile(program);
   if (program.isEmpty() || program.contains('/')) return false;
-  return std::any_of(std::begin(kProgramFolders), std::end(kProgramFolders),
+  // Where most of them are: which of two it is does not matter here.
+  return IsExecutableFile("/usr/bin/" + program) ||
+         std::any_of(std::begin(kProgramFolders), std::end(kProgramFolders),
                      [&](const char* folder) { return IsExecutableFile(folder + program); });
 }
 

@@ -92,7 +92,8 @@ std::optional<QString> BelowAUsersFolder(const QString& path) {
 
 bool HasProgram(const DesktopEntryKeys& keys, const ExecLine& exec) {
   const QByteArray tryExec = keys.tryExec.toUtf8();
-  return IsInstalledProgram(exec.program) && (tryExec.isEmpty() || IsInstalledProgram(tryExec));
+  const bool isAnother = !tryExec.isEmpty() && tryExec != exec.program;
+  return IsInstalledProgram(exec.program) && (!isAnother || IsInstalledProgram(tryExec));
 }
 
 ProcessFacts FactsOfFile(const QByteArray& path) {

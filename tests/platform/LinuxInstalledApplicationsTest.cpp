@@ -106,6 +106,8 @@ TEST_F(InstalledTest, OffersWhatTheDesktopOffers) {
       {"shown", Entry("NotShowIn=KDE\nNoDisplay=false\nHidden=false\n"), true},
       {"first-counts", Entry("OnlyShowIn=TOYS;\nNotShowIn=OTHER;\n"), true},
       {"windows", "[Desktop Entry]\r\nType=Application\r\nName=N\r\nExec=/bin/true\r\n", true},
+      {"latin", Entry("Comment=\xe9\n"), true},
+      {"indented", "\t[Desktop Entry]\n Type=Application\n Name=N\n\tExec = /bin/true\n", true},
       {"commented", "# text\n\n[Desktop Entry]\n#Hidden=true\n" + QByteArray(kEntry).mid(16), true},
       {"elsewhere", Entry("OnlyShowIn=KDE;\n"), false},
       {"not-here", Entry("NotShowIn=TOYS;\n"), false},
@@ -139,7 +141,7 @@ TEST_F(InstalledTest, OffersWhatTheDesktopOffers) {
 
 TEST_F(InstalledTest, WhatIsNoFileOfModestSizeNeitherBlocksNorCounts) {
   Add("huge.desktop", Entry("") + QByteArray(kMaxDesktopEntryBytes, '#'));
-  Add("latin.desktop", Entry("Comment=\xff\xfe\n"));
+  Add("latin.desktop", QByteArray(kEntry).replace("=N", "=\xe9"));
   Add("panel.desktop", Entry("X-GNOME-Autostart-Phase=Panel\n"));
   Add("com.apple.loginwindow.desktop", kEntry);
   Add("folder.desktop/inner.desktop", kEntry);
