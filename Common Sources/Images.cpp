@@ -57,7 +57,7 @@ std::optional<QUrl> MakeURL(const QByteArray& bytes, QStringDecoder decoder) {
   }
   const QString text = decoder.decode(bytes);
   const QUrl url(text, QUrl::StrictMode);
-  if (decoder.hasError() || url.isEmpty() || !url.isValid()) return std::nullopt;
+  if (decoder.hasError() || !url.isValid()) return std::nullopt;
   return url;
 }
 
