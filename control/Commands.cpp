@@ -4,6 +4,7 @@
 #include "control/LimitsCommands.h"
 #include "control/SettingsCommands.h"
 #include "control/StatusCommands.h"
+#include "control/UsageCommands.h"
 
 namespace vardell::control {
 
@@ -24,6 +25,8 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
       return SetCredit(command, server);
     case Verb::CreditAdd:
       return AddCredit(command, server);
+    case Verb::Usage:
+      return ShowUsage(command, server, terminal);
     case Verb::Ledger:
       return ShowLedger(command, server, terminal);
     case Verb::SettingsShow:

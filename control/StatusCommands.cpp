@@ -3,6 +3,7 @@
 #include <QJsonArray>
 
 #include "control/Tables.h"
+#include "control/Terminal.h"
 
 namespace vardell::control {
 namespace {
@@ -18,17 +19,31 @@ Answer LedgerPage(const Command& command, const HttpClient& server, qint64 after
 }  // namespace
 
 Result ShowStatus(const Command& command, const HttpClient& server) {
-  const Answer answer = Get(server, "/v1/status");
-  if (!answer.ok()) {
-    return answer.failure;
+  const Answer status = Get(server, "/v1/status");
+  if (!status.ok()) {
+    return status.failure;
   }
-  return Done(command.json ? JsonText(answer.json) : StatusText(answer.json));
+  // An older Server has no list of them.
+  const Answer agents = Get(server, "/v1/agents");
+  if (!agents.ok() && agents.status != 404) {
+    return agents.failure;
+  }
+  const QJsonArray connected = agents.json[QStringLiteral("agents")].toArray();
+  if (command.json) {
+    QJsonObject json = status.json;
+    json[QStringLiteral("connected")] = connected;
+    return Done(JsonText(json));
+  }
+  QString text = StatusText(status.json, QStringLiteral(VARDELL_VERSION));
+  if (!connected.isEmpty()) text += QLatin1Char('\n') + AgentsTable(connected);
+  return Done(text);
 }
 
-Result ShowLedger(const Command& command, const HttpClient& server, Terminal&) {
+Result ShowLedger(const Command& command, const HttpClient& server, Terminal& terminal) {
   QJsonArray rows;
   qint64 after = command.after;
   while (true) {
+    terminal.Progress(QStringLiteral("Reading the ledger"), rows.size(), 0);
     const Answer page = LedgerPage(command, server, after);
     if (!page.ok()) {
       return page.failure;

@@ -88,19 +88,75 @@ QString KeyText(const QString& key, const QJsonObject& limit) {
   return value.isBool() ? YesNo(value) : NumberText(value);
 }
 
+QString StoreText(const QJsonObject& status) {
+  const QString store = Printable(status[QStringLiteral("store")].toString());
+  const QJsonValue schema = status[QStringLiteral("schema")];
+  return schema.isDouble() ? QStringLiteral("%1, schema %2").arg(store, NumberText(schema)) : store;
+}
+
+QString WaitingText(const QJsonObject& status) {
+  const qint64 waiting = status[QStringLiteral("waiting")].toInteger();
+  if (waiting == 0) return QStringLiteral("nothing");
+  return QStringLiteral("%1 %2 not on disk yet; journalctl -u vardell-server says why")
+      .arg(waiting)
+      .arg(waiting == 1 ? QStringLiteral("change is") : QStringLiteral("changes are"));
+}
+
+QString CreditText(const QJsonValue& credit) {
+  if (!credit.isDouble()) return QStringLiteral("no limit");
+  if (credit.toInteger() == kSpentCredit) return QStringLiteral("spent");
+  return NumberText(credit) + QStringLiteral(" min");
+}
+
+QString ApplicationsText(const QJsonArray& applications) {
+  QStringList texts;
+  for (const QJsonValue& application : applications) {
+    texts.append(QStringLiteral("%1 (%2)").arg(
+        ShownIdentifier(application[QStringLiteral("identifier")].toString()),
+        CreditText(application[QStringLiteral("credit")])));
+  }
+  return texts.isEmpty() ? QStringLiteral("-") : texts.join(QStringLiteral(", "));
+}
+
 }  // namespace
 
-QString StatusText(const QJsonObject& status) {
-  const QJsonValue published = status[QStringLiteral("published")];
-  return QStringLiteral(
-             "Version:    %1\nStore:      %2\nAddress:    %3\nPublished:  %4\nAgents:     "
-             "%5\nStarted:    %6\n")
-      .arg(Printable(status[QStringLiteral("version")].toString()),
-           Printable(status[QStringLiteral("store")].toString()),
-           Printable(status[QStringLiteral("address")].toString()),
-           published.isString() ? Printable(published.toString()) : QStringLiteral("no"),
-           NumberText(status[QStringLiteral("agents")]),
-           Printable(LocalTime(status[QStringLiteral("started")])));
+QString StatusText(const QJsonObject& status, const QString& ownVersion) {
+  const auto text = [&](const char* field) {
+    return Printable(status[QLatin1String(field)].toString());
+  };
+  const auto number = [&](const char* field) { return NumberText(status[QLatin1String(field)]); };
+  std::vector<QStringList> rows{{QStringLiteral("Server:"), text("version")}};
+  if (text("version") != ownVersion) {
+    rows.push_back({QStringLiteral("vardellctl:"),
+                    ownVersion + QStringLiteral(", another version than the Server's")});
+  }
+  rows.push_back({QStringLiteral("Store:"), StoreText(status)});
+  rows.push_back({QStringLiteral("Address:"), text("address")});
+  rows.push_back({QStringLiteral("Published:"), status[QStringLiteral("published")].isString()
+                                                    ? text("published")
+                                                    : QStringLiteral("no")});
+  rows.push_back(
+      {QStringLiteral("Started:"), Printable(LocalTime(status[QStringLiteral("started")]))});
+  rows.push_back({QStringLiteral("Time zone:"), text("zone")});
+  rows.push_back({QStringLiteral("Users:"), number("users")});
+  rows.push_back({QStringLiteral("Limits:"), number("limits")});
+  rows.push_back({QStringLiteral("Waiting:"), WaitingText(status)});
+  rows.push_back({QStringLiteral("Agents:"), number("agents")});
+  return AlignedTable(rows);
+}
+
+QString AgentsTable(const QJsonArray& agents) {
+  std::vector<QStringList> rows{{QStringLiteral("USER"), QStringLiteral("HOST"),
+                                 QStringLiteral("SINCE"), QStringLiteral("APPLICATIONS")}};
+  for (const QJsonValue& value : agents) {
+    const QJsonObject agent = value.toObject();
+    const QString user = Printable(agent[QStringLiteral("user")].toString());
+    rows.push_back({user.isEmpty() ? QStringLiteral("-") : user,
+                    Printable(agent[QStringLiteral("host")].toString()),
+                    Printable(LocalTime(agent[QStringLiteral("since")])),
+                    ApplicationsText(agent[QStringLiteral("applications")].toArray())});
+  }
+  return AlignedTable(rows);
 }
 
 QString LimitsTable(const QJsonArray& limits) {

@@ -10,7 +10,8 @@
 
 namespace vardell::control {
 
-QString StatusText(const QJsonObject& status);
+QString StatusText(const QJsonObject& status, const QString& ownVersion);
+QString AgentsTable(const QJsonArray& agents);
 QString LimitsTable(const QJsonArray& limits);  // one line for each limit
 QString LimitsSheet(const QJsonObject& limit);  // one line for each key
 // The keys whose values differ, with both; empty where there is none.

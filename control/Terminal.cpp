@@ -1,10 +1,14 @@
 #include "control/Terminal.h"
 
+#include <langinfo.h>
+#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+
+#include "control/TextTable.h"
 
 namespace vardell::control {
 namespace {
@@ -23,13 +27,26 @@ int WidthOf(int fd) {
   return size.ws_col;
 }
 
-QString Bar(const QString& what, std::int64_t done, std::int64_t total) {
+QString ProgressText(const QString& what, std::int64_t done, std::int64_t total, bool blocks) {
   if (total <= 0) return QStringLiteral("%1: %2").arg(what).arg(done);
-  const auto percent = static_cast<int>(100 * std::clamp(double(done) / double(total), 0.0, 1.0));
-  const int filled = kBarCells * percent / 100;
-  return QStringLiteral("%1 [%2%3] %4 %")
-      .arg(what, QString(filled, QLatin1Char('#')), QString(kBarCells - filled, QLatin1Char('.')))
-      .arg(percent, 3);
+  const double share = std::clamp(double(done) / double(total), 0.0, 1.0);
+  return QStringLiteral("%1 [%2] %3 %")
+      .arg(what, PaddedRight(Bar(share, 1, kBarCells, blocks), kBarCells))
+      .arg(static_cast<int>(100 * share));
+}
+
+// Qt makes every locale one of UTF-8; this asks for the one that the person has.
+bool HasUnicode() {
+  const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
+  if (locale == nullptr) return false;
+  const bool isUtf8 = QByteArray(nl_langinfo_l(CODESET, locale)) == "UTF-8";
+  freelocale(locale);
+  return isUtf8;
+}
+
+bool CanClearLines(int fd) {
+  const QByteArray kind = qgetenv("TERM");
+  return isatty(fd) == 1 && !kind.isEmpty() && kind != "dumb";
 }
 
 void Say(const QString& text) {
@@ -40,8 +57,9 @@ void Say(const QString& text) {
 }  // namespace
 
 Terminal::Terminal()
-    : showsProgress_(isatty(STDERR_FILENO) == 1),
-      canAsk_(showsProgress_ && isatty(STDIN_FILENO) == 1) {}
+    : showsProgress_(CanClearLines(STDERR_FILENO)),
+      canAsk_(isatty(STDERR_FILENO) == 1 && isatty(STDIN_FILENO) == 1),
+      canShowBlocks_(HasUnicode()) {}
 
 Terminal::~Terminal() {
   EndProgress();
@@ -54,7 +72,8 @@ void Terminal::Progress(const QString& what, std::int64_t done, std::int64_t tot
   if (now - begun_ < kBeforeItShows || now - drawn_ < kBetweenDrawings) return;
   drawn_ = now;
   isShown_ = true;
-  Say(QLatin1String(kClearLine) + Bar(what, done, total).left(WidthOf(STDERR_FILENO) - 1));
+  Say(QLatin1String(kClearLine) +
+      ProgressText(what, done, total, canShowBlocks_).left(WidthOf(STDERR_FILENO) - 1));
 }
 
 void Terminal::EndProgress() {

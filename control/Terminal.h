@@ -1,5 +1,5 @@
 // The person at the terminal: how far long work has come, and a question before something is lost.
-// Nothing is shown where standard error is no terminal.
+// Nothing is shown where standard error is no terminal, or one that cannot clear a line.
 #pragma once
 
 #include <QString>
@@ -27,10 +27,12 @@ class Terminal {
   bool CanAsk() const;
 
   int width() const;  // columns of standard output; 80 where it is no terminal
+  bool canShowBlocks() const { return canShowBlocks_; }  // the locale's characters are Unicode's
 
  private:
   bool showsProgress_ = false;
   bool canAsk_ = false;
+  bool canShowBlocks_ = false;
   bool isShown_ = false;
   std::chrono::steady_clock::time_point begun_{};
   std::chrono::steady_clock::time_point drawn_{};

@@ -154,11 +154,30 @@ TEST(Vardellctl, AnswersAreShownAsTablesInLocalTime) {
        "USER  IDENTIFIER   MINUTES\nanna  x\uFFFD]0;evil\uFFFD\uFFFD        1\n",
        "GET /v1/users/anna/limits HTTP/1.1"},
       {"status",
-       {R"({"version":"0.1.0","store":"SQLite /x","address":"127.0.0.1:4","published":null,)"
-        R"("agents":3,"started":"2026-01-01T00:00:00Z"})"},
-       "Version:    0.1.0\nStore:      SQLite /x\nAddress:    127.0.0.1:4\n"
-       "Published:  no\nAgents:     3\nStarted:    2026-01-01 01:00:00\n",
-       "GET /v1/status HTTP/1.1"},
+       {R"({"version":"9.9","store":"SQLite /x","schema":3,"address":"127.0.0.1:4",)"
+        R"("published":null,"agents":2,"users":1,"limits":5,"waiting":1,"zone":"Europe/Oslo",)"
+        R"("started":"2026-01-01T00:00:00Z"})",
+        R"({"agents":[{"user":"anna","host":"local","since":"2026-01-01T08:00:00Z",)"
+        R"("applications":[{"identifier":"com.apple.loginwindow","credit":42},)"
+        R"({"identifier":"org.game","credit":12345},{"identifier":"\u009b2J","credit":null}]},)"
+        R"({"user":null,"host":"::1","since":"2026-07-01T08:00:00Z","applications":[]}]})"},
+       "Server:      9.9\n"
+       "vardellctl:  " VARDELL_VERSION ", another version than the Server's\n"
+       "Store:       SQLite /x, schema 3\n"
+       "Address:     127.0.0.1:4\n"
+       "Published:   no\n"
+       "Started:     2026-01-01 01:00:00\n"
+       "Time zone:   Europe/Oslo\n"
+       "Users:       1\n"
+       "Limits:      5\n"
+       "Waiting:     1 change is not on disk yet; journalctl -u vardell-server says why\n"
+       "Agents:      2\n"
+       "\n"
+       "USER  HOST   SINCE                APPLICATIONS\n"
+       "anna  local  2026-01-01 09:00:00  computer (42 min), org.game (spent), \uFFFD2J (no "
+       "limit)\n"
+       "-     ::1    2026-07-01 10:00:00  -\n",
+       "GET /v1/agents HTTP/1.1"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.words);
