@@ -81,4 +81,14 @@ inline constexpr std::size_t kMaxLanesPerIdentifier = 64;
 inline constexpr std::size_t kMaxUnwrittenChanges = 100000;
 inline constexpr int kMaxLedgerRows = 1000;
 
+// Top-ups: ranges of dates that are remembered for one limit, and missed dates that roll-over makes
+// good at once.
+inline constexpr std::size_t kMaxTopUpDateRanges = 64;
+inline constexpr int kMaxMissedTopUps = 62;
+
+// Schedules: windows of one day, holidays, and days ahead in which a window's end is looked for.
+inline constexpr std::size_t kMaxScheduleWindows = 8;
+inline constexpr std::size_t kMaxScheduleHolidays = 200;
+inline constexpr int kMaxScheduleDaysAhead = 8;
+
 }  // namespace vardell
