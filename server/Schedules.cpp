@@ -119,15 +119,9 @@ std::optional<std::int64_t> AllowedUntil(const Schedule& schedule, const QTimeZo
     const LocalTime local = ToLocal(from, zone);
     const auto end = EndOnTheWall(schedule, local.date, local.Minute());
     const std::int64_t change = NextTransition(from, zone).value_or(horizon);
-    if (end) {
-      const std::int64_t at =
-          std::max(from, from + *end * kMillisecondsOfMinute - local.millisecond);
-      if (*end == local.Minute()) {
-        if (from == now) return std::nullopt;
-        return from;
-      }
-      if (at < change) return at;
-    }
+    if (end == local.Minute()) return from == now ? std::nullopt : std::optional(from);
+    const std::int64_t at = from + end.value_or(0) * kMillisecondsOfMinute - local.millisecond;
+    if (end && at < change) return at;
     from = change;
   }
   return kNoEndInSight;

@@ -70,9 +70,8 @@ struct CurfewKeys {
 // last one of today. So the alert names the right time, and what the agent decides of them in this
 // minute is what the schedule says.
 //
-// An agent tests what it fetched up to a minute before. The keys are right in the following minute
-// too, over midnight as well, unless a window begins or ends between; then they may say so a minute
-// late.
+// An agent tests what it fetched up to a minute before. What the keys say is right a minute later,
+// too, over midnight as well; only the end of a window of a whole day is noticed a minute late.
 CurfewKeys TodaysKeys(const Schedule& schedule, const QTimeZone& zone, std::int64_t now);
 
 // The limits with these hours, both enabled.
