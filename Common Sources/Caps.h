@@ -65,7 +65,7 @@ inline constexpr std::size_t kMaxControlConnectionsOfUser = 16;
 inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;
 inline constexpr std::size_t kMaxControlHeaderBytes = 8u << 10;
 // The most of an answer that vardellctl takes.
-inline constexpr std::size_t kMaxControlReplyBytes = 16u << 20;
+inline constexpr std::size_t kMaxControlReplyBytes = 32u << 20;
 
 // The Server's kill listener.
 inline constexpr std::size_t kMaxKillConnections = 512;

@@ -40,6 +40,7 @@ Result Misused(const QString& error) {
 Answer Ask(const HttpClient& server, const HttpRequest& request) {
   const HttpReply reply = server.Ask(request);
   Answer answer;
+  answer.wasReached = reply.outcome != HttpOutcome::Unreachable;
   if (reply.outcome == HttpOutcome::Unreachable || reply.outcome == HttpOutcome::NoAnswer) {
     answer.failure = {ExitStatus::Unreachable, {}, reply.trouble};
     return answer;

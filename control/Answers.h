@@ -24,7 +24,8 @@ Result Misused(const QString& error);
 
 // What the Server said: JSON, or the Result to end with.
 struct Answer {
-  int status = 0;  // 0: it may or may not have been done
+  int status = 0;  // 0: it may or may not have been done, unless nobody was there
+  bool wasReached = true;
   QJsonObject json;
   Result failure;
   bool ok() const { return failure.status == ExitStatus::Done && status < 300; }

@@ -1,7 +1,9 @@
 #include "control/Commands.h"
 
+#include "control/BackupCommands.h"
 #include "control/CreditCommands.h"
 #include "control/LimitsCommands.h"
+#include "control/RestoreCommands.h"
 #include "control/SettingsCommands.h"
 #include "control/StatusCommands.h"
 #include "control/UsageCommands.h"
@@ -34,6 +36,10 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
     case Verb::SettingsSet:
     case Verb::SettingsUnset:
       return ChangeSettings(command);
+    case Verb::Backup:
+      return MakeBackup(command, server, terminal);
+    case Verb::Restore:
+      return RestoreBackup(command, server, terminal);
     default:
       break;
   }

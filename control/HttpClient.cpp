@@ -38,19 +38,23 @@ QString ErrorText() {
   return QString::fromLocal8Bit(strerror(errno));
 }
 
-// False when the deadline came first.
-bool WaitFor(int fd, short events, Clock::time_point deadline) {
+using Milliseconds = std::chrono::milliseconds;
+
+// What has happened: of `events`, or an error; 0 where nothing did in that time.
+short WaitFor(int fd, short events, Milliseconds patience) {
+  const auto deadline = Clock::now() + patience;
   while (true) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) {
-      return false;
-    }
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return 0;
     pollfd waiting{fd, events, 0};
     const int ready = poll(&waiting, 1, static_cast<int>(left.count()));
-    if (ready > 0 || (ready < 0 && errno != EINTR)) {
-      return true;
-    }
+    if (ready > 0) return waiting.revents;
+    if (ready < 0 && errno != EINTR) return POLLERR;
   }
+}
+
+void Tell(const HttpProgress& progress, std::int64_t done, std::int64_t total) {
+  if (progress) progress(done, total);
 }
 
 HttpReply Failed(HttpOutcome outcome, const QString& trouble) {
@@ -58,7 +62,8 @@ HttpReply Failed(HttpOutcome outcome, const QString& trouble) {
 }
 
 // A listening Unix socket whose queue is full answers EAGAIN, and poll(2) says nothing of it.
-HttpReply Connect(const Socket& connection, const QString& path, Clock::time_point deadline) {
+HttpReply Connect(const Socket& connection, const QString& path, Milliseconds patience) {
+  const auto deadline = Clock::now() + patience;
   const QByteArray name = path.toLocal8Bit();
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -76,52 +81,62 @@ HttpReply Connect(const Socket& connection, const QString& path, Clock::time_poi
   return {};
 }
 
-// An error is left for the reading to find: a Server may answer before it has read everything.
-void Send(int fd, const QByteArray& bytes, Clock::time_point deadline) {
+// A Server may answer before it has read everything: what goes wrong is left for the reading to
+// find.
+void Send(int fd, const QByteArray& bytes, const HttpRequest& request, Milliseconds patience) {
   qsizetype sent = 0;
-  while (sent < bytes.size() && WaitFor(fd, POLLOUT, deadline)) {
+  while (sent < bytes.size()) {
+    const short events = WaitFor(fd, POLLOUT | POLLIN, patience);
+    if (events == 0 || (events & POLLIN) != 0) return;
     const ssize_t count = send(fd, bytes.constData() + sent,
                                static_cast<std::size_t>(bytes.size() - sent), MSG_NOSIGNAL);
-    if (count < 0 && errno != EAGAIN && errno != EINTR) {
-      return;
-    }
+    if (count < 0 && errno != EAGAIN && errno != EINTR) return;
     sent += count > 0 ? count : 0;
+    Tell(request.sending, sent, bytes.size());
   }
 }
 
-HttpReply Receive(int fd, Clock::time_point deadline) {
-  http::response_parser<http::string_body> parser;
+using Parser = http::response_parser<http::string_body>;
+
+void TellReceived(const HttpRequest& request, const Parser& parser) {
+  if (!request.receiving || !parser.is_header_done()) return;
+  const auto total = static_cast<std::int64_t>(parser.content_length().value_or(0));
+  request.receiving(
+      total - static_cast<std::int64_t>(parser.content_length_remaining().value_or(0)), total);
+}
+
+// False with the end of the connection, or an error of its.
+bool ReceiveSome(int fd, std::string* unread) {
+  char buffer[65536];
+  const ssize_t count = recv(fd, buffer, sizeof(buffer), 0);
+  if (count > 0) unread->append(buffer, static_cast<std::size_t>(count));
+  return count > 0 || (count < 0 && (errno == EAGAIN || errno == EINTR));
+}
+
+HttpReply Receive(int fd, const HttpRequest& request, Milliseconds patience) {
+  Parser parser;
   parser.header_limit(static_cast<std::uint32_t>(kMaxControlHeaderBytes));
   parser.body_limit(kMaxControlReplyBytes);
   parser.eager(true);
   std::string unread;
   boost::system::error_code error;
   while (!parser.is_done()) {
-    if (!WaitFor(fd, POLLIN, deadline)) {
+    if (WaitFor(fd, POLLIN, patience) == 0) {
       return Failed(HttpOutcome::NoAnswer, QStringLiteral("it did not answer in time"));
     }
-    char buffer[16384];
-    const ssize_t count = recv(fd, buffer, sizeof(buffer), 0);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
-      continue;
+    if (!ReceiveSome(fd, &unread)) {
+      if (parser.got_some()) parser.put_eof(error);
+      if (parser.is_done()) break;
+      return Failed(HttpOutcome::NoAnswer,
+                    QStringLiteral("it hung up before its answer was complete"));
     }
-    if (count <= 0) {
-      if (parser.got_some()) {
-        parser.put_eof(error);
-      }
-      if (!parser.is_done()) {
-        return Failed(HttpOutcome::NoAnswer,
-                      QStringLiteral("it hung up before its answer was complete"));
-      }
-      break;
-    }
-    unread.append(buffer, static_cast<std::size_t>(count));
     const std::size_t used = parser.put(boost::asio::buffer(unread), error);
     unread.erase(0, used);
     if (error && error != http::error::need_more) {
       return Failed(HttpOutcome::BadAnswer, QStringLiteral("its answer makes no sense (%1)")
                                                 .arg(QString::fromStdString(error.message())));
     }
+    TellReceived(request, parser);
   }
   const auto& message = parser.get();
   return {HttpOutcome::Answered,
@@ -149,17 +164,17 @@ HttpClient::HttpClient(QString socketPath, std::chrono::milliseconds patience)
     : socketPath_(std::move(socketPath)), patience_(patience) {}
 
 HttpReply HttpClient::Ask(const HttpRequest& request) const {
-  const auto deadline = Clock::now() + patience_;
+  const Milliseconds patience = request.patience.value_or(patience_);
   const Socket connection;
   if (connection.fd() < 0) {
     return Failed(HttpOutcome::Unreachable, ErrorText());
   }
-  const HttpReply connected = Connect(connection, socketPath_, deadline);
+  const HttpReply connected = Connect(connection, socketPath_, patience_);
   if (connected.outcome != HttpOutcome::Answered) {
     return connected;
   }
-  Send(connection.fd(), Serialize(request), deadline);
-  return Receive(connection.fd(), deadline);
+  Send(connection.fd(), Serialize(request), request, patience);
+  return Receive(connection.fd(), request, patience);
 }
 
 }  // namespace vardell::control

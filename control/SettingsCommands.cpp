@@ -10,37 +10,14 @@
 namespace vardell::control {
 namespace {
 
-constexpr char kWhenTakenIn[] =
-    "Agents read their settings when a session begins: who is logged in now gets this at the next "
-    "login.\n";
-
-struct Change {
-  QString key;
-  QString before;
-  QString after;
-};
-
 struct Wanted {
   QVariantMap settings;
   QString problem;
 };
 
-QString ShownValue(const SettingKey& key, const QVariant& stored) {
-  const ShownSetting shown = ShowSetting(key, stored);
-  return shown.isDefault ? shown.value + QStringLiteral(" (default)") : shown.value;
-}
-
 // A value that stands in the file and is not what an agent takes there.
 bool IsIgnored(const ShownSetting& shown, const QVariant& stored) {
   return shown.isDefault && stored.isValid();
-}
-
-QStringList UnknownKeys(const QVariantMap& settings) {
-  QStringList keys;
-  for (auto one = settings.begin(); one != settings.end(); ++one) {
-    if (FindSettingKey(one.key()) == nullptr) keys.append(one.key());
-  }
-  return keys;
 }
 
 QString SettingsTable(const QVariantMap& settings) {
@@ -99,38 +76,18 @@ Wanted ParsePairs(const QMap<QString, QString>& pairs) {
   return wanted;
 }
 
-std::vector<Change> Changes(const QVariantMap& before, const QVariantMap& after) {
-  std::vector<Change> changes;
-  for (const SettingKey& key : AllSettingKeys()) {
-    const QVariant was = before.value(QLatin1String(key.name));
-    const QVariant is = after.value(QLatin1String(key.name));
-    if (was != is || was.typeId() != is.typeId()) {
-      changes.push_back({QLatin1String(key.name), ShownValue(key, was), ShownValue(key, is)});
-    }
-  }
-  for (const QString& key : UnknownKeys(before)) {
-    if (after.contains(key)) continue;
-    changes.push_back({Printable(key), StoredText(before[key]), QStringLiteral("-")});
-  }
-  return changes;
-}
-
-QString ChangesText(const std::vector<Change>& changes) {
+QString ChangesText(const std::vector<SettingChange>& changes) {
   if (changes.empty()) return QStringLiteral("Nothing changed: it is so already.\n");
   std::vector<QStringList> rows{
       {QStringLiteral("KEY"), QStringLiteral("BEFORE"), QStringLiteral("NOW")}};
-  for (const Change& change : changes) rows.push_back({change.key, change.before, change.after});
-  return AlignedTable(rows) + QLatin1String(kWhenTakenIn);
+  for (const SettingChange& change : changes)
+    rows.push_back({change.key, change.before, change.after});
+  return AlignedTable(rows) + QLatin1String(kWhenSettingsCount);
 }
 
-QJsonObject ChangesJson(const std::vector<Change>& changes) {
-  QJsonArray list;
-  for (const Change& change : changes) {
-    list.append(QJsonObject{{QStringLiteral("key"), change.key},
-                            {QStringLiteral("before"), change.before},
-                            {QStringLiteral("after"), change.after}});
-  }
-  return {{QStringLiteral("path"), SettingsPath()}, {QStringLiteral("changed"), list}};
+QJsonObject ChangesJson(const std::vector<SettingChange>& changes) {
+  return {{QStringLiteral("path"), SettingsPath()},
+          {QStringLiteral("changed"), SettingChangesJson(changes)}};
 }
 
 // Of this change, then of what happened before.
@@ -157,7 +114,7 @@ Result Apply(const Command& command, SettingsEditor& editor, const QVariantMap& 
   QVariantMap after = before;
   after.insert(pairs);
   for (const QString& key : command.keys) after.remove(key);
-  const std::vector<Change> changes = Changes(before, after);
+  const std::vector<SettingChange> changes = CompareSettings(before, after);
   if (!changes.empty()) {
     if (const QString problem = editor.Write(after); !problem.isEmpty()) return Failed(problem);
   }

@@ -145,6 +145,7 @@ QString SettingsEditor::Write(const QVariantMap& values) {
     const QString problem = WriteWholeFile(KeptPath(), *before_.bytes, 0644);
     if (!problem.isEmpty()) return CannotChange(problem);
   }
+  wasWritten_ = true;
   if (Replace(values)) return {};
   const QString failed = QStringLiteral("%1 could not be written").arg(SettingsPath());
   const QString trouble = PutBack();
@@ -153,6 +154,7 @@ QString SettingsEditor::Write(const QVariantMap& values) {
 }
 
 QString SettingsEditor::PutBack() {
+  if (!wasWritten_) return {};
   const HeldSignals held;
   (void)Remove(SettingsPath() + QStringLiteral(".tmp"));
   if (!before_.bytes) {

@@ -43,7 +43,7 @@ class SettingsEditor {
 
   // Empty, or for people what went wrong and how the settings are now.
   [[nodiscard]] QString Write(const QVariantMap& values);
-  // The file as it was when this was made, byte for byte. Empty, or as above.
+  // The file as it was when this was made, byte for byte, if it was written. Empty, or as above.
   [[nodiscard]] QString PutBack();
 
  private:
@@ -55,6 +55,7 @@ class SettingsEditor {
   LoadedFile before_;
   QVariantMap values_;
   bool isRepaired_ = false;
+  bool wasWritten_ = false;
   bool needsCopy_ = false;  // for a person, or the next one of these
 };
 

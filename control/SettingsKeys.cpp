@@ -3,6 +3,7 @@
 #include <pwd.h>
 
 #include <QDateTime>
+#include <QJsonObject>
 #include <algorithm>
 
 #include "Common Sources/Caps.h"
@@ -165,6 +166,50 @@ ShownSetting ShowSetting(const SettingKey& key, const QVariant& stored) {
       return ShowAccount(stored);
   }
   return {};
+}
+
+QString ShownValue(const SettingKey& key, const QVariant& stored) {
+  const ShownSetting shown = ShowSetting(key, stored);
+  return shown.isDefault ? shown.value + QStringLiteral(" (default)") : shown.value;
+}
+
+QStringList UnknownKeys(const QVariantMap& settings) {
+  QStringList keys;
+  for (auto one = settings.begin(); one != settings.end(); ++one) {
+    if (FindSettingKey(one.key()) == nullptr) keys.append(one.key());
+  }
+  return keys;
+}
+
+std::vector<SettingChange> CompareSettings(const QVariantMap& before, const QVariantMap& after) {
+  std::vector<SettingChange> changes;
+  for (const SettingKey& key : kKeys) {
+    const QVariant was = before.value(QLatin1String(key.name));
+    const QVariant is = after.value(QLatin1String(key.name));
+    if (was.typeId() == is.typeId() && was == is) continue;
+    changes.push_back({QLatin1String(key.name), ShownValue(key, was), ShownValue(key, is)});
+  }
+  QVariantMap both = before;
+  both.insert(after);
+  for (const QString& key : UnknownKeys(both)) {
+    const auto text = [&](const QVariantMap& in) {
+      return in.contains(key) ? StoredText(in[key]) : QStringLiteral("-");
+    };
+    if (before.value(key) != after.value(key)) {
+      changes.push_back({Printable(key), text(before), text(after)});
+    }
+  }
+  return changes;
+}
+
+QJsonArray SettingChangesJson(const std::vector<SettingChange>& changes) {
+  QJsonArray list;
+  for (const SettingChange& change : changes) {
+    list.append(QJsonObject{{QStringLiteral("key"), change.key},
+                            {QStringLiteral("before"), change.before},
+                            {QStringLiteral("after"), change.after}});
+  }
+  return list;
 }
 
 QString StoredText(const QVariant& stored) {

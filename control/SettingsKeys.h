@@ -2,11 +2,13 @@
 // what a stored value means to an agent. Pure functions, but for MissingAccount.
 #pragma once
 
+#include <QJsonArray>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
 #include <optional>
 #include <span>
+#include <vector>
 
 namespace vardell::control {
 
@@ -45,6 +47,26 @@ struct ShownSetting {
 };
 
 ShownSetting ShowSetting(const SettingKey& key, const QVariant& stored);
+
+// "on (default)" where it is that.
+QString ShownValue(const SettingKey& key, const QVariant& stored);
+
+// Of a file's keys, those that are no settings of Vardell.
+QStringList UnknownKeys(const QVariantMap& settings);
+
+struct SettingChange {
+  QString key;
+  QString before;  // as shown; "-" where an unknown key is absent
+  QString after;
+};
+
+// What differs between two files, unknown keys included.
+std::vector<SettingChange> CompareSettings(const QVariantMap& before, const QVariantMap& after);
+QJsonArray SettingChangesJson(const std::vector<SettingChange>& changes);
+
+inline constexpr char kWhenSettingsCount[] =
+    "Agents read their settings when a session begins: who is logged in now gets this at the next "
+    "login.\n";
 
 // A stored value of any kind in a few words.
 QString StoredText(const QVariant& stored);

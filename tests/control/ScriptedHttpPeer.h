@@ -28,6 +28,19 @@ class ScriptedHttpPeer {
   // Whole requests, in order.
   std::vector<QByteArray> requests() const { return peer_.Frames(); }
 
+  // The next request of a connection, whole.
+  static QByteArray ReadRequest(PeerConnection& peer) {
+    static const QRegularExpression kLength(QStringLiteral("Content-Length: (\\d+)"));
+    QByteArray request;
+    while (!request.endsWith("\r\n\r\n")) {
+      const QByteArray byte = peer.ReadBytes(1);
+      if (byte.isEmpty()) return request;
+      request += byte;
+    }
+    return request +
+           peer.ReadBytes(kLength.match(QString::fromLatin1(request)).captured(1).toInt());
+  }
+
  private:
   static std::vector<ScriptedPeer::Script> Scripts(std::vector<QByteArray> answers) {
     std::vector<ScriptedPeer::Script> scripts;
@@ -40,18 +53,6 @@ class ScriptedHttpPeer {
       });
     }
     return scripts;
-  }
-
-  static QByteArray ReadRequest(PeerConnection& peer) {
-    static const QRegularExpression kLength(QStringLiteral("Content-Length: (\\d+)"));
-    QByteArray request;
-    while (!request.endsWith("\r\n\r\n")) {
-      const QByteArray byte = peer.ReadBytes(1);
-      if (byte.isEmpty()) return request;
-      request += byte;
-    }
-    return request +
-           peer.ReadBytes(kLength.match(QString::fromLatin1(request)).captured(1).toInt());
   }
 
   QTemporaryDir folder_;
