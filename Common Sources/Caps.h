@@ -56,6 +56,10 @@ inline constexpr std::size_t kMaxScannedProcesses = 65536;
 inline constexpr int kMaxAncestors = 256;
 inline constexpr std::size_t kMaxProcessDescriptors = 256;
 
+// Sessions whose applications are listed at once, and what one of them may tell.
+inline constexpr std::size_t kMaxSessionAgents = 64;
+inline constexpr std::size_t kMaxSessionViewBytes = 4u << 20;
+
 // The Server: connections it keeps at once, connections from one address, and the largest body of
 // a request on its control socket.
 inline constexpr std::size_t kMaxAgentConnections = 12000;
@@ -64,6 +68,8 @@ inline constexpr std::size_t kMaxControlConnections = 64;
 inline constexpr std::size_t kMaxControlConnectionsOfUser = 16;
 inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;
 inline constexpr std::size_t kMaxControlHeaderBytes = 8u << 10;
+// A backup, to the Server and from it.
+inline constexpr std::size_t kMaxBackupBytes = 32u << 20;
 // The most of an answer that vardellctl takes.
 inline constexpr std::size_t kMaxControlReplyBytes = 32u << 20;
 

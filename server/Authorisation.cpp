@@ -98,7 +98,7 @@ Requester LookUpRequester(uid_t uid, gid_t gid, const char* topUpGroup) {
 
 bool Authorise(const Requester& requester, Verb verb, const QString& user) {
   if (requester.role == Role::Admin) return true;
-  if (verb == Verb::ChangeLimits) return false;
+  if (verb == Verb::ChangeLimits || verb == Verb::BackUp) return false;
   if (requester.role == Role::TopUp) return true;
   return verb == Verb::Read && !user.isEmpty() && user == requester.userName;
 }

@@ -15,7 +15,12 @@ inline constexpr char kTopUpGroup[] = "vardell";
 
 enum class Role { Read, TopUp, Admin };
 
-enum class Verb { Read, ChangeCredit, ChangeLimits };
+enum class Verb {
+  Read,
+  ChangeCredit,
+  ChangeLimits,
+  BackUp,  // everything at once, out and in
+};
 
 struct Requester {
   Actor actor;       // as the ledger has it

@@ -14,6 +14,7 @@ enum class Concerns {
   EveryoneWhoAsks,  // shows each only what that one may see
   UserInPath,
   UserInQuery,
+  Everybody,
 };
 
 struct Resource {
@@ -22,7 +23,7 @@ struct Resource {
   Verb verb;
   Concerns concerns;
   std::vector<const char*> queryFields;
-  ControlAnswer (*answer)(const Call& call);
+  std::function<ControlOutcome(const Call& call)> answer;
 };
 
 const std::vector<Resource>& Resources() {
@@ -59,6 +60,8 @@ const std::vector<Resource>& Resources() {
        Concerns::UserInQuery,
        {"after", "user", "identifier", "limit"},
        GetLedger},
+      {"GET", "v1/backup", Verb::BackUp, Concerns::Everybody, {}, GetBackup},
+      {"PUT", "v1/backup", Verb::BackUp, Concerns::Everybody, {"check"}, PutBackup},
   };
   return kResources;
 }
@@ -84,8 +87,10 @@ ControlAnswer RefuseMethod(const QByteArray& allowed) {
 
 bool IsAuthorised(const Resource& resource, const Call& call) {
   if (resource.concerns == Concerns::EveryoneWhoAsks) return true;
-  const bool inPath = resource.concerns == Concerns::UserInPath;
-  return Authorise(call.requester, resource.verb, inPath ? call.user() : call.queried("user"));
+  QString user;
+  if (resource.concerns == Concerns::UserInPath) user = call.user();
+  if (resource.concerns == Concerns::UserInQuery) user = call.queried("user");
+  return Authorise(call.requester, resource.verb, user);
 }
 
 Problem Forbidden(const Call& call) {
@@ -108,7 +113,7 @@ std::optional<Problem> CheckQuery(const Resource& resource, const QueryFields& q
   return std::nullopt;
 }
 
-ControlAnswer AnswerBy(const Resource& resource, const Call& call) {
+ControlOutcome AnswerBy(const Resource& resource, const Call& call) {
   if (!IsAuthorised(resource, call)) return MakeAnswer(Forbidden(call));
   if (const auto problem = CheckQuery(resource, call.query)) return MakeAnswer(*problem);
   const bool takesBody = call.request.method != "GET" && call.request.method != "DELETE";
@@ -121,8 +126,8 @@ ControlAnswer AnswerBy(const Resource& resource, const Call& call) {
 
 }  // namespace
 
-ControlAnswer AnswerControlRequest(const ControlResources& resources, const Requester& requester,
-                                   const ControlRequest& request) {
+ControlOutcome AnswerControlRequest(const ControlResources& resources, const Requester& requester,
+                                    const ControlRequest& request) {
   Call call{resources, requester, request, {}, {}};
   if (!SplitPath(request.target, &call.path) || !SplitQuery(request.target, &call.query)) {
     return MakeAnswer(
@@ -140,8 +145,25 @@ ControlAnswer AnswerControlRequest(const ControlResources& resources, const Requ
   return MakeAnswer(NotFound(QStringLiteral("There is no such resource")));
 }
 
-ControlAnswer RefuseTooLarge(int status, const QString& what) {
-  return MakeAnswer(Problem{status, "too-large", what, {}, {}});
+std::size_t MaxBodyBytes(const Requester& requester, const QByteArray& method,
+                         const QByteArray& target) {
+  const bool isRestore = method == "PUT" && target.split('?').constFirst() == "/v1/backup";
+  const bool isTaken = isRestore && Authorise(requester, Verb::BackUp, {});
+  return isTaken ? kMaxBackupBytes : kMaxControlBodyBytes;
+}
+
+ControlAnswer RefuseHeader() {
+  return MakeAnswer(Problem{431, "too-large", QStringLiteral("The header is too large"), {}, {}});
+}
+
+ControlAnswer RefuseBody(std::size_t maxBytes) {
+  const QString title =
+      QStringLiteral("The body is too large: at most %1 bytes are taken").arg(maxBytes);
+  return MakeAnswer(Problem{413,
+                            "too-large",
+                            title,
+                            {},
+                            maxBytes == kMaxBackupBytes ? HintForLargeBackups() : QString()});
 }
 
 ControlAnswer RefuseMalformed() {

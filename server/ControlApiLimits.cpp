@@ -78,11 +78,7 @@ Problem ProblemOf(const Call& call, const AdminResult& result) {
     case AdminStatus::StoreFailed:
       break;
   }
-  return {503,
-          "store-failed",
-          QStringLiteral("The store could not be written: nothing was changed"),
-          {},
-          result.message};
+  return StoreFailed(result.message);
 }
 
 ControlAnswer GetLimits(const Call& call) {

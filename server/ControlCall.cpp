@@ -21,6 +21,14 @@ Problem NotFound(const QString& title) {
   return {404, "not-found", title, {}, {}};
 }
 
+Problem StoreFailed(const QString& hint) {
+  return {503,
+          "store-failed",
+          QStringLiteral("The store could not be written: nothing was changed"),
+          {},
+          hint};
+}
+
 Body ReadBody(const QByteArray& bytes, std::initializer_list<const char*> fields) {
   QJsonParseError error;
   const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);

@@ -38,6 +38,7 @@ Problem BadRequest(const QString& title, const QString& field = {}, const QStrin
 Problem BadValue(const QString& field, const QString& title);
 Problem UnknownField(const QString& name);
 Problem NotFound(const QString& title);
+Problem StoreFailed(const QString& hint);
 
 struct Body {
   QJsonObject object;
@@ -70,6 +71,13 @@ ControlAnswer GetLedger(const Call& call);
 
 ControlAnswer GetUsageOfUser(const Call& call);
 ControlAnswer GetUsage(const Call& call);
+
+// --- ControlApiBackup.cpp
+
+ControlOutcome GetBackup(const Call& call);
+ControlOutcome PutBackup(const Call& call);
+// What to do about one above kMaxBackupBytes.
+QString HintForLargeBackups();
 
 // --- What several of them answer.
 

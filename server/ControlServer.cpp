@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core/basic_stream.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
@@ -84,6 +86,7 @@ struct Session {
   beast::flat_buffer buffer{kBufferBytes};
   std::optional<http::request_parser<http::string_body>> parser;
   http::response<http::string_body> response;
+  std::unique_ptr<ControlTask> task;  // the answer that is under way
 };
 
 }  // namespace
@@ -105,7 +108,10 @@ struct ControlServer::Impl : std::enable_shared_from_this<Impl> {
   bool HasRoomFor(uid_t uid) const;
   void ReadHeader(const SessionPtr& session);
   void ReadBody(const SessionPtr& session);
+  std::size_t MaxBodyOf(const SessionPtr& session) const;
   void Answer(const SessionPtr& session);
+  void Prepare(const SessionPtr& session);
+  void StepOn(const SessionPtr& session);
   void RefuseFraming(const SessionPtr& session, const error_code& error);
   void Write(const SessionPtr& session, const ControlAnswer& answer, bool keepAlive);
   void Drop(const SessionPtr& session);
@@ -116,6 +122,7 @@ struct ControlServer::Impl : std::enable_shared_from_this<Impl> {
   ControlSocket file;
   stream_protocol::acceptor acceptor;
   asio::steady_timer pause;
+  asio::thread_pool preparations{1};
   std::list<SessionPtr> sessions;
   bool stopped = false;
 };
@@ -172,7 +179,7 @@ bool ControlServer::Impl::HasRoomFor(uid_t uid) const {
 void ControlServer::Impl::ReadHeader(const SessionPtr& session) {
   session->parser.emplace();
   session->parser->header_limit(kMaxControlHeaderBytes);
-  session->parser->body_limit(kMaxControlBodyBytes);
+  session->parser->body_limit(kMaxBackupBytes);  // that of the request comes with its header
   session->stream.expires_after(options.idleLimit);
   http::async_read_header(
       session->stream, session->buffer, *session->parser,
@@ -184,6 +191,11 @@ void ControlServer::Impl::ReadHeader(const SessionPtr& session) {
 }
 
 void ControlServer::Impl::ReadBody(const SessionPtr& session) {
+  const std::size_t most = MaxBodyOf(session);
+  if (session->parser->content_length().value_or(0) > most) {
+    return Write(session, RefuseBody(most), false);
+  }
+  session->parser->body_limit(most);
   session->stream.expires_after(options.requestLimit);
   http::async_read(session->stream, session->buffer, *session->parser,
                    [self = shared_from_this(), session](const error_code& error, std::size_t) {
@@ -193,18 +205,47 @@ void ControlServer::Impl::ReadBody(const SessionPtr& session) {
                    });
 }
 
+std::size_t ControlServer::Impl::MaxBodyOf(const SessionPtr& session) const {
+  const http::request<http::string_body>& message = session->parser->get();
+  return MaxBodyBytes(session->requester, Bytes(message.method_string()), Bytes(message.target()));
+}
+
 void ControlServer::Impl::Answer(const SessionPtr& session) {
   const http::request<http::string_body>& message = session->parser->get();
-  const ControlAnswer answer =
+  ControlOutcome outcome =
       AnswerControlRequest({household, options.status}, session->requester, RequestFrom(message));
-  Write(session, answer, message.keep_alive());
+  if (const auto* answer = std::get_if<ControlAnswer>(&outcome)) {
+    return Write(session, *answer, message.keep_alive());
+  }
+  session->task = std::move(std::get<std::unique_ptr<ControlTask>>(outcome));
+  Prepare(session);
+}
+
+// One after the other, so that several do not take the memory of several at once.
+void ControlServer::Impl::Prepare(const SessionPtr& session) {
+  asio::post(preparations, [self = shared_from_this(), session] {
+    session->task->Prepare();
+    asio::post(self->acceptor.get_executor(), [self, session] { self->StepOn(session); });
+  });
+}
+
+// What else is ready has its turn between two steps.
+void ControlServer::Impl::StepOn(const SessionPtr& session) {
+  if (stopped) return;
+  const std::optional<ControlAnswer> answer = session->task->Step();
+  if (!answer) {
+    return asio::post(acceptor.get_executor(),
+                      [self = shared_from_this(), session] { self->StepOn(session); });
+  }
+  session->task.reset();
+  Write(session, *answer, session->parser->get().keep_alive());
 }
 
 void ControlServer::Impl::RefuseFraming(const SessionPtr& session, const error_code& error) {
   if (error == http::error::header_limit || error == http::error::buffer_overflow)
-    return Write(session, RefuseTooLarge(431, QStringLiteral("The header is too large")), false);
+    return Write(session, RefuseHeader(), false);
   if (error == http::error::body_limit)
-    return Write(session, RefuseTooLarge(413, QStringLiteral("The body is too large")), false);
+    return Write(session, RefuseBody(MaxBodyOf(session)), false);
   const bool isSyntax = error.category() == make_error_code(http::error::bad_method).category();
   if (isSyntax && error != http::error::end_of_stream && error != http::error::partial_message)
     return Write(session, RefuseMalformed(), false);
@@ -234,7 +275,11 @@ void ControlServer::Impl::Stop() {
   error_code ignored;
   acceptor.close(ignored);
   pause.cancel();
-  for (const SessionPtr& session : sessions) session->stream.close();
+  preparations.join();
+  for (const SessionPtr& session : sessions) {
+    session->stream.close();
+    session->task.reset();
+  }
   sessions.clear();
   file.Remove();
 }

@@ -42,10 +42,12 @@ struct Clocks {
 struct LedgerRow {
   std::int64_t id = 0;  // 0 until it is stored
   QDateTime time;
+  QDate day;  // whose use it books; not valid until it is stored: that of the time
   QString user;
   QString identifier;
   QString host;    // of an agent's row; empty otherwise
-  QString source;  // "report", "fetch" (a lost report), "grace", "admin"; "presence" is kept free
+  QString source;  // "report", "fetch" (a lost report), "grace", "admin", "restore"; "presence" is
+                   // kept free
   std::int64_t minutes = 0;  // what was added to the credit; negative when spent, 0 for grace
   std::int64_t credit = 0;   // afterwards
   std::int64_t used = 0;     // minutes of use that it books, whether or not there was credit
@@ -73,6 +75,12 @@ struct UsageEntry {
   UsageDays days;
 };
 
+// Everything that there is but the past: the ledger and the audit go on whatever is restored.
+struct Backup {
+  std::vector<LimitsEntry> limits;  // revisions do not count
+  std::vector<UsageEntry> usage;
+};
+
 // Who asks, as the kernel says; never taken from a body.
 struct Actor {
   std::uint32_t uid = 0;
@@ -95,6 +103,14 @@ struct AdminResult {
   QString message;                   // for people; follows the field: "must be true or false"
   std::optional<LimitsEntry> entry;  // afterwards
   std::int64_t added = 0;            // by AddCredit: minutes
+};
+
+// Of a restore: limits by what becomes of them; "changed" are those with other keys or credit.
+struct RestoreCounts {
+  int removed = 0;
+  int added = 0;
+  int changed = 0;
+  int same = 0;
 };
 
 // One connection of an agent, from accept to close.
@@ -134,6 +150,8 @@ struct HouseholdHooks {
 
 class Household {
  public:
+  class Restore;
+
   // Loads everything. Throws std::runtime_error with a line for people when the store is
   // unreadable.
   Household(std::unique_ptr<Store> store, Clocks clocks, HouseholdHooks hooks = {});
@@ -191,6 +209,17 @@ class Household {
   // Of whom `maySee` says so; it is asked with the connection's user, or an empty name.
   std::vector<AgentFacts> Agents(const std::function<bool(const QString& user)>& maySee) const;
   HouseholdFacts Facts() const;
+  QDateTime Now() const;  // by the wall clock
+
+  // --- Backups, in server/HouseholdRestore.h. `backup` must be one that could be this Household's:
+  // sound values, no name twice.
+
+  Backup MakeBackup() const;
+  // What restoring it would change now.
+  RestoreCounts Compare(const Backup& backup) const;
+  // Begins to replace everything by it. Null while another restore is under way. The Household must
+  // outlive it.
+  std::unique_ptr<Restore> BeginRestore(const Actor& actor, Backup backup);
 
   // Rows with an id above `after`, oldest first, at most `limit`; empty filters match all.
   // At most kMaxLedgerRows; absent when the disk fails, which is logged.

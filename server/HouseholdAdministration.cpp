@@ -66,8 +66,7 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
   const Account* before = impl_->Find(user, identifier);
   if (auto refused = CheckRevision(before, expectedRevision)) return *refused;
 
-  LimitsRecord limits = before ? before->limits : DefaultLimits();
-  if (!before) limits.enabled = 1;
+  const LimitsRecord limits = before ? before->limits : NewLimits();
   LimitsChange wanted;
   if (const auto problem = ApplyLimitsKeys(identifier, limits, keys, &wanted)) {
     const auto status = problem->unknownKey ? AdminStatus::UnknownKey : AdminStatus::BadValue;

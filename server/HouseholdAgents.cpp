@@ -8,6 +8,7 @@
 #include "limits/LimitsDictionary.h"
 #include "limits/UsageTotals.h"
 #include "server/HouseholdImpl.h"
+#include "server/HouseholdRestore.h"
 #include "server/LimitsKeys.h"
 
 namespace vardell::server {
@@ -103,7 +104,9 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
   row.minutes = account.state.credit - before.credit;
   row.credit = account.state.credit;
   row.time = clocks.now();
-  if (row.used != 0) usage[{row.user, row.identifier}][row.time.date()] += row.used;
+  const QDate today = row.time.date();
+  if (row.used != 0) usage[{row.user, row.identifier}][today] += row.used;
+  if (row.used != 0 && restoring) restoring->Booked(row.user, row.identifier, today, row.used);
 
   const bool creditChanged =
       account.state.credit != before.credit || account.state.spent != before.spent;

@@ -110,7 +110,8 @@ std::optional<std::vector<LedgerRow>> Household::Ledger(std::int64_t after, cons
                                                         int limit) const {
   (void)impl_->WriteWaiting();
   try {
-    return impl_->store->Ledger(after, user, identifier, std::clamp(limit, 0, kMaxLedgerRows));
+    return impl_->store->Ledger(after, user, identifier, std::clamp(limit, 0, kMaxLedgerRows),
+                                impl_->restoring != nullptr);
   } catch (const std::runtime_error& error) {
     impl_->Log(QStringLiteral("the ledger cannot be read: ") + QString::fromUtf8(error.what()));
     return std::nullopt;

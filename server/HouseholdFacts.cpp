@@ -62,6 +62,10 @@ std::vector<AgentFacts> Household::Agents(
   return agents;
 }
 
+QDateTime Household::Now() const {
+  return impl_->clocks.now();
+}
+
 HouseholdFacts Household::Facts() const {
   HouseholdFacts facts;
   facts.store = impl_->store->Description();

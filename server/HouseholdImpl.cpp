@@ -83,12 +83,14 @@ bool Household::Impl::WriteWaiting() {
   return written;
 }
 
+bool Household::Impl::WriteFirst(QString* error) {
+  if (WriteWaiting()) return true;
+  *error = QStringLiteral("the store cannot be written at the moment; see the Server's log");
+  return false;
+}
+
 bool Household::Impl::WriteNow(StoreChange change, QString* error) {
-  if (!WriteWaiting()) {
-    *error = QStringLiteral("the store cannot be written at the moment; see the Server's log");
-    return false;
-  }
-  return store->Apply({std::move(change)}, clocks.bootId, error);
+  return WriteFirst(error) && store->Apply({std::move(change)}, clocks.bootId, error);
 }
 
 void Household::Impl::Log(const QString& line) const {

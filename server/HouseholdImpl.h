@@ -78,6 +78,8 @@ struct Household::Impl {
   void Write(StoreChange change);
   bool WriteWaiting();
   bool WriteNow(StoreChange change, QString* error);
+  // What waits comes first; false where that cannot be.
+  bool WriteFirst(QString* error);
   void Log(const QString& line) const;
 
   std::unique_ptr<Store> store;
@@ -89,6 +91,7 @@ struct Household::Impl {
   std::map<std::uint64_t, ConnectedAgent> connections;
   std::map<std::uint32_t, QString> userNames;
   std::vector<StoreChange> waiting;
+  Restore* restoring = nullptr;  // the one that is under way
   bool diskFails = false;
   bool fullSaid = false;
   std::chrono::milliseconds lastTry{0};

@@ -40,6 +40,12 @@ LimitsRecord DefaultLimits() {
   return record;
 }
 
+LimitsRecord NewLimits() {
+  LimitsRecord record = DefaultLimits();
+  record.enabled = 1;
+  return record;
+}
+
 std::optional<KeyProblem> ApplyLimitsKeys(const QString& identifier, const LimitsRecord& before,
                                           const QVariantMap& keys, LimitsChange* change) {
   QVariantMap after = MakeLimitsDictionary(before);

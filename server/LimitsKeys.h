@@ -24,6 +24,9 @@ struct KeyProblem {
 // What a record without any key says: coefficient 1, both stops 1439, all else 0 or off.
 LimitsRecord DefaultLimits();
 
+// What a limit that is made begins with: the default, but enabled.
+LimitsRecord NewLimits();
+
 // `before` with `keys` applied (those of limits/LimitsKeys.h), or the first problem, in
 // the keys' order. Numbers may be whole doubles (a JSON 480.0); booleans must be booleans. For the
 // global settings only the quota's keys exist.

@@ -22,6 +22,7 @@ SqliteDatabase::SqliteDatabase(const QString& path) {
 }
 
 SqliteDatabase::~SqliteDatabase() {
+  for (const auto& [sql, statement] : kept_) sqlite3_finalize(statement);
   sqlite3_close(handle_);
 }
 
@@ -30,11 +31,26 @@ void SqliteDatabase::Execute(const char* sql) {
   if (code != SQLITE_OK) Throw(handle_, code);
 }
 
-SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql)
-    : database_(database), statement_(nullptr, sqlite3_finalize) {
+sqlite3_stmt* SqliteDatabase::Compile(const char* sql) {
+  const auto found = kept_.find(sql);
+  if (found != kept_.end()) return kept_.extract(found).mapped();
   sqlite3_stmt* statement = nullptr;
-  Check(sqlite3_prepare_v2(database.Handle(), sql, -1, &statement, nullptr));
-  statement_.reset(statement);
+  const int code = sqlite3_prepare_v2(handle_, sql, -1, &statement, nullptr);
+  if (code != SQLITE_OK) Throw(handle_, code);
+  return statement;
+}
+
+void SqliteDatabase::Keep(const char* sql, sqlite3_stmt* statement) {
+  sqlite3_reset(statement);
+  sqlite3_clear_bindings(statement);
+  if (!kept_.emplace(sql, statement).second) sqlite3_finalize(statement);
+}
+
+SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql)
+    : database_(database), sql_(sql), statement_(database.Compile(sql)) {}
+
+SqliteStatement::~SqliteStatement() {
+  database_.Keep(sql_, statement_);
 }
 
 void SqliteStatement::Check(int code) const {
@@ -42,36 +58,36 @@ void SqliteStatement::Check(int code) const {
 }
 
 SqliteStatement& SqliteStatement::operator<<(std::int64_t value) {
-  Check(sqlite3_bind_int64(statement_.get(), nextParameter_++, value));
+  Check(sqlite3_bind_int64(statement_, nextParameter_++, value));
   return *this;
 }
 
 SqliteStatement& SqliteStatement::operator<<(double value) {
-  Check(sqlite3_bind_double(statement_.get(), nextParameter_++, value));
+  Check(sqlite3_bind_double(statement_, nextParameter_++, value));
   return *this;
 }
 
 SqliteStatement& SqliteStatement::operator<<(const QString& value) {
   const QByteArray text = value.toUtf8();
-  Check(sqlite3_bind_text64(statement_.get(), nextParameter_++, text.constData(),
+  Check(sqlite3_bind_text64(statement_, nextParameter_++, text.constData(),
                             static_cast<sqlite3_uint64>(text.size()), SQLITE_TRANSIENT,
                             SQLITE_UTF8));
   return *this;
 }
 
 SqliteStatement& SqliteStatement::operator<<(const QByteArray& value) {
-  Check(sqlite3_bind_blob64(statement_.get(), nextParameter_++, value.constData(),
+  Check(sqlite3_bind_blob64(statement_, nextParameter_++, value.constData(),
                             static_cast<sqlite3_uint64>(value.size()), SQLITE_TRANSIENT));
   return *this;
 }
 
 SqliteStatement& SqliteStatement::operator<<(std::nullptr_t) {
-  Check(sqlite3_bind_null(statement_.get(), nextParameter_++));
+  Check(sqlite3_bind_null(statement_, nextParameter_++));
   return *this;
 }
 
 bool SqliteStatement::Step() {
-  const int code = sqlite3_step(statement_.get());
+  const int code = sqlite3_step(statement_);
   if (code == SQLITE_ROW) return true;
   if (code != SQLITE_DONE) Throw(database_.Handle(), code);
   return false;
@@ -83,25 +99,25 @@ void SqliteStatement::Run() {
 }
 
 std::int64_t SqliteStatement::Integer(int column) const {
-  return sqlite3_column_int64(statement_.get(), column);
+  return sqlite3_column_int64(statement_, column);
 }
 
 double SqliteStatement::Real(int column) const {
-  return sqlite3_column_double(statement_.get(), column);
+  return sqlite3_column_double(statement_, column);
 }
 
 QString SqliteStatement::Text(int column) const {
-  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_.get(), column));
-  return QString::fromUtf8(text, sqlite3_column_bytes(statement_.get(), column));
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+  return QString::fromUtf8(text, sqlite3_column_bytes(statement_, column));
 }
 
 QByteArray SqliteStatement::Blob(int column) const {
-  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_.get(), column));
-  return QByteArray(bytes, sqlite3_column_bytes(statement_.get(), column));
+  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement_, column));
+  return QByteArray(bytes, sqlite3_column_bytes(statement_, column));
 }
 
 bool SqliteStatement::IsNull(int column) const {
-  return sqlite3_column_type(statement_.get(), column) == SQLITE_NULL;
+  return sqlite3_column_type(statement_, column) == SQLITE_NULL;
 }
 
 SqliteTransaction::SqliteTransaction(SqliteDatabase& database) : database_(database) {

@@ -5,8 +5,9 @@
 #include <QByteArray>
 #include <QString>
 #include <cstdint>
-#include <memory>
 #include <stdexcept>
+#include <string>
+#include <unordered_map>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -31,14 +32,23 @@ class SqliteDatabase {
   void Execute(const char* sql);
   sqlite3* Handle() const { return handle_; }
 
+  // A compiled statement is kept for the next one of the same text.
+  sqlite3_stmt* Compile(const char* sql);
+  void Keep(const char* sql, sqlite3_stmt* statement);
+
  private:
   sqlite3* handle_ = nullptr;
+  std::unordered_map<std::string, sqlite3_stmt*> kept_;
 };
 
-// Parameters are bound in order with `<<`; Step tells whether there is a row.
+// Parameters are bound in order with `<<`; Step tells whether there is a row. `sql` must outlive
+// the statement.
 class SqliteStatement {
  public:
   SqliteStatement(SqliteDatabase& database, const char* sql);
+  ~SqliteStatement();
+  SqliteStatement(const SqliteStatement&) = delete;
+  SqliteStatement& operator=(const SqliteStatement&) = delete;
 
   SqliteStatement& operator<<(std::int64_t value);
   SqliteStatement& operator<<(double value);
@@ -59,7 +69,8 @@ class SqliteStatement {
   void Check(int code) const;
 
   SqliteDatabase& database_;
-  std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> statement_;
+  const char* sql_;
+  sqlite3_stmt* statement_;
   int nextParameter_ = 1;
 };
 

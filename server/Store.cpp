@@ -7,6 +7,7 @@
 #include <QFile>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 #include "server/Sqlite.h"
@@ -119,9 +120,9 @@ void Write(SqliteDatabase& database, const LedgerRow& entry) {
                       "INSERT INTO ledger (time, day, user, identifier, host, source, minutes, "
                       "credit, used, claimed, actor, reason) "
                       "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-  row << TimeText(entry.time) << entry.time.date().toString(Qt::ISODate) << entry.user
-      << entry.identifier << entry.host << entry.source << entry.minutes << entry.credit
-      << entry.used;
+  const QDate day = entry.day.isValid() ? entry.day : entry.time.date();
+  row << TimeText(entry.time) << day.toString(Qt::ISODate) << entry.user << entry.identifier
+      << entry.host << entry.source << entry.minutes << entry.credit << entry.used;
   if (entry.claimed) {
     row << std::int64_t{*entry.claimed};
   } else {
@@ -228,6 +229,28 @@ StoreContents ReadContents(SqliteDatabase& database, const QString& bootId) {
   return contents;
 }
 
+std::optional<std::int64_t> FirstUnfinished(SqliteDatabase& database) {
+  SqliteStatement row(database, "SELECT first_row FROM unfinished_restore");
+  return row.Step() ? std::optional(row.Integer(0)) : std::nullopt;
+}
+
+// The rows to be written from now on.
+void MarkUnfinished(SqliteDatabase& database) {
+  database.Execute(
+      "INSERT INTO unfinished_restore "
+      "SELECT 1 + coalesce((SELECT seq FROM sqlite_sequence WHERE name = 'ledger'), 0)");
+}
+
+// Whether that was the last of them.
+bool DeleteUnfinished(SqliteDatabase& database, std::int64_t first, int most) {
+  SqliteStatement rows(database,
+                       "DELETE FROM ledger WHERE id IN (SELECT id FROM ledger WHERE id >= ? AND "
+                       "source = 'restore' ORDER BY id DESC LIMIT ?)");
+  rows << first << std::int64_t{most};
+  rows.Run();
+  return sqlite3_changes(database.Handle()) < most;
+}
+
 LedgerRow ReadLedgerRow(const SqliteStatement& row) {
   LedgerRow entry;
   entry.id = row.Integer(0);
@@ -242,6 +265,7 @@ LedgerRow ReadLedgerRow(const SqliteStatement& row) {
   if (!row.IsNull(9)) entry.claimed = static_cast<std::int32_t>(row.Integer(9));
   entry.actor = row.Text(10);
   entry.reason = row.Text(11);
+  entry.day = QDate::fromString(row.Text(12), Qt::ISODate);
   return entry;
 }
 
@@ -257,13 +281,17 @@ std::unique_ptr<Store> Store::Open(const QString& path) {
   try {
     auto database = std::make_unique<SqliteDatabase>(path);
     PrepareStore(*database, path);
-    return std::unique_ptr<Store>(new Store(std::move(database), path));
+    std::unique_ptr<Store> store(new Store(std::move(database), path));
+    store->firstUnfinished_ = FirstUnfinished(*store->database_);
+    return store;
   } catch (const SqliteError& error) {
     throw ForPeople(WhatToDo(error, path));
   }
 }
 
 StoreContents Store::Load(const QString& bootId) {
+  QString line;
+  if (!ForgetUnfinished(std::numeric_limits<int>::max(), &line)) throw ForPeople(line);
   try {
     RefuseUnbalanced(*database_, path_);
     return ReadContents(*database_, bootId);
@@ -272,16 +300,58 @@ StoreContents Store::Load(const QString& bootId) {
   }
 }
 
-bool Store::Apply(const std::vector<StoreChange>& changes, const QString& bootId, QString* error) {
+bool Store::InOneTransaction(const std::function<void()>& write, QString* error) {
   try {
     SqliteTransaction transaction(*database_);
-    for (const StoreChange& change : changes) Write(*database_, change, bootId);
+    write();
     transaction.Commit();
     return true;
   } catch (const SqliteError& problem) {
     *error = WhatToDo(problem, path_);
     return false;
   }
+}
+
+bool Store::Apply(const std::vector<StoreChange>& changes, const QString& bootId, QString* error) {
+  const auto write = [&] {
+    for (const StoreChange& change : changes) Write(*database_, change, bootId);
+  };
+  return InOneTransaction(write, error);
+}
+
+bool Store::WriteAhead(const std::vector<LedgerRow>& rows, QString* error) {
+  std::optional<std::int64_t> first = firstUnfinished_;
+  const auto write = [&] {
+    if (!first) MarkUnfinished(*database_);
+    if (!first) first = FirstUnfinished(*database_);
+    for (const LedgerRow& row : rows) Write(*database_, row);
+  };
+  if (!InOneTransaction(write, error)) return false;
+  firstUnfinished_ = first;
+  return true;
+}
+
+bool Store::ApplyLast(const std::vector<StoreChange>& changes, const QString& bootId,
+                      QString* error) {
+  const auto write = [&] {
+    for (const StoreChange& change : changes) Write(*database_, change, bootId);
+    database_->Execute("DELETE FROM unfinished_restore");
+  };
+  if (!InOneTransaction(write, error)) return false;
+  firstUnfinished_.reset();
+  return true;
+}
+
+bool Store::ForgetUnfinished(int most, QString* error) {
+  if (!firstUnfinished_) return true;
+  bool isAll = false;
+  const auto write = [&] {
+    isAll = DeleteUnfinished(*database_, *firstUnfinished_, most);
+    if (isAll) database_->Execute("DELETE FROM unfinished_restore");
+  };
+  if (!InOneTransaction(write, error)) return false;
+  if (isAll) firstUnfinished_.reset();
+  return true;
 }
 
 std::optional<AdjustmentRow> Store::Adjustment(const QString& id) {
@@ -292,13 +362,17 @@ std::optional<AdjustmentRow> Store::Adjustment(const QString& id) {
 }
 
 std::vector<LedgerRow> Store::Ledger(std::int64_t after, const QString& user,
-                                     const QString& identifier, int limit) {
+                                     const QString& identifier, int limit, bool isUnderWay) {
+  constexpr std::int64_t none = std::numeric_limits<std::int64_t>::max();
+  const std::int64_t unfinished = firstUnfinished_.value_or(none);
   SqliteStatement row(*database_,
                       "SELECT id, time, user, identifier, host, source, minutes, credit, used, "
-                      "claimed, actor, reason FROM ledger WHERE id > ?1 "
+                      "claimed, actor, reason, day FROM ledger WHERE id > ?1 "
                       "AND (?2 = '' OR user = ?2) AND (?3 = '' OR identifier = ?3) "
+                      "AND NOT (id >= ?5 AND source = 'restore') AND id < ?6 "
                       "ORDER BY id LIMIT ?4");
-  row << after << user << identifier << std::int64_t{limit};
+  row << after << user << identifier << std::int64_t{limit} << unfinished
+      << (isUnderWay ? unfinished : none);
   std::vector<LedgerRow> rows;
   while (row.Step()) rows.push_back(ReadLedgerRow(row));
   return rows;

@@ -12,6 +12,7 @@
 #include <QString>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -103,19 +104,33 @@ class Store {
   [[nodiscard]] bool Apply(const std::vector<StoreChange>& changes, const QString& bootId,
                            QString* error);
 
+  // --- A restore that is too large for one transaction. Its rows of the ledger, whose source is
+  // "restore" and which add no minutes, are written ahead; they count, and are seen, from its last
+  // transaction on. What was not finished is forgotten at the latest by Load.
+
+  [[nodiscard]] bool WriteAhead(const std::vector<LedgerRow>& rows, QString* error);
+  [[nodiscard]] bool ApplyLast(const std::vector<StoreChange>& changes, const QString& bootId,
+                               QString* error);
+  bool HasUnfinishedRestore() const { return firstUnfinished_.has_value(); }
+  // Deletes at most `most` of the rows.
+  [[nodiscard]] bool ForgetUnfinished(int most, QString* error);
+
   // Absent where there is none with this id; throws std::runtime_error when the disk fails.
   std::optional<AdjustmentRow> Adjustment(const QString& id);
-  // Throws likewise.
+  // Throws likewise. While a restore `isUnderWay`, rows behind its first one wait for their turn: a
+  // reader who goes on from the last id must not miss any.
   std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user, const QString& identifier,
-                                int limit);
+                                int limit, bool isUnderWay = false);
 
   QString Description() const;
 
  private:
   Store(std::unique_ptr<SqliteDatabase> database, QString path);
+  bool InOneTransaction(const std::function<void()>& write, QString* error);
 
   std::unique_ptr<SqliteDatabase> database_;
   QString path_;
+  std::optional<std::int64_t> firstUnfinished_;  // row of a restore
 };
 
 }  // namespace vardell::server

@@ -28,8 +28,14 @@ class ControlApi : public HouseholdFixture {
                     std::optional<QByteArray> ifMatch = {},
                     std::optional<QByteArray> ifNoneMatch = {}) {
     const ControlResources resources{*household_, [this] { return status_; }};
-    return AnswerControlRequest(resources, requester_,
-                                {method, target, ifMatch, ifNoneMatch, body});
+    ControlOutcome outcome =
+        AnswerControlRequest(resources, requester_, {method, target, ifMatch, ifNoneMatch, body});
+    if (const auto* answer = std::get_if<ControlAnswer>(&outcome)) return *answer;
+    ControlTask& task = *std::get<std::unique_ptr<ControlTask>>(outcome);
+    task.Prepare();
+    for (;;) {
+      if (const auto answer = task.Step()) return *answer;
+    }
   }
   static QJsonObject Json(const ControlAnswer& answer) {
     return QJsonDocument::fromJson(answer.body).object();

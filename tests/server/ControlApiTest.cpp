@@ -40,10 +40,11 @@ TEST_F(ControlApi, TheLedgerPagesAndFilters) {
   Report(29);
   EXPECT_EQ(Json(Ask("GET", "/v1/users/ben/limits/" + encoded)).value(QLatin1String("identifier")),
             odd);
-  EXPECT_EQ(Text(Ask("GET", "/v1/ledger?limit=1")),
-            R"x({"rows":[{"actor":"uid 0 (root)","claimed":null,"credit":30,"host":"","id":1,)x"
-            R"("identifier":"org.example.game","minutes":30,"reason":"set with the limits",)"
-            R"("source":"admin","time":"2009-03-05T18:00:00.000+01:00","user":"anna"}]})");
+  EXPECT_EQ(
+      Text(Ask("GET", "/v1/ledger?limit=1")),
+      R"x({"rows":[{"actor":"uid 0 (root)","claimed":null,"credit":30,"day":"2009-03-05","host":"","id":1,)x"
+      R"("identifier":"org.example.game","minutes":30,"reason":"set with the limits",)"
+      R"("source":"admin","time":"2009-03-05T18:00:00.000+01:00","used":0,"user":"anna"}]})");
   const struct {
     QByteArray query;
     std::vector<int> minutes;

@@ -1,13 +1,11 @@
 #include "server/Household.h"
 
-#include <signal.h>
-#include <sys/resource.h>
-
 #include <algorithm>
 
 #include "Common Sources/Caps.h"
 #include "limits/WatchedApps.h"
 #include "link/LimitsRecord.h"
+#include "tests/server/FullDisk.h"
 #include "tests/server/HouseholdFixture.h"
 
 namespace vardell::server {
@@ -171,22 +169,6 @@ TEST_F(HouseholdTest, HostsAreBounded) {
 }
 
 // --- The disk.
-
-// While it lives, files of this process cannot grow.
-class FullDisk {
- public:
-  FullDisk() {
-    signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit nothing = before_;
-    nothing.rlim_cur = 0;
-    setrlimit(RLIMIT_FSIZE, &nothing);
-  }
-  ~FullDisk() { setrlimit(RLIMIT_FSIZE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 TEST_F(HouseholdTest, AgentsAreAnsweredWhileTheDiskFailsAndNothingIsLost) {
   Limit({{kCredit, 9}});
