@@ -7,24 +7,19 @@
 #include <utility>
 
 #include "Common Sources/Caps.h"
-#include "Common Sources/FileSystem.h"
 #include "Common Sources/TestHooks.h"
 #include "platform/linux/ApplicationInfos.h"
 #include "platform/linux/Interpreters.h"
+#include "platform/linux/SessionFiles.h"
 
 namespace vardell {
 namespace {
 
 constexpr int kSettlingSeconds = 5;
-constexpr std::size_t kMaxSessionFileBytes = 16u << 10;
 
 bool IsGraphicalSession(const QByteArray& session) {
-  const QString path =
-      ProductPath(QStringLiteral("/run/systemd/sessions/")) + QFile::decodeName(session);
-  const std::optional<QByteArray> text = LoadFile(QFile::encodeName(path), kMaxSessionFileBytes);
-  if (!text) return false;
-  const QList<QByteArray> lines = text->split('\n');
-  return lines.contains("TYPE=x11") || lines.contains("TYPE=wayland");
+  const QByteArray type = SessionValue(session, "TYPE");
+  return type == "x11" || type == "wayland";
 }
 
 }  // namespace
@@ -33,12 +28,15 @@ ApplicationScan::Found ApplicationScan::FoundEntry(const Identity& identity) {
   return {identity.entry->id, identity.entry->path, identity.isWrapper, false};
 }
 
-ApplicationScan::ApplicationScan(DesktopEntries entries, Windows windows)
+Viewpoint OwnViewpoint() {
+  return {SessionOfCgroup(ReadCgroup(getpid())), IdOfFile("/proc/self/exe")};
+}
+
+ApplicationScan::ApplicationScan(DesktopEntries entries, Windows windows, Viewpoint viewpoint)
     : entries_(std::move(entries)),
       windows_(std::move(windows)),
       settling_(kSettlingSeconds * SecondLength()),
-      ownSession_(SessionOfCgroup(ReadCgroup(getpid()))),
-      ownProgram_(IdOfFile("/proc/self/exe")) {}
+      viewpoint_(std::move(viewpoint)) {}
 
 std::vector<RunningApplication> ApplicationScan::Look(pid_t leader) {
   entriesChanged_ = entries_.Update();
@@ -121,7 +119,7 @@ void ApplicationScan::Examine(Known& known, bool isSame) {
                             entries_.ByProgram(facts.executable, facts.executableFile).size() > 1;
   known.subject = facts.script.isEmpty() ? facts.executable : facts.script;
   known.isNone = IsSessionPart(facts, entries_) || known.stat.pid == getpid() ||
-                 facts.executableFile == ownProgram_ || IsElsewhere(facts.cgroup);
+                 facts.executableFile == viewpoint_.program || IsElsewhere(facts.cgroup);
   if (known.isNone) return;
 
   if (const Identity identity = Identify(facts, entries_); identity.entry) {
@@ -147,7 +145,9 @@ void ApplicationScan::JoinWrappers() {
 
 bool ApplicationScan::IsElsewhere(const QByteArray& cgroup) const {
   const QByteArray session = SessionOfCgroup(cgroup);
-  if (session.isEmpty() || ownSession_.isEmpty() || session == ownSession_) return false;
+  if (session.isEmpty() || viewpoint_.session.isEmpty() || session == viewpoint_.session) {
+    return false;
+  }
   return IsGraphicalSession(session);
 }
 

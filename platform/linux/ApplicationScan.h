@@ -32,9 +32,17 @@ struct RunningApplication {
   friend bool operator==(const RunningApplication&, const RunningApplication&) = default;
 };
 
+// Whose applications they are, besides the user's of this process: what lies in another session on
+// a screen, and what runs this program, is none of them.
+struct Viewpoint {
+  QByteArray session;  // login session; empty: in none
+  FileId program;
+};
+Viewpoint OwnViewpoint();
+
 class ApplicationScan {
  public:
-  ApplicationScan(DesktopEntries entries, Windows windows);
+  ApplicationScan(DesktopEntries entries, Windows windows, Viewpoint viewpoint = OwnViewpoint());
 
   // Looks now. By pid; without the session leader, which is no application.
   std::vector<RunningApplication> Look(pid_t leader);
@@ -85,8 +93,7 @@ class ApplicationScan {
   DesktopEntries entries_;
   Windows windows_;
   std::chrono::milliseconds settling_;  // how long a process counts as new
-  QByteArray ownSession_;
-  FileId ownProgram_;
+  Viewpoint viewpoint_;
   std::uint64_t look_ = 0;
   std::uint64_t families_ = 1;  // grows when a process has ended
   bool entriesChanged_ = false;

@@ -1,6 +1,8 @@
 #include "platform/linux/DesktopEntries.h"
 
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <QDirIterator>
 #include <QFile>
@@ -108,6 +110,17 @@ DesktopEntries::List Find(const QHash<FileId, DesktopEntries::List>& byFile,
   return isThere ? named : DesktopEntries::List();
 }
 
+// The account's, whatever the environment says.
+QString HomeFolder() {
+  std::vector<char> buffer(16384);
+  passwd account{};
+  passwd* found = nullptr;
+  if (getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &found) != 0 || !found) {
+    return {};
+  }
+  return QFile::decodeName(found->pw_dir);
+}
+
 }  // namespace
 
 bool IsReservedId(const QString& id) {
@@ -128,6 +141,10 @@ std::vector<ApplicationFolder> ApplicationFolders(const QString& home) {
     if (!home.isEmpty()) folders.push_back({ProductPath(home + QLatin1String(folder)), false});
   }
   return folders;
+}
+
+std::vector<ApplicationFolder> OwnApplicationFolders() {
+  return ApplicationFolders(HomeFolder());
 }
 
 struct DesktopEntries::Reading {

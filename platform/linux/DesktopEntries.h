@@ -76,5 +76,7 @@ bool IsReservedId(const QString& id);
 
 // The system's folders, then those of the user whose home this is.
 std::vector<ApplicationFolder> ApplicationFolders(const QString& home);
+// With the home folder that this process's user has by the account.
+std::vector<ApplicationFolder> OwnApplicationFolders();
 
 }  // namespace vardell

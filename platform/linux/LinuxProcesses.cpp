@@ -1,7 +1,6 @@
 #include "platform/linux/LinuxProcesses.h"
 
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -19,17 +18,6 @@
 namespace vardell {
 namespace {
 
-// The account's, whatever the environment says.
-QString HomeFolder() {
-  std::vector<char> buffer(16384);
-  passwd account{};
-  passwd* found = nullptr;
-  if (getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &found) != 0 || !found) {
-    return {};
-  }
-  return QFile::decodeName(found->pw_dir);
-}
-
 bool Contains(const std::vector<RunningApplication>& list, const RunningApplication& one) {
   return std::find(list.begin(), list.end(), one) != list.end();
 }
@@ -37,8 +25,7 @@ bool Contains(const std::vector<RunningApplication>& list, const RunningApplicat
 }  // namespace
 
 LinuxProcesses::LinuxProcesses(Session& session, Windows windows)
-    : session_(session),
-      scan_(DesktopEntries(ApplicationFolders(HomeFolder())), std::move(windows)) {
+    : session_(session), scan_(DesktopEntries(OwnApplicationFolders()), std::move(windows)) {
   compareSoon_.setSingleShot(true);
   connect(&compareSoon_, &QTimer::timeout, this, [this] { Compare(); });
   // A coarse timer may be late by a twentieth, and a look takes its time on a busy machine.

@@ -159,6 +159,17 @@ QList<QByteArray> ReadArguments(pid_t pid) {
   return text.isEmpty() ? QList<QByteArray>() : text.split('\0');
 }
 
+// The first number of a line.
+std::optional<std::uint32_t> ReadStatusNumber(pid_t pid, const QByteArray& line) {
+  const QByteArray text = ReadBounded(ProcPath(pid, "status"));
+  const qsizetype at = text.indexOf(line);
+  if (at < 0) return std::nullopt;
+  const qsizetype begin = at + line.size();
+  bool isNumber = false;
+  const std::uint32_t number = text.mid(begin, text.indexOf('\t', begin) - begin).toUInt(&isNumber);
+  return isNumber ? std::optional(number) : std::nullopt;
+}
+
 }  // namespace
 
 std::vector<ListedProcess> ListProcesses() {
@@ -214,13 +225,18 @@ ProcessFacts ReadProcessFacts(const ProcessStat& stat) {
 }
 
 std::optional<uid_t> ReadRealUser(pid_t pid) {
-  const QByteArray text = ReadBounded(ProcPath(pid, "status"));
-  const qsizetype at = text.indexOf("\nUid:\t");
-  if (at < 0) return std::nullopt;
-  const qsizetype begin = at + 6;
-  bool isNumber = false;
-  const uid_t user = text.mid(begin, text.indexOf('\t', begin) - begin).toUInt(&isNumber);
-  return isNumber ? std::optional(user) : std::nullopt;
+  return ReadStatusNumber(pid, "\nUid:\t");
+}
+
+std::optional<gid_t> ReadRealGroup(pid_t pid) {
+  return ReadStatusNumber(pid, "\nGid:\t");
+}
+
+QByteArray ReadVariable(pid_t pid, const QByteArray& name) {
+  for (const QByteArray& variable : ReadBounded(ProcPath(pid, "environ")).split('\0')) {
+    if (variable.startsWith(name + '=')) return variable.mid(name.size() + 1);
+  }
+  return {};
 }
 
 std::optional<uid_t> ReadFolderOwner(pid_t pid) {

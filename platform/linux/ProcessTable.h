@@ -69,9 +69,14 @@ QByteArray ReadCgroup(pid_t pid);
 
 // The user who started it, whatever rights it has got since.
 std::optional<uid_t> ReadRealUser(pid_t pid);
+std::optional<gid_t> ReadRealGroup(pid_t pid);
 // The owner of its folder: a cheap hint. Root also owns the folders of processes that keep their
 // memory to themselves.
 std::optional<uid_t> ReadFolderOwner(pid_t pid);
+
+// A variable that it was started with; empty where there is none, or where it may not be read.
+// Waits for the process's memory, which may be kept from being read.
+QByteArray ReadVariable(pid_t pid, const QByteArray& name);
 
 // The name of the application in the text of a sandbox's ".flatpak-info"; empty for none.
 QByteArray ParseFlatpakInfo(const QByteArray& text);

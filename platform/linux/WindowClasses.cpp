@@ -23,13 +23,11 @@ QList<QByteArray> ClassesOf(const XcbDesktop& desktop, xcb_window_t window) {
 
 }  // namespace
 
-QList<QByteArray> WindowClasses(pid_t owner) {
-  const std::optional<XcbDesktop> desktop = XcbDesktop::Open();
-  if (!desktop) return {};
+QList<QByteArray> WindowClassesOn(const XcbDesktop& desktop, pid_t owner) {
   QList<QByteArray> classes;
-  for (const xcb_window_t window : desktop->Property(
-           desktop->Root(), desktop->Atom("_NET_CLIENT_LIST"), XCB_ATOM_WINDOW, kMaxWindows)) {
-    if (desktop->WindowPid(window) == owner) classes += ClassesOf(*desktop, window);
+  for (const xcb_window_t window : desktop.Property(
+           desktop.Root(), desktop.Atom("_NET_CLIENT_LIST"), XCB_ATOM_WINDOW, kMaxWindows)) {
+    if (desktop.WindowPid(window) == owner) classes += ClassesOf(desktop, window);
   }
   return classes;
 }

@@ -7,10 +7,13 @@
 #include <QByteArray>
 #include <QList>
 
+#include "platform/linux/XcbDesktop.h"
+
 namespace vardell {
 
 // Instance and class of each window that the window manager knows. Empty where there is no X
 // server.
 QList<QByteArray> WindowClasses(pid_t owner);
+QList<QByteArray> WindowClassesOn(const XcbDesktop& desktop, pid_t owner);
 
 }  // namespace vardell

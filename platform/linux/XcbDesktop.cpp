@@ -3,7 +3,6 @@
 #include <limits.h>
 #include <unistd.h>
 #include <xcb/res.h>
-#include <QGuiApplication>
 
 #include <algorithm>
 #include <cstring>
@@ -17,10 +16,7 @@ constexpr std::uint32_t kMaxClientList = 4096;
 
 }  // namespace
 
-std::optional<XcbDesktop> XcbDesktop::Open() {
-  if (!qGuiApp) return std::nullopt;
-  const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
-  xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
+std::optional<XcbDesktop> XcbDesktop::On(xcb_connection_t* connection) {
   if (!connection || xcb_connection_has_error(connection)) return std::nullopt;
   return XcbDesktop(connection, xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root);
 }
@@ -102,18 +98,6 @@ void XcbDesktop::SelectRootEvents(std::uint32_t mask) const {
   xcb_flush(connection_);
 }
 
-// The selection belongs to the connection, which is the application's: so does the number of those
-// who need it.
-void XcbDesktop::WatchChildrenOfRoot(bool watch) const {
-  constexpr char kWatchers[] = "vardellWatchersOfRoot";
-  constexpr std::uint32_t kEvents = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
-  const int watchers = qGuiApp->property(kWatchers).toInt() + (watch ? 1 : -1);
-  qGuiApp->setProperty(kWatchers, watchers);
-  const std::uint32_t mask = watchers > 0 ? RootEvents() | kEvents : RootEvents() & ~kEvents;
-  xcb_change_window_attributes(connection_, root_, XCB_CW_EVENT_MASK, &mask);
-  xcb_flush(connection_);
-}
-
 bool XcbDesktop::IsOwn(xcb_window_t window) const {
   const xcb_setup_t* setup = xcb_get_setup(connection_);
   return (window & ~setup->resource_id_mask) == setup->resource_id_base;
@@ -151,18 +135,16 @@ pid_t WindowManagerPid(const XcbDesktop& desktop) {
 
 }  // namespace
 
-std::vector<pid_t> WindowOwners() {
-  const std::optional<XcbDesktop> desktop = XcbDesktop::Open();
-  if (!desktop) return {};
-  std::vector<xcb_window_t> windows = desktop->Property(
-      desktop->Root(), desktop->Atom("_NET_CLIENT_LIST"), XCB_ATOM_WINDOW, kMaxClientList);
-  const std::vector<xcb_window_t> children = MappedChildrenOfRoot(*desktop);
+std::vector<pid_t> WindowOwnersOn(const XcbDesktop& desktop) {
+  std::vector<xcb_window_t> windows = desktop.Property(
+      desktop.Root(), desktop.Atom("_NET_CLIENT_LIST"), XCB_ATOM_WINDOW, kMaxClientList);
+  const std::vector<xcb_window_t> children = MappedChildrenOfRoot(desktop);
   windows.insert(windows.end(), children.begin(), children.end());
 
-  const pid_t manager = WindowManagerPid(*desktop);
+  const pid_t manager = WindowManagerPid(desktop);
   std::vector<pid_t> owners;
   for (const xcb_window_t window : windows) {
-    const pid_t pid = desktop->WindowPid(window);
+    const pid_t pid = desktop.WindowPid(window);
     if (pid > 0 && pid != manager && pid != getpid()) owners.push_back(pid);
   }
   std::sort(owners.begin(), owners.end());

@@ -1,6 +1,6 @@
-// The X connection that Qt holds, and the few questions that are put to the X server through it.
-// Main thread only. Every question blocks for one round trip (10 to 50 µs), and is answered with
-// nothing where the window has gone meanwhile.
+// The X connection that Qt holds, or another one, and the few questions that are put to the X
+// server through it. Main thread only. Every question blocks for one round trip (10 to 50 µs), and
+// is answered with nothing where the window has gone meanwhile.
 #pragma once
 
 #include <sys/types.h>
@@ -24,6 +24,8 @@ class XcbDesktop {
  public:
   // Absent where this program does not run on an X server.
   static std::optional<XcbDesktop> Open();
+  // On a connection of the caller's, which must outlive it. Absent where that one has failed.
+  static std::optional<XcbDesktop> On(xcb_connection_t* connection);
 
   xcb_connection_t* Connection() const { return connection_; }
   xcb_window_t Root() const { return root_; }
@@ -60,5 +62,6 @@ class XcbDesktop {
 // The processes that own a top-level window now, each once; without the window manager and this
 // program. Empty where there is no X server.
 std::vector<pid_t> WindowOwners();
+std::vector<pid_t> WindowOwnersOn(const XcbDesktop& desktop);
 
 }  // namespace vardell
