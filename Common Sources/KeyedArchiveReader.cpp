@@ -28,14 +28,13 @@ class Reader {
  private:
   using Kind = BinaryPropertyListReader::Kind;
   enum class Class : std::uint8_t { Unknown, Array, Dictionary, Date, Text, Data };
-  enum class State : std::uint8_t { Unread, BeingRead, Read };
 
   // One of "$objects".
   struct Object {
     QVariant value;
     ArchiveSize size{1, 0};
     int height = 0;  // of the containers in it, itself included
-    State state = State::Unread;
+    bool isRead = false;
   };
 
   bool FindObjects();
@@ -92,17 +91,14 @@ std::optional<std::uint32_t> Reader::Number(ObjectIndex reference) const {
   return uid->number;
 }
 
-// Null for a reference that names no value; one that is met again while it is being read is part of
-// a circle.
+// Null for a reference that names no value. A circle ends as what is too deep.
 const Reader::Object* Reader::Resolve(ObjectIndex reference, int depth) {
   const auto number = Number(reference);
   if (!number) return nullptr;
   Object& object = objects_[*number];
-  if (object.state == State::Read) return &object;
-  if (object.state == State::BeingRead) return nullptr;
-  object.state = State::BeingRead;
+  if (object.isRead) return &object;
   if (!Read(plist_.Element(list_, *number), depth, &object)) return nullptr;
-  object.state = State::Read;
+  object.isRead = true;
   return &object;
 }
 

@@ -17,7 +17,7 @@ constexpr char kDocumentType[] =
 
 class Writer {
  public:
-  explicit Writer(QByteArray* out) : xml(out) {
+  explicit Writer(QByteArray* document) : out(*document), xml(document) {
     xml.setAutoFormatting(true);
     xml.setAutoFormattingIndent(-1);
   }
@@ -30,14 +30,21 @@ class Writer {
   bool Dictionary(const QVariantMap& map, int depth);
   bool Text(const char* element, const QString& text);
   bool Ascii(const char* element, const QByteArray& text);
+  bool Data(const QByteArray& data);
   bool Real(double value);
   bool Date(const QDateTime& date);
+  bool HasRoomFor(qsizetype bytes) const;
 
+  const QByteArray& out;
   QXmlStreamWriter xml;
 };
 
+bool Writer::HasRoomFor(qsizetype bytes) const {
+  return bytes <= static_cast<qsizetype>(kMaxPropertyListBytes) - out.size();
+}
+
 bool Writer::Text(const char* element, const QString& text) {
-  if (!IsXmlText(text)) return false;
+  if (!HasRoomFor(text.size()) || !IsXmlText(text)) return false;
   xml.writeStartElement(QLatin1String(element));
   // Every reader turns a bare carriage return into a line feed.
   const QList<QStringView> parts = QStringView(text).split(u'\r');
@@ -47,6 +54,10 @@ bool Writer::Text(const char* element, const QString& text) {
   }
   xml.writeEndElement();
   return true;
+}
+
+bool Writer::Data(const QByteArray& data) {
+  return HasRoomFor(data.size()) && Ascii("data", data.toBase64());
 }
 
 bool Writer::Ascii(const char* element, const QByteArray& text) {
@@ -88,6 +99,7 @@ bool Writer::Dictionary(const QVariantMap& map, int depth) {
 }
 
 bool Writer::Value(const QVariant& value, int depth) {
+  if (!HasRoomFor(1)) return false;
   switch (value.typeId()) {
     case QMetaType::QVariantMap:
       return Dictionary(value.toMap(), depth + 1);
@@ -109,7 +121,7 @@ bool Writer::Value(const QVariant& value, int depth) {
     case QMetaType::QDateTime:
       return Date(value.toDateTime());
     case QMetaType::QByteArray:
-      return Ascii("data", value.toByteArray().toBase64());
+      return Data(value.toByteArray());
     default:
       return false;
   }

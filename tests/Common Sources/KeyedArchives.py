@@ -121,6 +121,7 @@ def wide(number):
 
 
 GOOD = archive("text")
+TABLE = struct.unpack(">Q", GOOD[-8:])[0]
 KINDS = archive(
     mapping([3, 4, 5, 6, 7, 8], [9, 11, 13, 15, 17, 18]), MAP,
     "mutable array", "mutable text", "mutable data", "date", "plain date", "shared",
@@ -132,6 +133,11 @@ KINDS = archive(
     datetime.datetime(2024, 2, 29, 23, 59, 59), array(9, 9, of=10),
     2**64 - 1, -2**63, 1.5, False)
 KINDS_VALUE = ["mutable text", 2**64 - 1, -2**63, 1.5, False]
+
+MANY = 200000
+HEAP = b"bplist00\xaf\x12" + struct.pack(">I", MANY) + bytes(3 * MANY)
+ONE_PLACE = (HEAP + b"\0\0\x08" * MANY + bytes(6) + b"\3\3" +
+             wide(MANY) + wide(0) + wide(len(HEAP)))
 
 ACCEPTED = {
     "text": (GOOD, "text"),
@@ -187,12 +193,17 @@ REFUSED = {
     "an offset before the objects": patched(GOOD, -33, b"\0"),
     "an offset into the offsets": patched(GOOD, -33, bytes([len(GOOD) - 34])),
     "two objects at one place": patched(GOOD, -33, GOOD[-34:-33]),
+    "200,000 objects at one place, each as long as all": ONE_PLACE,
+    "a gap after the objects": patched(GOOD[:TABLE] + b"\0" + GOOD[TABLE:], -8, wide(TABLE + 1)),
+    "a member beyond the table": patched(GOOD, GOOD.index(b"\xa2") + 2, b"\xff"),
     "a byte at the end": GOOD + b"\0",
     "an object of no kind": patched(GOOD, 8, b"\x00"),
     "a set": patched(GOOD, 8, b"\xc4"),
     "text that is not ASCII": GOOD.replace(b"text", b"te\xfft"),
     "half a surrogate pair": archive("\u00eb").replace(b"\x61\0\xeb", b"\x61\xd8\0"),
     "a count of eighteen trillion": archive("x" * 16).replace(b"\x5f\x10\x10", b"\x5f\x13\xff"),
+    "a count that is 0 when doubled": archive(b"123456789").replace(
+        b"\x49123456789", b"\x6f\x13" + wide(2**63)),
     "a number of 128 bits": archive(2**64 - 1).replace(b"\x14" + bytes(8), b"\x14\1" + bytes(7)),
 }
 
