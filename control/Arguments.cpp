@@ -16,21 +16,6 @@ struct Split {
   QString problem;
 };
 
-// Of any command: which of them go with this one is told later.
-std::optional<OptionShape> FindOption(const QString& name) {
-  const auto findIn = [&](const std::vector<OptionShape>& options) -> std::optional<OptionShape> {
-    for (const OptionShape& option : options) {
-      if (option.name == name) return option;
-    }
-    return std::nullopt;
-  };
-  std::optional<OptionShape> found = findIn(CommonOptions());
-  for (const CommandShape& shape : CommandShapes()) {
-    if (!found) found = findIn(shape.options);
-  }
-  return found;
-}
-
 Split SplitOptions(const QStringList& arguments) {
   Split split;
   bool optionsOver = false;
@@ -45,7 +30,7 @@ Split SplitOptions(const QStringList& arguments) {
     } else {
       const qsizetype equals = argument.indexOf(QLatin1Char('='));
       const QString name = argument.left(equals);
-      const std::optional<OptionShape> option = FindOption(name);
+      const OptionShape* option = FindOption(name);
       const bool isFlag = option && option->value.isEmpty();
       if (!option || (isFlag && equals >= 0)) {
         split.problem = QStringLiteral("there is no option \"%1\"").arg(argument);

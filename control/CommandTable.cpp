@@ -1,5 +1,7 @@
 #include "control/CommandTable.h"
 
+#include <algorithm>
+
 namespace vardell::control {
 namespace {
 
@@ -78,6 +80,18 @@ const std::vector<OptionShape>& CommonOptions() {
       {QStringLiteral("--version"), {}},
   };
   return kOptions;
+}
+
+const OptionShape* FindOption(const QString& name) {
+  const auto findIn = [&](const std::vector<OptionShape>& options) -> const OptionShape* {
+    const auto found = std::ranges::find(options, name, &OptionShape::name);
+    return found == options.end() ? nullptr : &*found;
+  };
+  const OptionShape* found = findIn(CommonOptions());
+  for (const CommandShape& shape : CommandShapes()) {
+    if (!found) found = findIn(shape.options);
+  }
+  return found;
 }
 
 const CommandShape* FindCommand(const QStringList& words, qsizetype* used) {

@@ -58,6 +58,9 @@ const std::vector<CommandShape>& CommandShapes();
 // The options of every command: --json, --control PATH, --help, --version.
 const std::vector<OptionShape>& CommonOptions();
 
+// Null where no command has one of that name.
+const OptionShape* FindOption(const QString& name);
+
 // Null where no command begins with these words; `used` is how many of them are its name.
 const CommandShape* FindCommand(const QStringList& words, qsizetype* used);
 

@@ -1,6 +1,7 @@
 #include "control/Commands.h"
 
 #include "control/BackupCommands.h"
+#include "control/CompletionCommand.h"
 #include "control/CreditCommands.h"
 #include "control/LimitsCommands.h"
 #include "control/RestoreCommands.h"
@@ -40,6 +41,8 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
       return MakeBackup(command, server, terminal);
     case Verb::Restore:
       return RestoreBackup(command, server, terminal);
+    case Verb::Complete:
+      return PrintCandidates(command, server);
     default:
       break;
   }

@@ -3,10 +3,12 @@
 #include <QJsonArray>
 #include <functional>
 
+#include "control/KnownApplications.h"
 #include "control/LimitsKeys.h"
 #include "control/Presets.h"
 #include "control/Tables.h"
 #include "control/Terminal.h"
+#include "limits/ApplicationsCatalogue.h"
 #include "limits/WatchedApps.h"
 
 namespace vardell::control {
@@ -106,6 +108,17 @@ QString ChangeText(const Command& command, const Change& change) {
   return Subject(command) + what + table;
 }
 
+// What is not installed here may be on another machine.
+QString NoticeOfNoApplication(const Command& command, const Change& change) {
+  if (change.before.status != 404 || command.identifier != ShownIdentifier(command.identifier) ||
+      CatalogueContainsIdentifier(KnownApplications(), command.identifier)) {
+    return {};
+  }
+  return QStringLiteral(
+             "no application of this machine has the identifier \"%1\"; see vardellctl apps list")
+      .arg(command.identifier);
+}
+
 // A new limit begins without credit, which is not what one expects of "may run until eight".
 QString NoticeOfNoCredit(const Command& command, const Change& change) {
   const QJsonObject& limit = change.after.json;
@@ -171,7 +184,9 @@ Result SetLimits(const Command& command, const HttpClient& server) {
     return change.after.failure;
   }
   Result result = Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
-  result.notice = NoticeOfNoCredit(command, change);
+  const QStringList notices{NoticeOfNoApplication(command, change),
+                            NoticeOfNoCredit(command, change)};
+  result.notice = notices.join(QLatin1Char('\n')).trimmed();
   return result;
 }
 

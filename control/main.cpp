@@ -4,6 +4,7 @@
 #include "Common Sources/TestHooks.h"
 #include "control/Arguments.h"
 #include "control/Commands.h"
+#include "control/CompletionCommand.h"
 #include "control/Terminal.h"
 
 namespace {
@@ -50,7 +51,8 @@ int main(int argc, char* argv[]) {
                            ? vardell::ProductPath(QStringLiteral("/run/vardell/control.sock"))
                            : command.control;
   Terminal terminal;
-  const Result result = Run(command, HttpClient(path, kPatience), terminal);
+  const auto patience = command.verb == Verb::Complete ? kCompletionPatience : kPatience;
+  const Result result = Run(command, HttpClient(path, patience), terminal);
   terminal.EndProgress();
   const int printed = Print(result.output);
   if (result.status == ExitStatus::Done) {

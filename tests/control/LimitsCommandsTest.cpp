@@ -7,18 +7,23 @@
 namespace vardell::test {
 namespace {
 
-QByteArray LimitOf(const char* identifier, int credit, const char* keys) {
+QByteArray LimitOf(const char* identifier, int credit, const QByteArray& keys) {
   return QByteArray(R"({"user":"anna","revision":7,"identifier":")") + identifier +
          "\",\"credit\":" + QByteArray::number(credit) + ",\"limits\":{" + keys + "}}";
 }
 
-QByteArray Game(int credit, const char* keys) {
+QByteArray Game(int credit, const QByteArray& keys) {
   return LimitOf("org.game", credit, keys);
 }
 
-constexpr char kOpen[] = R"("Enabled":true,"WD start":0,"WD stop":1439)";
-constexpr char kHours[] =
-    R"("Enabled":true,"WD start":480,"WD stop":1200,"WD Curfew Enabled":true)";
+constexpr char kOpen[] =
+    R"("Enabled":true,"Report Credit":false,"WD Curfew Enabled":false,"WD start":0,"WD stop":1439,)"
+    R"("WE Curfew Enabled":false,"WE start":0,"WE stop":1439,"AutoUpdateValue":0,)"
+    R"("AutoUpdateCoeff":1,"WE Value":0,"WE Coeff":0,"NextAutoUpdate":0,"DQ Enabled":false,)"
+    R"("DQ Value":0)";
+// The same, but from 8 to 20 on week days.
+const QByteArray kHours =
+    QByteArray(kOpen) + R"(,"WD start":480,"WD stop":1200,"WD Curfew Enabled":true)";
 
 TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
   const struct {
@@ -38,7 +43,7 @@ TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
        "anna, org.game: changed.\n"
        "KEY                BEFORE  NOW\n"
        "Credit             5 min   30 min\n"
-       "WD Curfew Enabled  -       yes\n"
+       "WD Curfew Enabled  no      yes\n"
        "WD start           00:00   08:00\n"
        "WD stop            23:59   20:00\n",
        ""},
@@ -57,6 +62,16 @@ TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
        nullptr,
        "vardellctl: anna, computer has no credit yet. Give some: vardellctl credit add anna "
        "computer 60\n"},
+      {"of no application that is installed",
+       "limits|set|anna|org.nothing|Credit=5",
+       {kNotFound, Answer(201, LimitOf("org.nothing", 5, kOpen))},
+       "PATCH /v1/users/anna/limits/org.nothing HTTP/1.1",
+       R"({"limits":{"Credit":5,"Enabled":true}})",
+       "anna, org.nothing: a new limit.\n"
+       "KEY     BEFORE  NOW\n"
+       "Credit  0 min   5 min\n",
+       "vardellctl: no application of this machine has the identifier \"org.nothing\"; see "
+       "vardellctl apps list\n"},
       {"a home folder has no credit and is not enabled",
        "limits|set|anna|home|DQ Value=9",
        {kNotFound, Answer(201, LimitOf("com.brenwick.globalSettings", 0, R"("DQ Value":9)"))},
