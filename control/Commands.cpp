@@ -1,5 +1,6 @@
 #include "control/Commands.h"
 
+#include "control/AppsCommands.h"
 #include "control/BackupCommands.h"
 #include "control/CompletionCommand.h"
 #include "control/CreditCommands.h"
@@ -15,6 +16,12 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
   switch (command.verb) {
     case Verb::Status:
       return ShowStatus(command, server);
+    case Verb::AppsList:
+      return ListApplications(command);
+    case Verb::AppsAdd:
+      return AddApplication(command);
+    case Verb::AppsRunning:
+      return ShowRunning(command);
     case Verb::LimitsShow:
     case Verb::CreditShow:
       return ShowLimits(command, server, terminal);

@@ -69,7 +69,6 @@ void LinuxApplicationPreferences::SetValue(const QString& key, const QVariant& v
 
 bool LinuxApplicationPreferences::Synchronize() {
   problem_.clear();
-  keptAside_.clear();
   QVariantMap values;
   const Stored stored = Read(values);
   if (stored == Stored::Unreadable) {

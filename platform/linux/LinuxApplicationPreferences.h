@@ -21,7 +21,7 @@ class LinuxApplicationPreferences : public ApplicationPreferences {
 
   // What kept the last Synchronize() from its work, for people; empty where nothing did.
   const QString& Problem() const { return problem_; }
-  // Where the last Synchronize() has put what it could not understand; empty where it did not.
+  // Where what was stored and could not be understood was put last; empty where there was none.
   const QString& KeptAside() const { return keptAside_; }
 
  private:

@@ -148,6 +148,24 @@ TEST_F(SessionApplicationsTest, EachUserHasTheirOwn) {
                                Line(root, ownClock.pid(), "org.toys.Clock")}));
   EXPECT_EQ(Look().applications.size(), 5u);
   EXPECT_EQ(Look(kBert).sessions.size(), 0u);
+
+  Copy(VARDELL_BIN_DIR "/vardellctl", world_.Path("bin/vardellctl"));
+  const auto vardellctl = [&](uid_t uid, const std::string& user) {
+    return test::Run({world_.Path("bin/vardellctl"), "apps", "running", user},
+                     {.environment = world_.Environment(), .uid = uid});
+  };
+  const Finished told = vardellctl(0, std::to_string(kAnna));
+  EXPECT_EQ(told.status, 0);
+  const QString table = QStringLiteral(
+      "USER  PID IDENTIFIER NAME\n4242 %1 computer the session\n"
+      "4242 %2 org.toys.Clock Toy org.toys.Clock\n4242 %3 com.brenwick.fakeID.bare bareclock");
+  EXPECT_EQ(told.output.simplified(),
+            table.arg(annas.pid()).arg(annasClock.pid()).arg(annasBare.pid()).simplified());
+  EXPECT_EQ(vardellctl(kAnna, std::to_string(kAnna)).output, told.output) << "her own";
+  const Finished refused = vardellctl(kBert, std::to_string(kAnna));
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(refused.output.contains(QStringLiteral("only root sees")))
+      << qPrintable(refused.output);
 }
 
 TEST_F(SessionApplicationsTest, SessionIsEndedByTheLeaderThatTheSessionManagerNotes) {
