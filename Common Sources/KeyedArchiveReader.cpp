@@ -189,7 +189,7 @@ bool Reader::ReadArray(ObjectIndex index, int depth, Object* object) {
     if (member == nullptr || !Include(*member, object)) return false;
     list.append(member->value);
   }
-  object->value = std::move(list);
+  object->value = list;
   return true;
 }
 
@@ -210,7 +210,7 @@ bool Reader::ReadDictionary(ObjectIndex index, int depth, Object* object) {
     map.insert(key->value.toString(), member->value);
   }
   if (static_cast<std::uint64_t>(map.size()) != count) return false;
-  object->value = std::move(map);
+  object->value = map;
   return true;
 }
 

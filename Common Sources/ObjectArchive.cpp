@@ -208,7 +208,7 @@ std::optional<QVariant> Reader::Array(int depth) {
     if (!value) return std::nullopt;
     list.append(std::move(*value));
   }
-  return QVariant(std::move(list));
+  return QVariant(list);
 }
 
 std::optional<QVariant> Reader::Dictionary(int depth) {
@@ -222,7 +222,7 @@ std::optional<QVariant> Reader::Dictionary(int depth) {
     if (!value) return std::nullopt;
     map.insert(map.cend(), *key, *value);
   }
-  return QVariant(std::move(map));
+  return QVariant(map);
 }
 
 std::optional<QVariant> Reader::Wide(Tag tag) {
