@@ -1,11 +1,13 @@
 // vardellctl and the real Server: the two sides of docs/control-api.md meet.
 #include <gtest/gtest.h>
+#include <pwd.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 
+#include "tests/server/Client.h"
 #include "tests/support/Program.h"
 
 namespace vardell::test {
@@ -13,24 +15,34 @@ namespace {
 
 using namespace Qt::StringLiterals;
 
-TEST(VardellctlServer, WhatIsSetIsShownAndACreditIsBookedOnce) {
-  const QTemporaryDir folder;
-  const std::string path = folder.path().toStdString();
-  const Program server(
-      {VARDELL_BIN_DIR "/vardell-server", "--listen", "127.0.0.1:0", "--no-publish", "--store",
-       path + "/store.sqlite", "--control", path + "/control.sock"},
-      {.output = path + "/server.log"});
-  const auto vardellctl = [&](std::vector<std::string> words) {
-    words.insert(words.begin(),
-                 {VARDELL_BIN_DIR "/vardellctl", "--json", "--control", path + "/control.sock"});
-    return test::Run(words, {});
-  };
-  const auto json = [&](const std::vector<std::string>& words) {
-    return QJsonDocument::fromJson(vardellctl(words).output.toUtf8()).object();
-  };
-  ASSERT_TRUE(WaitUntil([&] { return vardellctl({"status"}).status == 0; }))
-      << qPrintable(server.Output());
+// The Server is in the farthest east, vardellctl in the farthest west: their days are never the
+// same.
+class VardellctlServer : public testing::Test {
+ protected:
+  void SetUp() override {
+    server_ = Program({VARDELL_BIN_DIR "/vardell-server", "--listen", "127.0.0.1:0", "--no-publish",
+                       "--store", path_ + "/store.sqlite", "--control", path_ + "/control.sock"},
+                      {.environment = {{"TZ", "Pacific/Kiritimati"}}, .output = path_ + "/log"});
+    ASSERT_TRUE(WaitUntil([&] { return vardellctl({"status"}).status == 0; }))
+        << qPrintable(server_.Output());
+  }
 
+  Finished vardellctl(std::vector<std::string> words) const {
+    words.insert(words.begin(),
+                 {VARDELL_BIN_DIR "/vardellctl", "--control", path_ + "/control.sock"});
+    return test::Run(words, {.environment = {{"TZ", "Pacific/Pago_Pago"}}});
+  }
+  QJsonObject json(std::vector<std::string> words) const {
+    words.insert(words.begin(), "--json");
+    return QJsonDocument::fromJson(vardellctl(words).output.toUtf8()).object();
+  }
+
+  const QTemporaryDir folder_;
+  const std::string path_ = folder_.path().toStdString();
+  Program server_;
+};
+
+TEST_F(VardellctlServer, WhatIsSetIsShownAndACreditIsBookedOnce) {
   const std::string name = "a/b c?..";
   EXPECT_EQ(vardellctl({"limits", "set", "anna", name, "Credit=7", "WD stop=24:00"}).status, 0);
   EXPECT_EQ(vardellctl({"limits", "set", "anna", name, "WE start=08:30"}).status, 0);
@@ -51,6 +63,52 @@ TEST(VardellctlServer, WhatIsSetIsShownAndACreditIsBookedOnce) {
   const QJsonArray rows = json({"ledger", "anna", name, "--after", "1"})[u"rows"_s].toArray();
   ASSERT_EQ(rows.size(), 1);
   EXPECT_EQ(rows[0][u"minutes"_s], 23);
+}
+
+TEST_F(VardellctlServer, MinutesAreAddedOnceAndALimitGoesWithWhatItHad) {
+  EXPECT_EQ(vardellctl({"limits", "set", "anna", "computer", "Credit=7", "WD start=8:00"}).status,
+            0);
+  for (int asked = 0; asked < 2; ++asked) {
+    EXPECT_EQ(vardellctl({"credit", "add", "anna", "computer", "10", "--id", "once"}).output,
+              u"anna, computer: 10 minutes added, 17 left.\n"_s);
+  }
+  EXPECT_EQ(vardellctl({"credit", "add", "anna", "computer", "11", "--id", "once"}).status, 1);
+  EXPECT_EQ(vardellctl({"credit", "add", "anna", "computer", "-30"}).output,
+            u"anna, computer: 17 minutes taken away instead of 30, 0 left.\n"_s);
+  EXPECT_EQ(vardellctl({"limits", "unset", "anna", "computer", "WD start"}).output,
+            u"anna, computer: changed.\nKEY       BEFORE  NOW\nWD start  08:00   00:00\n"_s);
+  EXPECT_EQ(vardellctl({"limits", "preset", "anna", "computer", "bedtime"}).status, 0);
+  EXPECT_EQ(json({"limits", "show", "anna", "computer"})[u"limits"_s][u"WE stop"_s], 22 * 60);
+  EXPECT_EQ(json({"limits", "unset", "anna", "computer"})[u"removed"_s], true);
+  EXPECT_EQ(vardellctl({"limits", "show", "anna", "computer"}).status, 1);
+  EXPECT_EQ(vardellctl({"limits", "show"}).status, 0);
+}
+
+TEST_F(VardellctlServer, AnAgentsMinuteIsUsageOfTheServersDayAndShowsInTheStatus) {
+  const QString user = QString::fromUtf8(getpwuid(getuid())->pw_name);
+  const std::string name = user.toStdString();
+  vardellctl({"limits", "set", name, "org.game", "Credit=30"});
+  const QString address = json({"status"})[u"address"_s].toString();
+  const Client agent(address.section(u':', 1).toUShort());
+  LimitsRecord record;
+  record.credit = 29;
+  const QStringList names{user, u"org.game"_s};
+  agent.Send(FrameOf(RequestKind::ApplicationStart, names) +
+             FrameOf(RequestKind::FetchLimits, names));
+  ASSERT_TRUE(agent.ReadDictionary());
+  agent.Send(
+      FrameOf(RequestKind::CreditReport, AppendLimitsRecordToData(names[0], names[1], record)) +
+      FrameOf(RequestKind::FetchLimits, names));
+  ASSERT_TRUE(agent.ReadDictionary());
+
+  const QString status = vardellctl({"status"}).output;
+  EXPECT_TRUE(status.contains(u"\nTime zone:  Pacific/Kiritimati\n"_s)) << qPrintable(status);
+  EXPECT_TRUE(status.contains(u"  org.game (29 min)\n"_s)) << qPrintable(status);
+  for (const std::string period : {"today", "week", "all"}) {
+    EXPECT_EQ(json({"usage", name, "org.game", "--period", period})[u"total"_s], 1) << period;
+    EXPECT_EQ(json({"usage", name, "--period", period})[u"usage"_s][0][u"total"_s], 1) << period;
+  }
+  EXPECT_EQ(vardellctl({"usage", "nobody else"}).status, 1);
 }
 
 }  // namespace
