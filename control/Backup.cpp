@@ -124,7 +124,7 @@ BackupOrProblem UnpackBackup(const QByteArray& bytes, const QString& name) {
   const QVariant document = CopyObjectFromCompressedArchive(bytes, kArchiveKeyed);
   if (!document.isValid()) {
     return {{},
-            QStringLiteral("%1 is damaged: what it holds does not agree with its digest.\n"
+            QStringLiteral("%1 is damaged: it was cut short, or changed after it was made.\n"
                            "Take another backup.")
                 .arg(name)};
   }

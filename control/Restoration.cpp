@@ -68,7 +68,9 @@ Result Restoration::KeepPresent() {
     isNoteOurs_ = problem.isEmpty();
   }
   if (problem.isEmpty()) return {};
-  return With(Failed(QStringLiteral("what is there now cannot be kept: ") + problem),
+  return With(Failed(QStringLiteral("what is there now cannot be kept: %1\n"
+                                    "Copy the backup into a folder that has room for a second one.")
+                         .arg(problem)),
               QLatin1String(kNothingChanged));
 }
 

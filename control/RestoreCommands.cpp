@@ -51,7 +51,7 @@ Result Restore(const Command& command, const Backup& wanted, const Differences& 
   Restoration restoration(wanted, command.path, server, terminal);
   const Result result = restoration.Run();
   if (result.status != ExitStatus::Done) return result;
-  QString text = QStringLiteral("Restored %1\nWhat was there before is kept in %2\n")
+  QString text = QStringLiteral("Restored %1What was there before is kept in %2\n")
                      .arg(Heading(command, wanted), restoration.keptPath());
   if (!differences.settings.empty()) text += QLatin1String(kWhenSettingsCount);
   return Report(command, differences, text, restoration.keptPath());
