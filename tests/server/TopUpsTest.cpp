@@ -157,7 +157,11 @@ TEST(TopUpsTest, OnceForEachLocalDate) {
        "next 2024-10-04T15:45; at 2024-10-04T15:45 10-5; at 2024-10-05T15:29; at 2024-10-05T15:30 10-6", "2024-10-06T15:15"},
       {"a time that is moved over midnight belongs to its own date", "America/Nuuk", false,
        "next 2024-03-30T01:30; at 2024-03-30T01:30 3-29; at 2024-03-31T00:59; at 2024-03-31T01:00 3-30; at 2024-04-01T00:30 3-31", "2024-04-02T00:30"},
-      {"a date that a zone leaves out has none", "Pacific/Apia", true,
+      {"... also where it is the first one", "America/Nuuk", false,
+       "next 2031-01-02T01:30; at 2024-03-30T23:00; at 2024-03-31T01:00 3-30", "2024-04-01T00:30"},
+      {"a date that a zone leaves out is not the next one", "Pacific/Apia", false,
+       "next 2011-12-29T16:00; at 2011-12-29T16:00 12-29", "2011-12-30T16:00"},
+      {"a date that a zone leaves out has none either", "Pacific/Apia", true,
        "next 2011-12-29T16:00; at 2011-12-29T16:00 12-29; at 2011-12-30T11:00; at 2012-01-01T17:00 12-31,1-1,1-2", "2012-01-02T16:00"},
       // clang-format on
   };
