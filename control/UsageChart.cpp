@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kMostBars = 62;
 constexpr int kLeastCells = 10;
+constexpr int kMostCells = 60;  // longer bars are no easier to compare
 constexpr int kGap = 2;
 
 QString HoursText(qint64 minutes) {
@@ -75,7 +76,7 @@ QString BarChart(const std::vector<UsageBar>& bars, int width, bool canShowBlock
   }
   labels = std::min(labels, std::max(width / 2, kLeastCells));
   const int hours = TextWidth(HoursText(most));
-  const int cells = std::max(width - labels - hours - 2 * kGap, kLeastCells);
+  const int cells = std::clamp(width - labels - hours - 2 * kGap, kLeastCells, kMostCells);
   QString text;
   for (const UsageBar& bar : bars) {
     const QString label = Cut(bar.label, labels);

@@ -19,8 +19,8 @@ struct UsageBar {
 // than 62 months, for each year; those without use too.
 std::vector<UsageBar> BarsOverTime(const UsageDays& days, const QDate& first, const QDate& last);
 
-// One line for each bar, the longest as wide as `width` allows; labels are cut at half of it.
-// Without use there is the label alone.
+// One line for each bar, the longest as wide as `width` allows, up to 60 columns; labels are cut at
+// half of it. Without use there is the label alone.
 QString BarChart(const std::vector<UsageBar>& bars, int width, bool canShowBlocks);
 
 }  // namespace vardell::control
