@@ -7,7 +7,7 @@ import pwd
 import shutil
 import sys
 
-CLONE_NEWNS = 0x00020000
+CLONE_NEWNS, CLONE_NEWUTS = 0x00020000, 0x04000000
 MS_BIND, MS_REC, MS_PRIVATE = 0x1000, 0x4000, 0x40000
 PR_SET_PDEATHSIG = 1
 FIRST_OWN_UID, OWN_UIDS = 59000, 1000
@@ -70,6 +70,12 @@ def private_view(empty_folders):
     for folder in empty_folders:
         if os.path.isdir(folder):
             mount("tmpfs", folder, b"tmpfs", 0, b"mode=0755")
+
+
+def machine_name(name):
+    """In the private view: what the machine is called."""
+    checked(libc.unshare(CLONE_NEWUTS), "unshare")
+    checked(libc.sethostname(os.fsencode(name), len(name)), "sethostname")
 
 
 def add_account(name, uid, home, work):
