@@ -129,6 +129,18 @@ TEST_F(SessionApplicationsTest, AreTheOnesThatTheRealAgentCounts) {
   }
 }
 
+TEST_F(SessionApplicationsTest, AgentIsNoApplicationThoughItShowsAWindow) {
+  CopyAgent("/usr/bin/xclock");
+  const Program agent = Start(AgentPath());
+  ASSERT_TRUE(WaitUntil([&] {
+    return test::Run({"xwininfo", "-name", "vardell-agent"}, {})
+        .output.contains(QStringLiteral("IsViewable"));
+  }));
+  const SessionApplications all = Look();
+  EXPECT_EQ(all.applications.size(), 1u) << qPrintable(Lines(all).join(u'\n'));
+  EXPECT_EQ(all.sessions.at(0).answer, Answer::Whole);
+}
+
 TEST_F(SessionApplicationsTest, EachUserHasTheirOwn) {
   if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
   CopyAgent();
@@ -257,7 +269,9 @@ TEST_F(SessionApplicationsTest, SilentXServerCostsItsSessionsAnswerAndFacesItsUs
   EXPECT_EQ(all.sessions[0].answer, Answer::None);
   EXPECT_EQ(all.applications.size(), 1u) << "the login window";
   EXPECT_EQ(server.TakeUser(), user);
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "only the stand-in is left";
+  QFile children(QStringLiteral("/proc/self/task/%1/children").arg(getpid()));
+  ASSERT_TRUE(children.open(QIODevice::ReadOnly));
+  EXPECT_EQ(children.readAll().simplified().toInt(), agent.pid()) << "nothing else is left";
 }
 
 TEST_F(SessionApplicationsTest, RightsThatAreGivenUpDoNotComeBack) {
