@@ -27,9 +27,10 @@ QJsonObject WrittenJson(const QString& path, qsizetype bytes, const BackupCounts
 }  // namespace
 
 CollectedBackup CollectBackup(const HttpClient& server, const QVariantMap& settings,
-                              Terminal& terminal) {
+                              Terminal& terminal, const std::function<bool()>& isGivenUp) {
   HttpRequest request{"GET", "/v1/backup", {}, {}};
   request.patience = kHouseholdPatience;
+  request.isGivenUp = isGivenUp;
   request.receiving = [&](std::int64_t done, std::int64_t total) {
     terminal.Progress(QStringLiteral("Asking the Server"), done, total);
   };

@@ -15,7 +15,7 @@ struct CollectedBackup {
 
 // The present state: from the Server, with these settings, and the stored list of applications.
 CollectedBackup CollectBackup(const HttpClient& server, const QVariantMap& settings,
-                              Terminal& terminal);
+                              Terminal& terminal, const std::function<bool()>& isGivenUp = {});
 
 struct WrittenBackup {
   qsizetype bytes = 0;

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/beast/http.hpp>
 #include <cerrno>
 #include <cstring>
@@ -40,16 +41,22 @@ QString ErrorText() {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// What has happened: of `events`, or an error; 0 where nothing did in that time.
-short WaitFor(int fd, short events, Milliseconds patience) {
+constexpr Milliseconds kBetweenQuestions{100};
+
+enum class Moved { Yes, TooLate, GivenUp };
+
+Moved WaitFor(int fd, short events, const HttpRequest& request, Milliseconds patience,
+              short* happened = nullptr) {
   const auto deadline = Clock::now() + patience;
   while (true) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) return 0;
+    if (left.count() <= 0) return Moved::TooLate;
+    if (request.isGivenUp && request.isGivenUp()) return Moved::GivenUp;
     pollfd waiting{fd, events, 0};
-    const int ready = poll(&waiting, 1, static_cast<int>(left.count()));
-    if (ready > 0) return waiting.revents;
-    if (ready < 0 && errno != EINTR) return POLLERR;
+    const auto most = request.isGivenUp ? std::min(left, kBetweenQuestions) : left;
+    const int ready = poll(&waiting, 1, static_cast<int>(most.count()));
+    if (happened) *happened = waiting.revents;
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return Moved::Yes;
   }
 }
 
@@ -86,8 +93,9 @@ HttpReply Connect(const Socket& connection, const QString& path, Milliseconds pa
 void Send(int fd, const QByteArray& bytes, const HttpRequest& request, Milliseconds patience) {
   qsizetype sent = 0;
   while (sent < bytes.size()) {
-    const short events = WaitFor(fd, POLLOUT | POLLIN, patience);
-    if (events == 0 || (events & POLLIN) != 0) return;
+    short events = 0;
+    if (WaitFor(fd, POLLOUT | POLLIN, request, patience, &events) != Moved::Yes) return;
+    if ((events & POLLIN) != 0) return;
     const ssize_t count = send(fd, bytes.constData() + sent,
                                static_cast<std::size_t>(bytes.size() - sent), MSG_NOSIGNAL);
     if (count < 0 && errno != EAGAIN && errno != EINTR) return;
@@ -121,8 +129,11 @@ HttpReply Receive(int fd, const HttpRequest& request, Milliseconds patience) {
   std::string unread;
   boost::system::error_code error;
   while (!parser.is_done()) {
-    if (WaitFor(fd, POLLIN, patience) == 0) {
-      return Failed(HttpOutcome::NoAnswer, QStringLiteral("it did not answer in time"));
+    const Moved moved = WaitFor(fd, POLLIN, request, patience);
+    if (moved != Moved::Yes) {
+      return Failed(HttpOutcome::NoAnswer, moved == Moved::GivenUp
+                                               ? QStringLiteral("interrupted")
+                                               : QStringLiteral("it did not answer in time"));
     }
     if (!ReceiveSome(fd, &unread)) {
       if (parser.got_some()) parser.put_eof(error);

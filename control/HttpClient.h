@@ -26,6 +26,7 @@ struct HttpRequest {
   HttpProgress receiving = {};
   // Instead of the client's, for what keeps the Server busy.
   std::optional<std::chrono::milliseconds> patience = {};
+  std::function<bool()> isGivenUp = {};  // asked while nothing moves; true ends it: NoAnswer
 };
 
 enum class HttpOutcome {

@@ -7,7 +7,6 @@
 
 #include "control/BackupCommands.h"
 #include "control/Differences.h"
-#include "control/HeldSignals.h"
 #include "control/RestoreNote.h"
 #include "control/Terminal.h"
 
@@ -25,12 +24,13 @@ Result With(Result failure, const QString& line) {
 }  // namespace
 
 Answer PutHousehold(const HttpClient& server, const QVariantMap& household, bool check,
-                    Terminal& terminal) {
+                    Terminal& terminal, const std::function<bool()>& isGivenUp) {
   HttpRequest request{"PUT",
                       check ? "/v1/backup?check=1" : "/v1/backup",
                       {},
                       Body(QJsonObject::fromVariantMap(household))};
   request.patience = kHouseholdPatience;
+  request.isGivenUp = isGivenUp;
   request.sending = [&](std::int64_t done, std::int64_t total) {
     terminal.Progress(check ? QStringLiteral("Checking") : QStringLiteral("Restoring"), done,
                       total);
@@ -46,32 +46,37 @@ Restoration::Restoration(const Backup& wanted, const QString& file, const HttpCl
 
 Result Restoration::Run() {
   if (!settings_.problem().isEmpty()) return Failed(settings_.problem());
-  HeldSignals held;
   Result result = KeepPresent();
   if (result.status == ExitStatus::Done) result = Replace();
-  if (result.status == ExitStatus::Done && held.HasCome()) {
+  if (result.status == ExitStatus::Done && held_.HasCome()) {
     result = Undo(Failed(QStringLiteral("interrupted")));
   } else if (result.status == ExitStatus::Done) {
     result = ReplaceOnServer();
   }
-  held.Forget();
+  held_.Forget();
   return result;
 }
 
 Result Restoration::KeepPresent() {
-  const CollectedBackup present = CollectBackup(server_, settings_.values(), terminal_);
+  const CollectedBackup present =
+      CollectBackup(server_, settings_.values(), terminal_, [this] { return held_.HasCome(); });
+  if (!present.backup && held_.HasCome()) {
+    return With(Failed(QStringLiteral("interrupted")), QLatin1String(kNothingChanged));
+  }
   if (!present.backup) return With(present.failure, QLatin1String(kNothingChanged));
   kept_ = FreeName(QFileInfo(file_).absoluteFilePath(), QStringLiteral(".before-restore"));
-  QString problem = WriteBackupFile(*present.backup, kept_, terminal_).problem;
-  if (problem.isEmpty() && NotedRestore().isEmpty()) {
-    problem = NoteRestore(kept_);
-    isNoteOurs_ = problem.isEmpty();
+  if (const QString problem = WriteBackupFile(*present.backup, kept_, terminal_).problem;
+      !problem.isEmpty()) {
+    return With(
+        Failed(QStringLiteral("what is there now cannot be kept: %1\n"
+                              "Copy the backup into a folder that has room for a second one.")
+                   .arg(problem)),
+        QLatin1String(kNothingChanged));
   }
-  if (problem.isEmpty()) return {};
-  return With(Failed(QStringLiteral("what is there now cannot be kept: %1\n"
-                                    "Copy the backup into a folder that has room for a second one.")
-                         .arg(problem)),
-              QLatin1String(kNothingChanged));
+  if (!NotedRestore().isEmpty()) return {};
+  const QString problem = NoteRestore(kept_);
+  isNoteOurs_ = problem.isEmpty();
+  return isNoteOurs_ ? Result() : Undo(Failed(problem));
 }
 
 Result Restoration::Replace() {
@@ -85,10 +90,12 @@ Result Restoration::Replace() {
 }
 
 Result Restoration::ReplaceOnServer() {
-  const Answer answer = PutHousehold(server_, wanted_.household, false, terminal_);
+  const Answer answer = PutHousehold(server_, wanted_.household, false, terminal_,
+                                     [this] { return held_.HasCome(); });
   const bool isRefused = answer.status >= 300 || !answer.wasReached;
   if (isRefused) return Undo(answer.failure);
-  if (!answer.ok() && !HasServerTaken()) return AnswerLost(answer.failure.error);
+  const bool mayAsk = !held_.HasCome();
+  if (!answer.ok() && !(mayAsk && HasServerTaken())) return AnswerLost(answer.failure.error);
   ForgetRestore();
   return {};
 }

@@ -6,6 +6,7 @@
 
 #include "control/Backup.h"
 #include "control/Commands.h"
+#include "control/HeldSignals.h"
 #include "control/SettingsFile.h"
 #include "control/StoredApplications.h"
 
@@ -13,7 +14,7 @@ namespace vardell::control {
 
 // The Server's counts, where it would take the household; `check`: it is asked, no more.
 Answer PutHousehold(const HttpClient& server, const QVariantMap& household, bool check,
-                    Terminal& terminal);
+                    Terminal& terminal, const std::function<bool()>& isGivenUp = {});
 
 class Restoration {
  public:
@@ -38,6 +39,7 @@ class Restoration {
   const QString file_;
   const HttpClient& server_;
   Terminal& terminal_;
+  HeldSignals held_;
   SettingsEditor settings_;
   ApplicationsEditor applications_;
   QString kept_;

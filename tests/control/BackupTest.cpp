@@ -305,19 +305,27 @@ TEST_F(BackupAndRestore, ALostAnswerIsAskedForAnewAndElseSaid) {
   EXPECT_FALSE(IsNoted());
 }
 
-TEST_F(BackupAndRestore, InterruptedBeforeTheLastStepNothingIsChanged) {
+TEST_F(BackupAndRestore, InterruptedItWaitsForNobody) {
   ASSERT_EQ(Backup().status, 0);
-  SetNew(Trouble::HoldsTheSecond);
-  Program restore(Words({"restore", file_, "--yes"}),
-                  {.output = folder_.filePath(u"log"_s).toStdString()});
-  ASSERT_TRUE(WaitUntil([&] { return household_.gets() == 2; }));
-  restore.Signal(SIGINT);
-  household_.SetState(kNew);
-  EXPECT_EQ(restore.Wait(), 1);
-  EXPECT_TRUE(restore.Output().contains(u"interrupted\nNothing was changed"_s))
-      << qPrintable(restore.Output());
-  EXPECT_TRUE(IsNew());
-  EXPECT_FALSE(IsNoted());
+  const struct {
+    Trouble trouble;
+    int puts;  // that the Server has got by then
+    const char* says;
+  } rows[] = {{Trouble::HoldsTheSecond, 0, "interrupted\nNothing was changed"},
+              {Trouble::HoldsThePut, 1, "the Server's answer was lost: interrupted"}};
+  for (const auto& row : rows) {
+    SetNew(row.trouble);
+    Program restore(Words({"restore", file_, "--yes"}),
+                    {.output = folder_.filePath(u"log"_s).toStdString()});
+    EXPECT_TRUE(WaitUntil([&] { return household_.gets() == 2 && household_.puts() == row.puts; }));
+    restore.Signal(SIGINT);
+    EXPECT_EQ(restore.Wait(), 1);
+    EXPECT_TRUE(restore.Output().contains(QString::fromUtf8(row.says)))
+        << qPrintable(restore.Output());
+    EXPECT_EQ(IsNew(), row.puts == 0);
+    EXPECT_EQ(IsNoted(), row.puts == 1);
+    household_.SetState(kNew);
+  }
 }
 
 TEST_F(BackupAndRestore, KilledAtAnyMomentNothingIsLost) {

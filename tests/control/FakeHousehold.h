@@ -21,6 +21,7 @@ class FakeHousehold {
     LosesAnswer,     // does it and hangs up
     Stops,           // nobody listens any more once the present state was asked for twice
     HoldsTheSecond,  // of the requests for the present state, until it has no trouble any more
+    HoldsThePut,     // that is no check, likewise
   };
 
   explicit FakeHousehold(QJsonObject state, Trouble trouble = Trouble::None)
@@ -38,12 +39,16 @@ class FakeHousehold {
     const std::lock_guard lock(mutex_);
     state_ = state;
     trouble_ = trouble;
-    gets_ = 0;
+    gets_ = puts_ = 0;
   }
   std::size_t requestCount() const { return peer_.Frames().size(); }
   int gets() const {
     const std::lock_guard lock(mutex_);
     return gets_;
+  }
+  int puts() const {  // but for checks
+    const std::lock_guard lock(mutex_);
+    return puts_;
   }
 
  private:
@@ -51,18 +56,21 @@ class FakeHousehold {
     const QByteArray request = ScriptedHttpPeer::ReadRequest(peer);
     peer.recorded(request);
     Count(request);
-    while (HasToWait()) peer.Pause(std::chrono::milliseconds(5));
+    while (HasToWait(request)) peer.Pause(std::chrono::milliseconds(5));
     peer.Send(AnswerTo(request));
   }
 
   void Count(const QByteArray& request) {
     const std::lock_guard lock(mutex_);
     gets_ += request.startsWith("GET ") ? 1 : 0;
+    puts_ += request.startsWith("PUT /v1/backup HTTP") ? 1 : 0;
   }
 
-  bool HasToWait() {
+  bool HasToWait(const QByteArray& request) {
     const std::lock_guard lock(mutex_);
-    return trouble_ == Trouble::HoldsTheSecond && gets_ == 2;
+    const bool isPut = request.startsWith("PUT /v1/backup HTTP");
+    return (trouble_ == Trouble::HoldsTheSecond && gets_ == 2) ||
+           (trouble_ == Trouble::HoldsThePut && isPut);
   }
 
   QByteArray AnswerTo(const QByteArray& request) {
@@ -116,6 +124,7 @@ class FakeHousehold {
   QJsonObject state_;
   Trouble trouble_;
   int gets_ = 0;
+  int puts_ = 0;
   QTemporaryDir folder_;
   QString path_;
   ScriptedPeer peer_;
