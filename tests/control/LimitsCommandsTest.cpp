@@ -168,6 +168,9 @@ TEST(LimitsCommands, AddedMinutesAreSaidAsTheServerBookedThem) {
   const Outcome lost = Vardellctl("credit|add|anna|org.game|5|--id|it's me", {""});
   EXPECT_EQ(lost.status, 3);
   EXPECT_TRUE(lost.error.contains(u"with --id 'it'\\''s me' is safe to repeat"_s));
+  const Outcome unasked = RunAt(u"/nonexistent"_s, Words("credit|add|anna|org.game|5"));
+  EXPECT_EQ(unasked.status, 3);
+  EXPECT_FALSE(unasked.error.contains(u"may have been done"_s)) << qPrintable(unasked.error);
 }
 
 TEST(LimitsCommands, HomeFoldersAreListedWithWhatTheyHave) {
