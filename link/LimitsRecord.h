@@ -32,6 +32,8 @@ struct LimitsRecord {
   std::uint8_t diskQuotaEnabled = 0;
   std::uint8_t pad3[3] = {};
   std::int32_t diskQuotaValue = 0;  // MiB
+
+  bool operator==(const LimitsRecord& other) const = default;
 };
 
 static_assert(sizeof(LimitsRecord) == 56);

@@ -171,7 +171,7 @@ std::optional<Problem> ReadUsage(const QString& path, const QJsonValue& value, S
       return Wrong(Below(daysPath, day.key()),
                    QStringLiteral("must be whole minutes from 0 to %1").arg(kMostMinutes));
     }
-    entry->days.emplace_hint(entry->days.end(), *date, *minutes);
+    if (*minutes != 0) entry->days.emplace_hint(entry->days.end(), *date, *minutes);
   }
   return std::nullopt;
 }

@@ -13,6 +13,7 @@
 #include <QDateTime>
 #include <QString>
 #include <QVariant>
+#include <boost/container/flat_map.hpp>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -66,7 +67,7 @@ struct LimitsEntry {
 };
 
 // Minutes of use, of the days that have any; by the wall clock's zone.
-using UsageDays = std::map<QDate, std::int64_t>;
+using UsageDays = boost::container::flat_map<QDate, std::int64_t>;
 
 // Kept by name, whether or not there are limits.
 struct UsageEntry {
@@ -212,7 +213,7 @@ class Household {
   QDateTime Now() const;  // by the wall clock
 
   // --- Backups, in server/HouseholdRestore.h. `backup` must be one that could be this Household's:
-  // sound values, no name twice.
+  // sound values, no name twice, no day without use.
 
   Backup MakeBackup() const;
   // What restoring it would change now.

@@ -56,7 +56,14 @@ void Household::Impl::Forget(const Name& name) {
   removedRevisions[name] = account->second.revision;
   accounts->second.erase(account);
   if (accounts->second.empty()) users.erase(accounts);
-  for (auto& [id, agent] : connections) agent.handed.erase(name);
+}
+
+void Household::Impl::ForgetHanded() {
+  for (auto& [id, agent] : connections) {
+    std::erase_if(agent.handed, [this](const auto& handed) {
+      return Find(handed.first.first, handed.first.second) == nullptr;
+    });
+  }
 }
 
 AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
@@ -113,6 +120,7 @@ AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,
     return Refuse(AdminStatus::StoreFailed, {}, error);
   }
   impl_->Forget({user, identifier});
+  impl_->ForgetHanded();
   return {AdminStatus::Ok, {}, {}, entry, 0};
 }
 

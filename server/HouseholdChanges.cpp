@@ -23,8 +23,7 @@ std::optional<AdminResult> CheckNames(const QString& user, const QString& identi
 
 Account Applied(const Account& before, bool isNew, const LimitsChange& change) {
   Account after = before;
-  const bool differs =
-      isNew || MakeLimitsDictionary(before.limits) != MakeLimitsDictionary(change.limits);
+  const bool differs = isNew || before.limits != change.limits;
   after.limits = change.limits;
   after.state.enabled = change.limits.enabled != 0;
   if (differs) ++after.revision;

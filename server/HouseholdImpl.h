@@ -69,8 +69,9 @@ struct Household::Impl {
   AdminResult ChangeCredit(const CreditChange& wanted);
   // What a new limit begins with.
   Account NewAccount(const Name& name) const;
-  // In memory alone.
+  // In memory alone: an account; what connections were handed of accounts that are gone.
   void Forget(const Name& name);
+  void ForgetHanded();
 
   // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
 

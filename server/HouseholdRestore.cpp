@@ -4,7 +4,6 @@
 #include <QJsonObject>
 #include <algorithm>
 
-#include "limits/LimitsDictionary.h"
 #include "server/HouseholdChanges.h"
 
 namespace vardell::server {
@@ -38,8 +37,7 @@ void Count(Fate fate, RestoreCounts* counts) {
 
 Fate FateOf(const Account* before, const LimitsEntry& wanted) {
   if (!before) return Fate::Added;
-  const bool isSame = before->state.credit == wanted.credit &&
-                      MakeLimitsDictionary(before->limits) == MakeLimitsDictionary(wanted.limits);
+  const bool isSame = before->state.credit == wanted.credit && before->limits == wanted.limits;
   return isSame ? Fate::Same : Fate::Changed;
 }
 
@@ -83,7 +81,6 @@ Household::Restore::Restore(Impl& household, Actor actor, Backup backup)
     limits_.emplace(std::move(name), std::move(entry));
   }
   for (UsageEntry& entry : backup.usage) {
-    std::erase_if(entry.days, [](const auto& day) { return day.second == 0; });
     if (entry.days.empty()) continue;
     usage_.emplace(Name(entry.user, entry.identifier), std::move(entry.days));
   }
@@ -235,6 +232,7 @@ RestoreResult Household::Restore::Finish() {
     return {AdminStatus::StoreFailed, result.message, {}};
   }
   for (const LimitsEntry& entry : removed) household_.Forget({entry.user, entry.identifier});
+  household_.ForgetHanded();
   for (auto& [name, account] : accounts) {
     household_.users[name.first][name.second] = std::move(account);
   }

@@ -37,6 +37,8 @@ class Household::Restore {
   // The result after the last step. Waits for the disk.
   std::optional<RestoreResult> Step();
 
+  bool IsLastStepNext() const { return phase_ == Phase::Finishing; }
+
   // An agent's use has been booked while this goes on.
   void Booked(const QString& user, const QString& identifier, const QDate& day,
               std::int64_t minutes);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <QFileInfo>
+#include <algorithm>
 #include <list>
 #include <stdexcept>
 
@@ -37,6 +38,7 @@ class ControlServerTest : public HouseholdFixture {
   void Start(ControlServer::Options options = {}) {
     if (options.path.isEmpty()) options.path = Path();
     options.status = [this] {
+      timesAskedAtStatus_.push_back(timesAsked_);
       return ServerStatus{QStringLiteral("0.1"), QStringLiteral("127.0.0.1:1"), {}, 0, now_};
     };
     network_.Run([&] {
@@ -61,8 +63,15 @@ class ControlServerTest : public HouseholdFixture {
     return {};
   }
 
+  static std::function<Requester(uid_t, gid_t)> Everybody(Role role) {
+    return [role](uid_t uid, gid_t) {
+      return Requester{{uid, QStringLiteral("uid")}, QStringLiteral("somebody"), role};
+    };
+  }
+
   NetworkThread network_;
   std::unique_ptr<ControlServer> server_;
+  std::vector<int> timesAskedAtStatus_;  // the clock
 };
 
 TEST_F(ControlServerTest, AnswersOneRequestAfterTheOtherWithTheirHeaders) {
@@ -142,6 +151,79 @@ TEST_F(ControlServerTest, FramingErrorsAreAnsweredAndTheConnectionIsClosed) {
     EXPECT_TRUE(text.contains(row.code));
     EXPECT_TRUE(client.IsClosedByServer());
   }
+}
+
+TEST_F(ControlServerTest, OnlyAnAdministratorsBackupMayBeLarge) {
+  const QByteArray backup = "PUT /v1/backup";
+  const QByteArray check = "PUT /v1/backup?check=1";
+  const struct {
+    const char* what;
+    Role role;
+    QByteArray line;
+    std::size_t length;
+    const char* status;
+    const char* says;
+  } kRows[] = {
+      {"as large as may be", Role::Admin, backup, kMaxBackupBytes, "400", "not JSON"},
+      {"a check", Role::Admin, check, kMaxControlBodyBytes + 1, "400", "not JSON"},
+      {"larger", Role::Admin, backup, kMaxBackupBytes + 1, "413", "copy its store's file"},
+      {"another resource", Role::Admin, "PUT /v1/users", kMaxControlBodyBytes + 1, "413", "65536"},
+      {"another method", Role::Admin, "POST /v1/backup", kMaxControlBodyBytes + 1, "413", "65536"},
+      {"another user", Role::TopUp, backup, kMaxControlBodyBytes + 1, "413", "65536"},
+      {"another user, small", Role::TopUp, backup, 10, "403", "forbidden"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.what);
+    ControlServer::Options options;
+    options.whoIs = Everybody(row.role);
+    Start(options);
+    {
+      const Client client(Path());
+      const bool isRead = row.length <= kMaxControlBodyBytes || row.status != QByteArray("413");
+      client.Send(row.line + " HTTP/1.1\r\nHost: x\r\nContent-Length: " +
+                  QByteArray::number(qulonglong{row.length}) + "\r\n\r\n" +
+                  (isRead ? QByteArray(static_cast<qsizetype>(row.length), 'x') : QByteArray()));
+      const QByteArray answer = client.ReadUntil(kEnd);
+      EXPECT_TRUE(answer.startsWith(QByteArray("HTTP/1.1 ") + row.status)) << answer.data();
+      EXPECT_TRUE(answer.contains(row.says)) << answer.data();
+    }
+    Stop();
+  }
+}
+
+TEST_F(ControlServerTest, OthersAreAnsweredBetweenTheStepsOfARestore) {
+  ControlServer::Options options;
+  options.whoIs = Everybody(Role::Admin);
+  Start(options);
+  QByteArray days;
+  for (int day = 0; day < 12000; ++day) {
+    days += ",\"" + QDate(1980, 1, 1).addDays(day).toString(Qt::ISODate).toLatin1() + "\":1";
+  }
+  const QByteArray backup =
+      R"({"format":1,"made":"","server":"","limits":[],"usage":[{"user":"anna","identifier":"x",)"
+      R"("days":{)" +
+      days.mid(1) + "}}]}";
+  const Client restoring(Path());
+  restoring.Send(Request("PUT /v1/backup", backup));
+  const Client other(Path());
+  while (!restoring.HasSomethingToRead()) {
+    ASSERT_TRUE(Ask(other, Request("GET /v1/status")).startsWith("HTTP/1.1 200 "));
+  }
+  EXPECT_TRUE(restoring.ReadUntil(kEnd).startsWith("HTTP/1.1 200 "));
+  EXPECT_TRUE(std::any_of(timesAskedAtStatus_.begin(), timesAskedAtStatus_.end(), [](int rows) {
+    return rows > 1000 && rows < 11000;
+  })) << "a row asks the clock once";
+}
+
+TEST_F(ControlServerTest, EndsWhileARestoreIsUnderWay) {
+  ControlServer::Options options;
+  options.whoIs = Everybody(Role::Admin);
+  Start(options);
+  const Client client(Path());
+  client.Send(Request("PUT /v1/backup", QByteArray(20 << 20, '[')));
+  client.Send(Request("GET /v1/users"));
+  Stop();
+  EXPECT_TRUE(client.IsClosedByServer());
 }
 
 TEST_F(ControlServerTest, SlowClientsAreClosedAndHoldUpNobody) {

@@ -24,7 +24,10 @@ class HouseholdFixture : public testing::Test {
     Clocks clocks;
     clocks.sinceBoot = [this] { return sinceBoot_; };
     clocks.bootId = bootId_;
-    clocks.now = [this] { return now_; };
+    clocks.now = [this] {
+      ++timesAsked_;
+      return now_;
+    };
     HouseholdHooks hooks;
     hooks.userOfUid = [](std::uint32_t uid) -> std::optional<QString> {
       if (uid == 1001) return QStringLiteral("anna");
@@ -70,6 +73,7 @@ class HouseholdFixture : public testing::Test {
   AgentConnection connection_{1, QStringLiteral("local"), 1001};
   std::chrono::milliseconds sinceBoot_{0};
   QDateTime now_{QDate(2009, 3, 5), QTime(18, 0), Qt::OffsetFromUTC, 3600};
+  int timesAsked_ = 0;
   QString bootId_ = QStringLiteral("boot-1");
   std::vector<QString> log_;
   QTemporaryDir folder_;
