@@ -44,6 +44,8 @@ bool BecomeUserForGood(uid_t user, gid_t group) {
       setresuid(user, user, user) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
     return false;
   }
+  // The system may be set up to let that user into processes that have become theirs.
+  if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) return false;
   return IsUser(user) && IsGroup(group) && HasNoCapability() && !CanComeBack(group) &&
          IsUser(user) && IsGroup(group);
 }

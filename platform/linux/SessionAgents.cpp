@@ -54,12 +54,24 @@ SessionAgents FindSessionAgents(const QByteArray& program) {
     }
     if (!Runs(executable, listed.pid, program)) continue;
     const std::optional<SessionAgent> agent = AgentOf(*stat);
-    if (!agent || IsListed(found.agents, *agent)) continue;
+    // Again: what was read meanwhile may be another program's.
+    if (!agent || !Runs(ReadExecutable(listed.pid), listed.pid, program)) continue;
+    if (!IsStill(*agent) || IsListed(found.agents, *agent)) continue;
     if (found.agents.size() < kMaxSessionAgents) found.agents.push_back(*agent);
   }
   std::sort(found.agents.begin(), found.agents.end(),
             [](const auto& one, const auto& other) { return one.process.pid < other.process.pid; });
   return found;
+}
+
+// The program after the user, whom the next program may change, and the start after everything,
+// since the pid may come to be another's.
+bool IsStill(const SessionAgent& agent) {
+  const pid_t pid = agent.process.pid;
+  if (ReadRealUser(pid) != agent.user || ReadRealGroup(pid) != agent.group) return false;
+  if (IdOfExecutable(pid) != agent.program) return false;
+  const std::optional<ProcessStat> stat = ReadProcessStat(pid);
+  return stat && stat->started == agent.process.started;
 }
 
 QByteArray AgentBesideThisProgram() {

@@ -32,6 +32,10 @@ struct SessionAgents {
 // Reads nothing that a process could keep from being read.
 SessionAgents FindSessionAgents(const QByteArray& program);
 
+// Whether it is still that process, of that user and group, and runs that program: a program that
+// it starts in its place may have, or take, other rights.
+[[nodiscard]] bool IsStill(const SessionAgent& agent);
+
 // Where the agent is, seen from a program that is installed beside it; empty where it is not.
 QByteArray AgentBesideThisProgram();
 

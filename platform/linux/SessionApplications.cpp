@@ -71,12 +71,6 @@ void LimitItself() {
   Limit(RLIMIT_AS, OwnMemory() + kMostMemory);
 }
 
-bool IsStill(const SessionAgent& agent) {
-  const std::optional<ProcessStat> stat = ReadProcessStat(agent.process.pid);
-  return stat && stat->started == agent.process.started &&
-         ReadRealUser(agent.process.pid) == agent.user;
-}
-
 void Tell(const QByteArray& text) {
   qsizetype told = 0;
   while (told < text.size()) {
@@ -162,8 +156,24 @@ void Listen(std::vector<Look>& looks, Clock::time_point deadline) {
   }
 }
 
-// Its pid is its own until it is waited for. One that hangs in the kernel beyond a moment is left
-// to init.
+// Its pid is its own until it is waited for, unless the kernel itself waits for it, which a parent
+// that ignores the deaths of children has asked for and a program inherits.
+class OwnChildren {
+ public:
+  OwnChildren() {
+    struct sigaction own {};
+    own.sa_handler = SIG_DFL;
+    (void)sigaction(SIGCHLD, &own, &before_);
+  }
+  ~OwnChildren() { (void)sigaction(SIGCHLD, &before_, nullptr); }
+  OwnChildren(const OwnChildren&) = delete;
+  OwnChildren& operator=(const OwnChildren&) = delete;
+
+ private:
+  struct sigaction before_ {};
+};
+
+// One that hangs in the kernel beyond a moment is left to init.
 void End(std::vector<Look>& looks) {
   for (Look& look : looks) {
     Close(look);
@@ -216,6 +226,7 @@ SessionApplications LookAtSessions(const std::optional<uid_t>& user, const QByte
     look.agent = agent;
     look.leader = LeaderOf(agent);
   }
+  const OwnChildren children;
   const Clock::time_point deadline = Clock::now() + patience;
   for (Look& look : looks) Start(look);
   Listen(looks, deadline);

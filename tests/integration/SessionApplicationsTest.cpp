@@ -8,9 +8,11 @@
 #include <sys/un.h>
 
 #include <QDir>
+#include <algorithm>
 
 #include "Common Sources/Caps.h"
 #include "limits/ApplicationIdentifier.h"
+#include "platform/linux/ProcessTable.h"
 #include "platform/linux/Rights.h"
 #include "platform/linux/SessionView.h"
 #include "tests/integration/World.h"
@@ -272,6 +274,58 @@ TEST_F(SessionApplicationsTest, SilentXServerCostsItsSessionsAnswerAndFacesItsUs
   QFile children(QStringLiteral("/proc/self/task/%1/children").arg(getpid()));
   ASSERT_TRUE(children.open(QIODevice::ReadOnly));
   EXPECT_EQ(children.readAll().simplified().toInt(), agent.pid()) << "nothing else is left";
+}
+
+// What runs in an agent's place may have root's rights, and would be looked at with these.
+TEST_F(SessionApplicationsTest, AgentThatStartsAnotherProgramInItsPlaceIsNone) {
+  CopyAgent("/bin/sh");
+  const std::string gate = world_.Path("gate");
+  ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+  const Program agent({AgentPath(), "-c", "read word < " + gate + "; exec sleep 1000"}, {});
+  const QByteArray path = QByteArray::fromStdString(AgentPath());
+  SessionAgents found;
+  ASSERT_TRUE(WaitUntil([&] { return (found = FindSessionAgents(path)).agents.size() == 1; }));
+  EXPECT_TRUE(IsStill(found.agents[0]));
+  QFile opened(QString::fromStdString(gate));
+  ASSERT_TRUE(opened.open(QIODevice::WriteOnly) && opened.write("go\n") == 3 && opened.flush());
+  EXPECT_TRUE(WaitUntil([&] { return !IsStill(found.agents[0]); }));
+  EXPECT_TRUE(agent.IsRunning());
+}
+
+// A pid that was given back could be anybody's when what still runs is killed.
+TEST_F(SessionApplicationsTest, LookersAreWaitedForThoughDeathsOfChildrenAreIgnored) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root, to become somebody else";
+  CopyAgent("/bin/sleep");
+  const HostileServer server;
+  const Program quick = StartStandIn("");
+  const Program silent = StartStandIn(server.Display(), kAnna);
+  const QByteArray path = QByteArray::fromStdString(AgentPath());
+  ASSERT_TRUE(WaitUntil([&] { return FindSessionAgents(path).agents.size() == 2; }));
+  int seen[2];
+  ASSERT_EQ(pipe(seen), 0);
+  const pid_t parent = getpid();
+  const pid_t watch = fork();
+  if (watch == 0) {
+    const auto isEndedLooker = [parent](const ListedProcess& listed) {
+      const std::optional<ProcessStat> stat = ReadProcessStat(listed.pid);
+      return stat && stat->parent == parent && stat->state == 'Z';
+    };
+    const bool wasSeen = WaitUntil([&] {
+      const std::vector<ListedProcess> all = ListProcesses();
+      return std::any_of(all.begin(), all.end(), isEndedLooker);
+    });
+    if (wasSeen) (void)!write(seen[1], "z", 1);
+    _exit(0);
+  }
+  close(seen[1]);
+  const auto before = signal(SIGCHLD, SIG_IGN);
+  (void)Look({}, 2s);
+  EXPECT_EQ(signal(SIGCHLD, before), SIG_IGN) << "as it was";
+  pollfd wait{seen[0], POLLIN, 0};
+  EXPECT_TRUE(poll(&wait, 1, 0) == 1 && (wait.revents & POLLIN) != 0);
+  close(seen[0]);
+  kill(watch, SIGKILL);
+  waitpid(watch, nullptr, 0);
 }
 
 TEST_F(SessionApplicationsTest, RightsThatAreGivenUpDoNotComeBack) {
