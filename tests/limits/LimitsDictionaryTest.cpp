@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <limits>
 
 #include "Common Sources/PropertyList.h"
@@ -12,9 +11,6 @@
 
 namespace vardell {
 
-static bool operator==(const LimitsRecord& a, const LimitsRecord& b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
-}
 static void PrintTo(const LimitsRecord& record, std::ostream* out) {
   QString text;
   QDebug(&text) << MakeLimitsDictionary(record);
