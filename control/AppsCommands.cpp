@@ -188,7 +188,11 @@ std::optional<uid_t> FindUser(const QString& name) {
 Result ListApplications(const Command& command) {
   LinuxInstalledApplications installed;
   LinuxApplicationPreferences preferences;
-  if (command.rescan) RebuildApplicationsCatalogue(installed, preferences);
+  // What keeps it from being locked keeps it from being stored, and is told then.
+  if (command.rescan) {
+    (void)preferences.Lock();
+    RebuildApplicationsCatalogue(installed, preferences);
+  }
   const QVariantList catalogue = CopyApplicationsCatalogue(installed, preferences);
   Result result;
   if (command.json) {
@@ -210,6 +214,7 @@ Result AddApplication(const Command& command) {
     return NotAdded(command.path, ReasonText(*reason));
   }
   const auto row = MakeCatalogueRow(std::get<ApplicationInfo>(application));
+  if (!preferences.Lock()) return NotAdded(command.path, Printable(preferences.Problem()));
   const std::int32_t status = AddApplicationToCatalogue(installed, preferences, command.path);
   if (!row || status == kNoApplication) {
     return NotAdded(command.path, QStringLiteral("nothing in it makes an identifier"));

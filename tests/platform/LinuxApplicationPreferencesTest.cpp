@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <QDir>
 #include <QFile>
@@ -56,6 +57,28 @@ TEST_F(ApplicationPreferencesTest, AreStoredWhenSynchronisedAndKeepWhatOthersSet
   EXPECT_EQ(status.st_mode & 0777, 0700u);
 }
 
+TEST_F(ApplicationPreferencesTest, ChangesOfSeveralProgramsAtOnceAreAllKept) {
+  constexpr int kPrograms = 4;
+  constexpr int kChanges = 20;
+  for (int program = 0; program < kPrograms; ++program) {
+    if (fork() != 0) continue;
+    for (int change = 0; change < kChanges; ++change) {
+      LinuxApplicationPreferences preferences(path_);
+      if (!preferences.Lock()) _exit(1);
+      preferences.SetValue(kKey, preferences.Value(kKey).value_or(0).toInt() + 1);
+      if (!preferences.Synchronize()) _exit(1);
+      preferences.SetValue(QStringLiteral("%1 %2").arg(program).arg(change), true);
+      if (!preferences.Synchronize()) _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  while (wait(&status) > 0) EXPECT_EQ(status, 0);
+  EXPECT_EQ(Stored(kKey), QVariant(kPrograms * kChanges));
+  for (int program = 0; program < kPrograms; ++program)
+    EXPECT_EQ(Stored(QStringLiteral("%1 0").arg(program)), QVariant(true)) << program;
+}
+
 // ---- failures ----------------------------------------------------------------------------------
 
 TEST_F(ApplicationPreferencesTest, WhatCannotBeUnderstoodIsKeptAside) {
@@ -73,6 +96,38 @@ TEST_F(ApplicationPreferencesTest, WhatCannotBeUnderstoodIsKeptAside) {
     EXPECT_EQ(Contents(preferences.KeptAside()), broken);
   }
   EXPECT_EQ(Files().size(), 3) << "nothing else";
+}
+
+TEST_F(ApplicationPreferencesTest, WhatALinkLeadsToIsKeptAside) {
+  const QString real = folder_.filePath(QStringLiteral("real"));
+  Write("no preferences");
+  ASSERT_TRUE(QFile::rename(path_, real) && QFile::link(real, path_));
+  LinuxApplicationPreferences preferences(path_);
+  preferences.SetValue(kKey, 1);
+  ASSERT_TRUE(preferences.Synchronize());
+  EXPECT_EQ(Contents(preferences.KeptAside()), "no preferences");
+  EXPECT_EQ(Stored(kKey), QVariant(1));
+  EXPECT_TRUE(QFileInfo(path_).isSymLink());
+}
+
+// The home folder of whoever became root may be in the environment still.
+TEST_F(ApplicationPreferencesTest, RootStoresNothingInFoldersOfOthers) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  const QString victim = folder_.filePath(QStringLiteral("victim"));
+  Write("root's");
+  ASSERT_TRUE(QFile::rename(path_, victim));
+  const QString home = folder_.filePath(QStringLiteral("home"));
+  ASSERT_TRUE(QDir().mkdir(home) && QFile::link(victim, home + QStringLiteral("/config.plist")));
+  ASSERT_EQ(chown(home.toUtf8(), test::kAnna, test::kAnna), 0);
+  for (const char* name : {"/config.plist", "/new/config.plist"}) {
+    LinuxApplicationPreferences preferences(home + QLatin1String(name));
+    preferences.SetValue(kKey, 1);
+    EXPECT_FALSE(preferences.Synchronize());
+    EXPECT_FALSE(preferences.Problem().isEmpty());
+    EXPECT_EQ(preferences.Value(kKey), QVariant(1));
+  }
+  EXPECT_EQ(Contents(victim), "root's");
+  EXPECT_EQ(QDir(home).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).size(), 1);
 }
 
 TEST_F(ApplicationPreferencesTest, WhatCannotBeReadIsLeftAlone) {
