@@ -3,12 +3,11 @@
 #include <QJsonArray>
 #include <functional>
 
-#include "control/KnownApplications.h"
 #include "control/LimitsKeys.h"
+#include "control/LimitsNotices.h"
 #include "control/Presets.h"
 #include "control/Tables.h"
 #include "control/Terminal.h"
-#include "limits/ApplicationsCatalogue.h"
 #include "limits/WatchedApps.h"
 
 namespace vardell::control {
@@ -76,6 +75,7 @@ Change ChangeLimit(const Command& command, const HttpClient& server, bool mayBeN
     change.before = Get(server, LimitTarget(command.user, command.identifier));
     const bool isNew = change.before.status == 404 && mayBeNew;
     if (!change.before.ok() && !isNew) return {change.before, change.before};
+    if (isNew) change.before.json = {};
     change.after = Ask(server, request(change.before));
     if (change.after.status != 412) break;
   }
@@ -105,30 +105,16 @@ QString ChangeText(const Command& command, const Change& change) {
   const QString what = isNew             ? QStringLiteral(": a new limit.\n")
                        : table.isEmpty() ? QStringLiteral(": nothing changed.\n")
                                          : QStringLiteral(": changed.\n");
-  return Subject(command) + what + table;
+  return Subject(command) + what + table + WhenItCounts(change.before.json, change.after.json);
 }
 
-// What is not installed here may be on another machine.
-QString NoticeOfNoApplication(const Command& command, const Change& change) {
-  if (change.before.status != 404 || command.identifier != ShownIdentifier(command.identifier) ||
-      CatalogueContainsIdentifier(KnownApplications(), command.identifier)) {
-    return {};
+Result ChangeResult(const Command& command, const Change& change) {
+  if (!change.after.ok()) {
+    return change.after.failure;
   }
-  return QStringLiteral(
-             "no application of this machine has the identifier \"%1\"; see vardellctl apps list")
-      .arg(command.identifier);
-}
-
-// A new limit begins without credit, which is not what one expects of "may run until eight".
-QString NoticeOfNoCredit(const Command& command, const Change& change) {
-  const QJsonObject& limit = change.after.json;
-  const bool isHome = command.identifier == QLatin1String(kGlobalSettingsIdentifier);
-  const bool isEnabled = limit[QStringLiteral("limits")][QStringLiteral("Enabled")].toBool();
-  const bool isSpent = limit[QStringLiteral("credit")].toInteger() == 0;
-  if (change.before.status != 404 || isHome || !isEnabled || !isSpent) return {};
-  return QStringLiteral("%1 has no credit yet. Give some: vardellctl credit add %2 %3 60")
-      .arg(Subject(command), ShellWord(command.user),
-           ShellWord(ShownIdentifier(command.identifier)));
+  Result result = Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
+  result.notice = LimitNotices(change.before.json, change.after.json);
+  return result;
 }
 
 QString RemovalText(const Command& command, const QJsonObject& limit) {
@@ -180,14 +166,7 @@ Result ShowLimits(const Command& command, const HttpClient& server, Terminal& te
 Result SetLimits(const Command& command, const HttpClient& server) {
   const Change change = ChangeLimit(
       command, server, true, [&](const Answer& before) { return ChangeRequest(command, before); });
-  if (!change.after.ok()) {
-    return change.after.failure;
-  }
-  Result result = Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
-  const QStringList notices{NoticeOfNoApplication(command, change),
-                            NoticeOfNoCredit(command, change)};
-  result.notice = notices.join(QLatin1Char('\n')).trimmed();
-  return result;
+  return ChangeResult(command, change);
 }
 
 Result UnsetLimits(const Command& command, const HttpClient& server) {
@@ -196,10 +175,7 @@ Result UnsetLimits(const Command& command, const HttpClient& server) {
   }
   const Change change = ChangeLimit(
       command, server, false, [&](const Answer& before) { return ChangeRequest(command, before); });
-  if (!change.after.ok()) {
-    return change.after.failure;
-  }
-  return Done(command.json ? JsonText(change.after.json) : ChangeText(command, change));
+  return ChangeResult(command, change);
 }
 
 Result ApplyPreset(const Command& command, const HttpClient& server) {

@@ -7,8 +7,9 @@
 namespace vardell::test {
 namespace {
 
-QByteArray LimitOf(const char* identifier, int credit, const QByteArray& keys) {
-  return QByteArray(R"({"user":"anna","revision":7,"identifier":")") + identifier +
+QByteArray LimitOf(const char* identifier, int credit, const QByteArray& keys,
+                   const QByteArray& user = "anna") {
+  return "{\"user\":\"" + user + "\",\"revision\":7,\"identifier\":\"" + identifier +
          "\",\"credit\":" + QByteArray::number(credit) + ",\"limits\":{" + keys + "}}";
 }
 
@@ -55,33 +56,60 @@ TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
        "anna, org.game: nothing changed.\n",
        ""},
       {"new, and spent at once",
-       "limits|set|anna|computer|WD stop=20:00",
-       {kNotFound, Answer(201, LimitOf("com.apple.loginwindow", 0, R"("Enabled":true)"))},
-       "PATCH /v1/users/anna/limits/com.apple.loginwindow HTTP/1.1",
+       "limits|set|root|computer|WD stop=20:00",
+       {kNotFound, Answer(201, LimitOf("com.apple.loginwindow", 0,
+                                       QByteArray(kOpen) + ",\"WD stop\":1200", "root"))},
+       "PATCH /v1/users/root/limits/com.apple.loginwindow HTTP/1.1",
        R"({"limits":{"WD stop":1200,"Enabled":true}})",
-       nullptr,
-       "vardellctl: anna, computer has no credit yet. Give some: vardellctl credit add anna "
-       "computer 60\n"},
-      {"of no application that is installed",
-       "limits|set|anna|org.nothing|Credit=5",
-       {kNotFound, Answer(201, LimitOf("org.nothing", 5, kOpen))},
-       "PATCH /v1/users/anna/limits/org.nothing HTTP/1.1",
+       "root, computer: a new limit.\n"
+       "KEY      BEFORE  NOW\n"
+       "WD stop  23:59   20:00\n"
+       "Agents learn of it at the next login: who is logged in now goes on without it.\n",
+       "vardellctl: root, computer has no credit yet. Give some: vardellctl credit add root "
+       "computer 60\n"
+       "the hours of a week day do not hold yet: \"WD Curfew Enabled=true\" does that\n"},
+      {"of nobody here, and of no application that is installed",
+       "limits|set|no|body\u202e|Credit=5",
+       {kNotFound, Answer(201, LimitOf("body\u202e", 5, kOpen, "no"))},
+       "PATCH /v1/users/no/limits/body%E2%80%AE HTTP/1.1",
        R"({"limits":{"Credit":5,"Enabled":true}})",
-       "anna, org.nothing: a new limit.\n"
+       "no, body\uFFFD: a new limit.\n"
        "KEY     BEFORE  NOW\n"
-       "Credit  0 min   5 min\n",
-       "vardellctl: no application of this machine has the identifier \"org.nothing\"; see "
+       "Credit  0 min   5 min\n"
+       "Agents learn of it when the application is started next: one that is running now goes on "
+       "without it.\n",
+       "vardellctl: no account of this machine has the name \"no\"\n"
+       "no application of this machine has the identifier \"body\uFFFD\"; see "
        "vardellctl apps list\n"},
       {"a home folder has no credit and is not enabled",
-       "limits|set|anna|home|DQ Value=9",
-       {kNotFound, Answer(201, LimitOf("com.brenwick.globalSettings", 0, R"("DQ Value":9)"))},
-       "PATCH /v1/users/anna/limits/com.brenwick.globalSettings HTTP/1.1",
+       "limits|set|root|home|DQ Value=9",
+       {kNotFound,
+        Answer(201, LimitOf("com.brenwick.globalSettings", 0, R"("DQ Value":9)", "root"))},
+       "PATCH /v1/users/root/limits/com.brenwick.globalSettings HTTP/1.1",
        R"({"limits":{"DQ Value":9}})",
-       "anna, home: a new limit.\n"
+       "root, home: a new limit.\n"
        "KEY         BEFORE  NOW\n"
        "DQ Enabled  no      -\n"
-       "DQ Value    0 MiB   9 MiB\n",
-       ""},
+       "DQ Value    0 MiB   9 MiB\n"
+       "Agents learn of it at the next login: who is logged in now goes on without it.\n",
+       "vardellctl: root, home has a quota that does not hold yet: \"DQ Enabled=true\" does "
+       "that\n"},
+      {"enabled again, at hours that allow nothing",
+       "limits|set|anna|org.game|Enabled=yes|WD start=20:00",
+       {Answer(200, Game(5, QByteArray(kOpen) + ",\"Enabled\":false")),
+        Answer(200, Game(5, kHours + ",\"WD start\":1200"))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"Enabled":true,"WD start":1200}})",
+       "anna, org.game: changed.\n"
+       "KEY                BEFORE  NOW\n"
+       "Enabled            no      yes\n"
+       "WD Curfew Enabled  no      yes\n"
+       "WD start           00:00   20:00\n"
+       "WD stop            23:59   20:00\n"
+       "Agents learn of it when the application is started next: one that is running now goes on "
+       "without it.\n",
+       "vardellctl: anna, org.game may not run at any time of a week day: \"WD stop\" is not after "
+       "\"WD start\"\n"},
       {"a preset, one key otherwise",
        "limits|preset|anna|org.game|school-day|WD stop=18:00",
        {Answer(200, Game(0, kOpen)), Answer(200, Game(0, kOpen))},
