@@ -10,8 +10,18 @@
 namespace vardell::control {
 namespace {
 
+// The Server knows the session and the home folder by their identifiers alone.
+QString TitleText(const QJsonObject& problem) {
+  QString title = Printable(problem[QStringLiteral("title")].toString());
+  for (const char* identifier : {kLoginWindowIdentifier, kGlobalSettingsIdentifier}) {
+    title.replace(QLatin1Char('"') + QLatin1String(identifier) + QLatin1Char('"'),
+                  QLatin1Char('"') + ShownIdentifier(QLatin1String(identifier)) + QLatin1Char('"'));
+  }
+  return title;
+}
+
 Result Refused(int status, const QJsonObject& problem) {
-  QString text = Printable(problem[QStringLiteral("title")].toString());
+  QString text = TitleText(problem);
   if (text.isEmpty()) {
     text = QStringLiteral("the Server answered with status %1").arg(status);
   }
@@ -19,8 +29,24 @@ Result Refused(int status, const QJsonObject& problem) {
   if (!field.isEmpty() && !text.contains(field)) {
     text += QStringLiteral(" (%1)").arg(field);
   }
-  const QString hint = Printable(problem[QStringLiteral("hint")].toString());
+  QString hint = Printable(problem[QStringLiteral("hint")].toString());
+  if (status == 404 && hint.isEmpty()) {
+    hint = QStringLiteral("vardellctl limits show lists the limits, limits set makes one.");
+  }
   return Failed(hint.isEmpty() ? text : text + QLatin1Char('\n') + hint);
+}
+
+Result Unanswered(const HttpReply& reply, const QString& path) {
+  const bool isThere = reply.outcome == HttpOutcome::NoAnswer;
+  const QString text =
+      isThere
+          ? QStringLiteral(
+                "the Server at %1 gave no answer: %2\n"
+                "journalctl -u vardell-server may say why.")
+          : QStringLiteral(
+                "the Server cannot be reached at %1: %2\n"
+                "Start it (systemctl start vardell-server), or name its socket with --control.");
+  return {ExitStatus::Unreachable, {}, text.arg(path, reply.trouble)};
 }
 
 }  // namespace
@@ -41,19 +67,22 @@ Answer Ask(const HttpClient& server, const HttpRequest& request) {
   const HttpReply reply = server.Ask(request);
   Answer answer;
   answer.wasReached = reply.outcome != HttpOutcome::Unreachable;
+  answer.trouble = reply.trouble;
   if (reply.outcome == HttpOutcome::Unreachable || reply.outcome == HttpOutcome::NoAnswer) {
-    answer.failure = {ExitStatus::Unreachable, {}, reply.trouble};
+    answer.failure = Unanswered(reply, server.socketPath());
     return answer;
   }
   QJsonParseError parsing;
   const QJsonDocument document = QJsonDocument::fromJson(reply.body, &parsing);
   answer.status = reply.status;
   answer.json = document.object();
+  const QString notUnderstood = QStringLiteral("the Server cannot be understood: ");
   if (reply.outcome == HttpOutcome::BadAnswer) {
-    answer.failure = Failed(QStringLiteral("the Server cannot be understood: ") + reply.trouble);
+    answer.failure = Failed(notUnderstood + answer.trouble);
   } else if (reply.status < 300 &&
              (parsing.error != QJsonParseError::NoError || !document.isObject())) {
-    answer.failure = Failed(QStringLiteral("the Server cannot be understood: no JSON object"));
+    answer.trouble = QStringLiteral("no JSON object");
+    answer.failure = Failed(notUnderstood + answer.trouble);
   } else if (reply.status >= 300) {
     answer.failure = Refused(reply.status, answer.json);
   }
@@ -91,7 +120,13 @@ QString MinutesText(qint64 minutes) {
 }
 
 QString JsonText(const QJsonObject& json) {
-  return QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Indented));
+  QString text;
+  for (const QChar c : QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Indented))) {
+    const bool isPlain = c == QLatin1Char('\n') || c.isSurrogate() || IsPrintable(c.unicode());
+    text +=
+        isPlain ? QString(c) : QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+  }
+  return text;
 }
 
 QByteArray Body(const QJsonObject& json) {

@@ -26,6 +26,7 @@ Result Misused(const QString& error);
 struct Answer {
   int status = 0;  // 0: it may or may not have been done, unless nobody was there
   bool wasReached = true;
+  QString trouble;  // for people: why there is no answer, in a few words; empty where there is one
   QJsonObject json;
   Result failure;
   bool ok() const { return failure.status == ExitStatus::Done && status < 300; }
@@ -46,7 +47,8 @@ QString ShellWord(const QString& text);
 // "1 minute", "2 minutes".
 QString MinutesText(qint64 minutes);
 
-QString JsonText(const QJsonObject& json);  // indented, for people and scripts
+// Indented, for people and scripts; what a terminal would obey is escaped.
+QString JsonText(const QJsonObject& json);
 QByteArray Body(const QJsonObject& json);
 
 // "computer" and "home" for the identifiers that stand for them; any other as it is, printable.

@@ -71,6 +71,10 @@ QString IdentifierOf(const QString& word) {
   return word;
 }
 
+bool IsOfCredit(Verb verb) {
+  return verb == Verb::CreditShow || verb == Verb::CreditSet || verb == Verb::CreditAdd;
+}
+
 QString TakePair(const QString& word, Command* command) {
   const qsizetype equals = word.indexOf(QLatin1Char('='));
   if (equals < 1) {
@@ -126,6 +130,10 @@ QString TakeWord(const QString& name, const QString& word, Command* command) {
   }
   if (name == QLatin1String("IDENTIFIER")) {
     command->identifier = IdentifierOf(word);
+    if (command->identifier == QLatin1String(kGlobalSettingsIdentifier) &&
+        IsOfCredit(command->verb)) {
+      return QStringLiteral("a home folder has no credit; \"limits set\" changes its quota");
+    }
     return NameProblem(QStringLiteral("identifier"), word);
   }
   if (name == QLatin1String("KEY=VALUE")) return TakePair(word, command);
@@ -227,31 +235,32 @@ ArgumentsResult ParseArguments(const QStringList& arguments) {
     command.verb = Verb::Complete;
     command.words = arguments.mid(arguments.value(1) == QLatin1String("--") ? 2 : 1);
     command.control = ControlAmong(command.words);
-    return {command, {}};
+    return {command, {}, nullptr};
   }
   const Split split = SplitOptions(arguments);
   qsizetype used = 0;
   const CommandShape* shape = FindCommand(split.words, &used);
   if (split.options.contains(QStringLiteral("--help"))) {
     command.about = shape;
-    return {command, {}};
+    return {command, {}, nullptr};
   }
   if (!split.problem.isEmpty()) {
-    return {std::nullopt, split.problem};
+    return {std::nullopt, split.problem, shape};
   }
   if (split.options.contains(QStringLiteral("--version"))) {
     command.verb = Verb::Version;
-    return {command, {}};
+    return {command, {}, nullptr};
   }
   if (shape == nullptr) {
-    return {std::nullopt, UnknownCommand(split.words)};
+    return {std::nullopt, UnknownCommand(split.words), nullptr};
   }
   command.verb = shape->verb;
   QString problem = TakeOptions(split.options, *shape, &command);
   if (problem.isEmpty()) {
     problem = TakeWords(split.words.mid(used), *shape, &command);
   }
-  return problem.isEmpty() ? ArgumentsResult{command, {}} : ArgumentsResult{std::nullopt, problem};
+  return problem.isEmpty() ? ArgumentsResult{command, {}, shape}
+                           : ArgumentsResult{std::nullopt, problem, shape};
 }
 
 }  // namespace vardell::control

@@ -39,7 +39,8 @@ struct Command {
 
 struct ArgumentsResult {
   std::optional<Command> command;
-  QString problem;  // for people, where there is no command
+  QString problem;                      // for people, where there is no command
+  const CommandShape* about = nullptr;  // which command the problem is about; null: none of them
 };
 
 // `arguments` without the program's own name.

@@ -14,9 +14,7 @@ Answer AskForCredit(const Command& command, const HttpClient& server, const QByt
                          {QStringLiteral("reason"), command.reason}};
   Answer answer = Ask(
       server, {method, LimitTarget(command.user, command.identifier) + resource, {}, Body(body)});
-  if (answer.status == 404) {
-    answer.failure.error += QStringLiteral("\nvardellctl limits set makes a limit first.");
-  } else if (answer.status == 0 && answer.wasReached) {
+  if (answer.status == 0 && answer.wasReached) {
     answer.failure.error +=
         QStringLiteral("\nIt may have been done; the same command with --id %1 is safe to repeat.")
             .arg(ShellWord(command.id));

@@ -47,6 +47,7 @@ class HttpClient {
  public:
   HttpClient(QString socketPath, std::chrono::milliseconds patience);
   HttpReply Ask(const HttpRequest& request) const;
+  const QString& socketPath() const { return socketPath_; }
 
  private:
   QString socketPath_;

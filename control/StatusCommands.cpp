@@ -9,6 +9,7 @@ namespace vardell::control {
 namespace {
 
 constexpr int kLedgerPage = 500;
+constexpr qsizetype kMostLedgerRows = 50'000;  // of one command; about 150 MB while it lasts
 
 Answer LedgerPage(const Command& command, const HttpClient& server, qint64 after) {
   return Get(server, "/v1/ledger?after=" + QByteArray::number(after) + "&user=" +
@@ -42,7 +43,8 @@ Result ShowStatus(const Command& command, const HttpClient& server) {
 Result ShowLedger(const Command& command, const HttpClient& server, Terminal& terminal) {
   QJsonArray rows;
   qint64 after = command.after;
-  while (true) {
+  bool isMore = false;
+  while (!isMore) {
     terminal.Progress(QStringLiteral("Reading the ledger"), rows.size(), 0);
     const Answer page = LedgerPage(command, server, after);
     if (!page.ok()) {
@@ -60,8 +62,17 @@ Result ShowLedger(const Command& command, const HttpClient& server, Terminal& te
       return Failed(QStringLiteral("the Server cannot be understood: its ledger does not go on"));
     }
     after = last;
+    isMore = rows.size() >= kMostLedgerRows;
   }
-  return Done(command.json ? JsonText({{QStringLiteral("rows"), rows}}) : LedgerTable(rows));
+  const QJsonObject json{{QStringLiteral("rows"), rows}, {QStringLiteral("more"), isMore}};
+  Result result = Done(command.json ? JsonText(json) : LedgerTable(rows));
+  if (isMore) {
+    result.notice =
+        QStringLiteral("these are %1 rows, and there may be more: --after %2 shows the next ones")
+            .arg(rows.size())
+            .arg(after);
+  }
+  return result;
 }
 
 }  // namespace vardell::control

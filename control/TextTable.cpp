@@ -97,20 +97,23 @@ QString AlignedTable(const std::vector<QStringList>& rows) {
   return text;
 }
 
+bool IsPrintable(char32_t character) {
+  switch (QChar::category(character)) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Other_Surrogate:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+      return false;
+    default:
+      return true;
+  }
+}
+
 QString Printable(const QString& text) {
   QList<uint> clean = text.toUcs4();
   for (uint& character : clean) {
-    switch (QChar::category(character)) {
-      case QChar::Other_Control:
-      case QChar::Other_Format:
-      case QChar::Other_Surrogate:
-      case QChar::Separator_Line:
-      case QChar::Separator_Paragraph:
-        character = QChar::ReplacementCharacter;
-        break;
-      default:
-        break;
-    }
+    if (!IsPrintable(character)) character = QChar::ReplacementCharacter;
   }
   return QString::fromUcs4(reinterpret_cast<const char32_t*>(clean.constData()), clean.size());
 }

@@ -148,11 +148,16 @@ QString ChartOfAll(const History& history, const Period& period, const Terminal&
   return text;
 }
 
+// A spreadsheet computes what begins so; with an apostrophe before it, it is a text.
+bool LooksLikeFormula(const QString& text) {
+  return QStringLiteral("=+-@").contains(text.trimmed().left(1)) && !text.trimmed().isEmpty();
+}
+
 QString CsvField(const QString& text) {
-  const bool isPlain = !text.contains(QLatin1Char('"')) && !text.contains(QLatin1Char(',')) &&
-                       text.trimmed().size() == text.size();
-  if (isPlain) return text;
-  QString inside = text;
+  QString inside = LooksLikeFormula(text) ? QLatin1Char('\'') + text : text;
+  const bool isPlain = !inside.contains(QLatin1Char('"')) && !inside.contains(QLatin1Char(',')) &&
+                       inside.trimmed().size() == inside.size();
+  if (isPlain) return inside;
   return QLatin1Char('"') + inside.replace(QLatin1Char('"'), QStringLiteral("\"\"")) +
          QLatin1Char('"');
 }

@@ -1,5 +1,7 @@
 #include <QCoreApplication>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "Common Sources/TestHooks.h"
 #include "control/Arguments.h"
@@ -13,22 +15,18 @@ using namespace vardell::control;
 
 constexpr std::chrono::seconds kPatience{20};
 
-int Print(const QString& text) {
-  const QByteArray bytes = text.toUtf8();
-  std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
-  return std::fflush(stdout) == 0 ? 0 : 1;
-}
-
 int Complain(ExitStatus status, const QString& text) {
   std::fprintf(stderr, "vardellctl: %s\n", qUtf8Printable(text));
   return static_cast<int>(status);
 }
 
-QString UnreachableText(const QString& path, const QString& trouble) {
-  return QStringLiteral(
-             "the Server cannot be reached at %1: %2\n"
-             "Start it (systemctl start vardell-server), or name its socket with --control.")
-      .arg(path, trouble);
+int Print(const QString& text) {
+  const QByteArray bytes = text.toUtf8();
+  const auto size = static_cast<std::size_t>(bytes.size());
+  if (std::fwrite(bytes.constData(), 1, size, stdout) == size && std::fflush(stdout) == 0) return 0;
+  return Complain(ExitStatus::Failed,
+                  QStringLiteral("what was to be shown could not be written: %1")
+                      .arg(QString::fromLocal8Bit(std::strerror(errno))));
 }
 
 }  // namespace
@@ -37,8 +35,10 @@ int main(int argc, char* argv[]) {
   const QCoreApplication application(argc, argv);
   const ArgumentsResult parsed = ParseArguments(application.arguments().mid(1));
   if (!parsed.command) {
+    const QString about = parsed.about ? parsed.about->words.join(QLatin1Char(' ')) : QString();
     return Complain(ExitStatus::Usage,
-                    parsed.problem + QStringLiteral("\nvardellctl --help tells more."));
+                    QStringLiteral("%1\nvardellctl %2 tells more.")
+                        .arg(parsed.problem, (about + QStringLiteral(" --help")).trimmed()));
   }
   const Command& command = *parsed.command;
   if (command.verb == Verb::Help) {
@@ -59,7 +59,5 @@ int main(int argc, char* argv[]) {
     if (!result.notice.isEmpty()) (void)Complain(ExitStatus::Done, result.notice);
     return printed;
   }
-  return Complain(result.status, result.status == ExitStatus::Unreachable
-                                     ? UnreachableText(path, result.error)
-                                     : result.error);
+  return Complain(result.status, result.error);
 }

@@ -89,6 +89,13 @@ TEST(UsageCommands, AUsersIdentifiersAreRankedBehindTheSession) {
   EXPECT_FALSE(shown.contains(u"old"_s));
   EXPECT_TRUE(shown.endsWith(u"\nAt the computer: 20 minutes\n"_s)) << qPrintable(shown);
 
+  const auto formula = [](const QDate& day) {
+    return "{\"usage\":[{\"identifier\":\"=cmd|' /C calc'!A0\",\"days\":" + Days({{day, 1}}) +
+           "}]}";
+  };
+  EXPECT_EQ(Usage("usage|@anna|--csv", formula, &today).output.toUtf8(),
+            "user,identifier,day,minutes\r\n'@anna,'=cmd|' /C calc'!A0," + Text(today) + ",1\r\n");
+
   const QString csv = Usage("usage|anna|--period|month|--csv", answer, &today).output;
   EXPECT_EQ(csv.toUtf8(), "user,identifier,day,minutes\r\nanna,computer," + Text(today) +
                               ",20\r\nanna,\"org,\"\"a\uFFFD\"," + Text(today.addDays(-30)) +

@@ -5,6 +5,7 @@
 
 #include "control/HttpClient.h"
 #include "tests/control/RunVardellctl.h"
+#include "tests/support/Program.h"
 
 namespace vardell::test {
 namespace {
@@ -46,7 +47,9 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
               {"credit|add|anna|org.game|-0", "adding 0 minutes changes nothing"},
               {"credit|add|anna|org.game|--5", "there is no option \"--5\""},
               {"limits|destroy", "there are: limits show, limits set"},
-              {"destroy|all", "there is no command \"destroy\""}};
+              {"credit|add|anna|home|5", "a home folder has no credit"},
+              {"usage", "\nvardellctl usage --help tells more."},
+              {"destroy|all", "there is no command \"destroy\"\nvardellctl --help"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.words);
     const Outcome outcome = Vardellctl(row.words, {});
@@ -203,9 +206,10 @@ TEST(Vardellctl, AFailureIsOneClearErrorAndAnExitStatus) {
            409,
            R"({"code":"id-reused","title":"used before","field":"id","hint":"take another id"})"),
        1, "vardellctl: used before (id)\ntake another id\n"},
-      {kNotFound, 1, "No limit\nvardellctl limits set makes a limit first.\n"},
+      {kNotFound, 1, "No limit\nvardellctl limits show lists the limits, limits set makes one."},
+      {Answer(422, R"({"title":"no \"com.apple.loginwindow\""})"), 1, "no \"computer\"\n"},
       {Answer(503, "busy"), 1, "answered with status 503"},
-      {"", 3, "it hung up before its answer was complete"},
+      {"", 3, "gave no answer: it hung up before its answer was complete"},
       {"", 3, "--id k is safe to repeat"},
       {"HTTP/1.1 200 OK\r\nConte", 3, "it hung up"},
       {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{", 3, "it hung up"},
@@ -231,6 +235,40 @@ TEST(Vardellctl, AServerThatIsNotThereIsSaidWithWhatToDoButHelpNeedsNone) {
   const Outcome help = RunAt(nowhere, Words("limits|--help"));
   EXPECT_EQ(help.status, 0);
   EXPECT_TRUE(help.output.contains(u"limits set USER IDENTIFIER KEY=VALUE..."_s));
+}
+
+TEST(Vardellctl, WhatATerminalWouldObeyIsEscapedInJson) {
+  const QByteArray answer = R"({"user":"\u009b2J\u202e\u007f\u2028é\ud83d\ude00","credit":1})";
+  const QByteArray json =
+      Vardellctl("--json|limits|show|anna|x", {Answer(200, answer)}).output.toUtf8();
+  EXPECT_TRUE(json.contains(R"("\u009b2J\u202e\u007f\u2028)"
+                            "é\U0001F600\""))
+      << json.data();
+  EXPECT_EQ(QJsonDocument::fromJson(json), QJsonDocument::fromJson(answer));
+}
+
+TEST(Vardellctl, WhatCannotBePrintedIsAFailureThatIsSaid) {
+  const Finished full =
+      test::Run({"/bin/sh", "-c", VARDELL_BIN_DIR "/vardellctl --version >/dev/full"}, {});
+  EXPECT_EQ(full.status, 1);
+  EXPECT_EQ(full.output,
+            u"vardellctl: what was to be shown could not be written: No space left on device\n"_s);
+}
+
+TEST(Vardellctl, ALongLedgerIsReadInParts) {
+  std::vector<QByteArray> pages;
+  for (int page = 0; page < 50; ++page) {
+    QByteArray rows;
+    for (int row = 1; row <= 1000; ++row) {
+      rows += (row > 1 ? ",{\"id\":" : "{\"id\":") + QByteArray::number(page * 1000 + row) + "}";
+    }
+    pages.push_back(Answer(200, "{\"rows\":[" + rows + "]}"));
+  }
+  const Outcome outcome = Vardellctl("ledger|--json", pages);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.requests.size(), 50u);
+  EXPECT_TRUE(outcome.error.contains(u"--after 50000 shows the next ones"_s));
+  EXPECT_EQ(QJsonDocument::fromJson(outcome.output.toUtf8())[u"more"_s], true);
 }
 
 TEST(Vardellctl, ALedgerThatDoesNotGoOnEndsTheReading) {
