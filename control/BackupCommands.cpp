@@ -15,6 +15,9 @@ namespace {
 
 constexpr int kPackingSteps = 3;
 
+// How long the Server may take over a whole household before it says a word.
+constexpr std::chrono::minutes kHouseholdPatience{5};
+
 QJsonObject WrittenJson(const QString& path, qsizetype bytes, const BackupCounts& counts) {
   return {{QStringLiteral("file"), path},
           {QStringLiteral("bytes"), bytes},
@@ -26,16 +29,34 @@ QJsonObject WrittenJson(const QString& path, qsizetype bytes, const BackupCounts
 
 }  // namespace
 
+Answer AskPatiently(const HttpClient& server, HttpRequest request, const QString& what,
+                    Terminal& terminal, const std::function<bool()>& isGivenUp) {
+  bool isWaiting = request.body.isEmpty();
+  const auto moved = [&](std::int64_t done, std::int64_t total) {
+    terminal.Progress(what, done, total);
+  };
+  request.patience = kHouseholdPatience;
+  request.sending = [&](std::int64_t done, std::int64_t total) {
+    isWaiting = done == total;
+    moved(done, total);
+  };
+  request.receiving = [&](std::int64_t done, std::int64_t total) {
+    isWaiting = false;
+    moved(done, total);
+  };
+  request.isGivenUp = [&] {
+    if (isWaiting) terminal.Wait(what);
+    return isGivenUp && isGivenUp();
+  };
+  Answer answer = Ask(server, request);
+  terminal.EndProgress();
+  return answer;
+}
+
 CollectedBackup CollectBackup(const HttpClient& server, const QVariantMap& settings,
                               Terminal& terminal, const std::function<bool()>& isGivenUp) {
-  HttpRequest request{"GET", "/v1/backup", {}, {}};
-  request.patience = kHouseholdPatience;
-  request.isGivenUp = isGivenUp;
-  request.receiving = [&](std::int64_t done, std::int64_t total) {
-    terminal.Progress(QStringLiteral("Asking the Server"), done, total);
-  };
-  const Answer answer = Ask(server, request);
-  terminal.EndProgress();
+  const Answer answer = AskPatiently(server, {"GET", "/v1/backup", {}, {}},
+                                     QStringLiteral("Asking the Server"), terminal, isGivenUp);
   if (!answer.ok()) return {{}, answer.failure};
   Backup backup{QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch(), Qt::UTC),
                 QSysInfo::machineHostName(), answer.json.toVariantMap(), settings,

@@ -25,7 +25,8 @@ struct WrittenBackup {
 // Said to be written once it has been read back.
 WrittenBackup WriteBackupFile(const Backup& backup, const QString& path, Terminal& terminal);
 
-// How long the Server may take over a whole household before it says a word.
-inline constexpr std::chrono::minutes kHouseholdPatience{5};
+// Asks for what keeps the Server busy for minutes, and shows how far it is. `isGivenUp`: ends it.
+Answer AskPatiently(const HttpClient& server, HttpRequest request, const QString& what,
+                    Terminal& terminal, const std::function<bool()>& isGivenUp);
 
 }  // namespace vardell::control

@@ -12,17 +12,19 @@ namespace {
 using Entries = QMap<QString, QVariant>;
 
 Entries DaysOf(const Backup& backup) {
-  Entries entries;
+  QMap<QString, QVariantMap> used;
   const QVariantList usage = backup.household.value(QStringLiteral("usage")).toList();
   for (const QVariant& value : usage) {
     const QVariantMap entry = value.toMap();
-    const QString name = entry.value(QStringLiteral("user")).toString() + QChar(0) +
-                         entry.value(QStringLiteral("identifier")).toString() + QChar(0);
+    const QString user = entry.value(QStringLiteral("user")).toString() + QChar(0);
+    const QString identifier = entry.value(QStringLiteral("identifier")).toString();
     const QVariantMap days = entry.value(QStringLiteral("days")).toMap();
     for (auto day = days.begin(); day != days.end(); ++day) {
-      entries.insert(name + day.key(), day.value());
+      used[user + day.key()].insert(identifier, day.value());
     }
   }
+  Entries entries;
+  for (auto day = used.begin(); day != used.end(); ++day) entries.insert(day.key(), *day);
   return entries;
 }
 

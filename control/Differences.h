@@ -20,7 +20,7 @@ struct ListDifferences {
 
 struct Differences {
   ListDifferences limits;  // credit is part of one
-  ListDifferences days;    // a day's use of one limit
+  ListDifferences days;    // of a person, with all that was used
   std::vector<SettingChange> settings;
   ListDifferences applications;
   bool any() const { return limits.any() || days.any() || !settings.empty() || applications.any(); }

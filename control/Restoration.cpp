@@ -25,19 +25,13 @@ Result With(Result failure, const QString& line) {
 
 Answer PutHousehold(const HttpClient& server, const QVariantMap& household, bool check,
                     Terminal& terminal, const std::function<bool()>& isGivenUp) {
-  HttpRequest request{"PUT",
-                      check ? "/v1/backup?check=1" : "/v1/backup",
-                      {},
-                      Body(QJsonObject::fromVariantMap(household))};
-  request.patience = kHouseholdPatience;
-  request.isGivenUp = isGivenUp;
-  request.sending = [&](std::int64_t done, std::int64_t total) {
-    terminal.Progress(check ? QStringLiteral("Checking") : QStringLiteral("Restoring"), done,
-                      total);
-  };
-  Answer answer = Ask(server, request);
-  terminal.EndProgress();
-  return answer;
+  return AskPatiently(server,
+                      {"PUT",
+                       check ? "/v1/backup?check=1" : "/v1/backup",
+                       {},
+                       Body(QJsonObject::fromVariantMap(household))},
+                      check ? QStringLiteral("Checking") : QStringLiteral("Restoring"), terminal,
+                      isGivenUp);
 }
 
 Restoration::Restoration(const Backup& wanted, const QString& file, const HttpClient& server,
@@ -95,7 +89,7 @@ Result Restoration::ReplaceOnServer() {
   const bool isRefused = answer.status >= 300 || !answer.wasReached;
   if (isRefused) return Undo(answer.failure);
   const bool mayAsk = !held_.HasCome();
-  if (!answer.ok() && !(mayAsk && HasServerTaken())) return AnswerLost(answer.failure.error);
+  if (!answer.ok() && !(mayAsk && HasServerTaken())) return AnswerLost(answer.trouble);
   ForgetRestore();
   return {};
 }

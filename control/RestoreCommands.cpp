@@ -1,5 +1,11 @@
 #include "control/RestoreCommands.h"
 
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QFile>
+
 #include "Common Sources/Caps.h"
 #include "control/BackupCommands.h"
 #include "control/Differences.h"
@@ -18,11 +24,25 @@ struct Checked {
   Result failure;
 };
 
+// A backup proves nothing about who wrote it.
+QString StrangersText(const QString& path) {
+  struct stat facts {};
+  if (stat(QFile::encodeName(path).constData(), &facts) != 0) return {};
+  const bool isOurs = facts.st_uid == 0 || facts.st_uid == geteuid();
+  if (isOurs && (facts.st_mode & (S_IWGRP | S_IWOTH)) == 0) return {};
+  const passwd* owner = getpwuid(facts.st_uid);
+  return isOurs ? QStringLiteral("Not root alone can write to this file.\n")
+                : QStringLiteral("This file belongs to %1, who may have changed it.\n")
+                      .arg(owner ? QString::fromLocal8Bit(owner->pw_name)
+                                 : QStringLiteral("uid %1").arg(facts.st_uid));
+}
+
 QString Heading(const Command& command, const Backup& wanted) {
   return QStringLiteral("%1: %2\nMade %3 on %4\n")
-      .arg(command.path, CountsText(CountsOf(wanted)),
-           wanted.made.toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-           Printable(wanted.machine));
+             .arg(command.path, CountsText(CountsOf(wanted)),
+                  wanted.made.toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                  Printable(wanted.machine)) +
+         StrangersText(command.path);
 }
 
 Checked Check(const Backup& wanted, const HttpClient& server, Terminal& terminal) {

@@ -66,14 +66,26 @@ Terminal::~Terminal() {
 }
 
 void Terminal::Progress(const QString& what, std::int64_t done, std::int64_t total) {
-  if (!showsProgress_) return;
+  if (IsTimeToDraw()) Draw(ProgressText(what, done, total, canShowBlocks_));
+}
+
+void Terminal::Wait(const QString& what) {
+  if (!IsTimeToDraw()) return;
+  const auto lasted = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begun_);
+  Draw(QStringLiteral("%1, %2 s").arg(what).arg(lasted.count()));
+}
+
+bool Terminal::IsTimeToDraw() {
+  if (!showsProgress_) return false;
   const auto now = Clock::now();
   if (begun_ == Clock::time_point()) begun_ = now;
-  if (now - begun_ < kBeforeItShows || now - drawn_ < kBetweenDrawings) return;
-  drawn_ = now;
+  return now - begun_ >= kBeforeItShows && now - drawn_ >= kBetweenDrawings;
+}
+
+void Terminal::Draw(const QString& text) {
+  drawn_ = Clock::now();
   isShown_ = true;
-  Say(QLatin1String(kClearLine) +
-      ProgressText(what, done, total, canShowBlocks_).left(WidthOf(STDERR_FILENO) - 1));
+  Say(QLatin1String(kClearLine) + text.left(WidthOf(STDERR_FILENO) - 1));
 }
 
 void Terminal::EndProgress() {

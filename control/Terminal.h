@@ -18,6 +18,8 @@ class Terminal {
   // Work that lasts: a bar with `what` appears when it has lasted a while. `total` 0: not known.
   // Calls cost next to nothing between two drawings.
   void Progress(const QString& what, std::int64_t done, std::int64_t total);
+  // Work of which nothing is known until it is done: likewise, with the seconds that it lasts.
+  void Wait(const QString& what);
   // The bar goes; what is printed next begins at a clear line.
   void EndProgress();
 
@@ -30,6 +32,9 @@ class Terminal {
   bool canShowBlocks() const { return canShowBlocks_; }  // the locale's characters are Unicode's
 
  private:
+  bool IsTimeToDraw();
+  void Draw(const QString& text);
+
   bool showsProgress_ = false;
   bool canAsk_ = false;
   bool canShowBlocks_ = false;

@@ -26,14 +26,18 @@ QJsonObject Limit(const QString& user, const QString& identifier, qint64 credit)
           {u"credit"_s, credit}};
 }
 
+// Two applications are used on each of these days.
 QJsonObject Household(const QJsonArray& limits, const QJsonObject& days) {
-  const QJsonObject usage{
-      {u"user"_s, u"anna"_s}, {u"identifier"_s, u"org.game"_s}, {u"days"_s, days}};
+  QJsonArray usage;
+  for (const QString& identifier : {u"org.game"_s, u"org.other"_s}) {
+    usage.append(
+        QJsonObject{{u"user"_s, u"anna"_s}, {u"identifier"_s, identifier}, {u"days"_s, days}});
+  }
   return {{u"format"_s, 1},
           {u"made"_s, u"2026-11-20T18:00:00+01:00"_s},
           {u"server"_s, u"0.1.0"_s},
           {u"limits"_s, limits},
-          {u"usage"_s, QJsonArray{usage}}};
+          {u"usage"_s, usage}};
 }
 
 const QJsonObject kOld = Household(
@@ -132,7 +136,11 @@ TEST_F(BackupAndRestore, GiveBackAllThatWasThereAndTakeItBackAgain) {
   ASSERT_EQ(stat(file_.c_str(), &facts), 0);
   EXPECT_EQ(facts.st_mode & 07777, 0600u);
 
-  EXPECT_TRUE(Restore(file_, "--check").output.contains(u"Nothing differs"_s));
+  EXPECT_TRUE(
+      Restore(file_, "--check")
+          .output.contains(u" on "_s + QSysInfo::machineHostName() + u"\nNothing differs"_s));
+  ASSERT_EQ(chmod(file_.c_str(), 0622), 0);
+  EXPECT_TRUE(Restore(file_, "--check").output.contains(u"alone can write to this file"_s));
   EXPECT_EQ(Restore(file_).status, 0);
   EXPECT_EQ(Files().size(), 1);  // nothing to keep
 
@@ -263,7 +271,7 @@ TEST_F(BackupAndRestore, AStepThatFailsPutsBackWhatWasDoneBefore) {
   } rows[] = {{Trouble::Refuses, {}, "the store is full\nNothing was changed"},
               {Trouble::None, settingsPath_ + u".tmp"_s, "They are as they were"},
               {Trouble::None, ApplicationPreferencesPath(), "is no regular file"},
-              {Trouble::Stops, {}, "No such file or directory\nNothing was changed"}};
+              {Trouble::Stops, {}, "No such file or directory\nStart it"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.says);
     SetNew(row.trouble);

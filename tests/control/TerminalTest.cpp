@@ -24,15 +24,15 @@ std::vector<ScriptedPeer::Script> SlowPages(int count, std::chrono::milliseconds
 }
 
 // What the terminal was sent. Standard output goes nowhere.
-QByteArray OnTerminal(const QString& control, const char* kind) {
+QByteArray OnTerminal(const QString& control, const char* kind, const char* words = "ledger") {
   int terminal = -1;
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
   if (pid == 0) {
     setenv("TERM", kind, 1);
     const std::string path = control.toStdString();
     (void)!freopen("/dev/null", "w", stdout);
-    execl(VARDELL_BIN_DIR "/vardellctl", "vardellctl", "--control", path.c_str(), "ledger",
-          static_cast<char*>(nullptr));
+    execl("/bin/sh", "sh", "-c", VARDELL_BIN_DIR "/vardellctl --control \"$0\" $1", path.c_str(),
+          words, static_cast<char*>(nullptr));
     _exit(127);
   }
   QByteArray sent;
@@ -53,6 +53,21 @@ TEST(Terminal, LongWorkShowsOnATerminalHowFarItIsAndLeavesNothingBehind) {
   EXPECT_TRUE(sent.contains("\r\x1b[KReading the ledger: 2")) << sent.data();
   EXPECT_TRUE(sent.endsWith("\r\x1b[K")) << sent.data();
   EXPECT_FALSE(sent.contains("Reading the ledger: 0")) << sent.data();
+}
+
+TEST(Terminal, AServerThatWorksWithoutAWordIsSeenToBeWaitedFor) {
+  const QTemporaryDir folder;
+  const QString path = folder.filePath(u"control.sock"_s);
+  const ScriptedPeer slow({[](PeerConnection& peer) {
+                            QByteArray request;
+                            while (!request.endsWith("\r\n\r\n")) request += peer.ReadBytes(1);
+                            peer.Pause(600ms);
+                            peer.Send(Answer(200, R"({"limits":[],"usage":[]})"));
+                          }},
+                          path);
+  const std::string words = "backup " + folder.filePath(u"file"_s).toStdString();
+  const QByteArray sent = OnTerminal(path, "vt100", words.c_str());
+  EXPECT_TRUE(sent.contains("\r\x1b[KAsking the Server, 0 s\r\x1b[K")) << sent.data();
 }
 
 TEST(Terminal, QuickWorkADumbTerminalAndAPipeShowNothing) {
