@@ -21,8 +21,8 @@ struct DesktopEntryKeys {
   QStringList notShowIn;
 };
 
-// Absent for what is no application, and where the name or the command is no UTF-8. `languages` best first, as in
-// "de_AT", "de". Of keys that come twice the first one counts.
+// Absent for what is no application, and where the name or the command is no UTF-8. `languages`
+// best first, as in "de_AT", "de". Of keys that come twice the first one counts.
 std::optional<DesktopEntryKeys> ReadDesktopEntryKeys(const QByteArray& text,
                                                      const QStringList& languages);
 
