@@ -189,10 +189,8 @@ Result ListApplications(const Command& command) {
   LinuxInstalledApplications installed;
   LinuxApplicationPreferences preferences;
   // What keeps it from being locked keeps it from being stored, and is told then.
-  if (command.rescan) {
-    (void)preferences.Lock();
-    RebuildApplicationsCatalogue(installed, preferences);
-  }
+  if (command.rescan || !HasApplicationsCatalogue(preferences)) (void)preferences.Lock();
+  if (command.rescan) RebuildApplicationsCatalogue(installed, preferences);
   const QVariantList catalogue = CopyApplicationsCatalogue(installed, preferences);
   Result result;
   if (command.json) {

@@ -51,10 +51,10 @@ bool IsAnothers(const QString& folder) {
 
 // A file system without locks leaves its users to chance.
 bool LinuxApplicationPreferences::FolderLock::Take(const QString& folder) {
-  if (folder_ >= 0) return true;
+  if (IsTaken()) return true;
   folder_ = open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
-  while (folder_ >= 0 && flock(folder_, LOCK_EX | LOCK_NB) != 0) {
+  while (IsTaken() && flock(folder_, LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
     if (errno != EWOULDBLOCK) break;
     if (std::chrono::steady_clock::now() >= deadline) {
@@ -64,11 +64,11 @@ bool LinuxApplicationPreferences::FolderLock::Take(const QString& folder) {
     }
     poll(nullptr, 0, kLockPauseMs);
   }
-  return folder_ >= 0;
+  return IsTaken();
 }
 
 void LinuxApplicationPreferences::FolderLock::Release() {
-  if (folder_ >= 0) close(std::exchange(folder_, -1));
+  if (IsTaken()) close(std::exchange(folder_, -1));
 }
 
 QString ApplicationPreferencesPath() {
@@ -128,8 +128,9 @@ bool LinuxApplicationPreferences::TakeLock() {
 
 bool LinuxApplicationPreferences::Synchronize() {
   problem_.clear();
+  const bool wasLocked = lock_.IsTaken();
   const bool isStored = (set_.isEmpty() || TakeLock()) && Store();
-  lock_.Release();
+  if (!wasLocked) lock_.Release();
   return isStored;
 }
 

@@ -20,9 +20,9 @@ class LinuxApplicationPreferences : public ApplicationPreferences {
   void SetValue(const QString& key, const QVariant& value) override;
   bool Synchronize() override;
 
-  // Keeps other programs from storing until the next Synchronize(), or the end of this object, and
-  // takes in what they have stored: for a change of what is stored. Waits for one that has the
-  // preferences up to two seconds. False as Synchronize() is.
+  // Keeps other programs from storing until the end of this object, and takes in what they have
+  // stored: for a change of what is stored. Waits up to two seconds for one that does the same.
+  // False as Synchronize() is.
   [[nodiscard]] bool Lock();
 
   // What kept the last Synchronize() from its work, for people; empty where nothing did.
@@ -40,6 +40,7 @@ class LinuxApplicationPreferences : public ApplicationPreferences {
     FolderLock& operator=(const FolderLock&) = delete;
     bool Take(const QString& folder);  // errno tells why not
     void Release();
+    bool IsTaken() const { return folder_ >= 0; }
 
    private:
     int folder_ = -1;
