@@ -23,7 +23,7 @@ inline constexpr char kImageFlavor[] = "public.image";
 inline constexpr std::uint32_t kFlavorTypeHFS = 0x68667320;      // 'hfs '
 inline constexpr std::uint32_t kFlavorTypeFileURL = 0x6675726c;  // 'furl'
 
-// An 'hfs ' flavour: type, creator and flags of a file, then its specification.
+// An 'hfs ' flavour: type, creator and flags of a file, then the record that names it.
 inline constexpr qsizetype kHFSFlavorBytes = 80;
 inline constexpr qsizetype kHFSFlavorFileSpec = 10;
 
@@ -53,7 +53,7 @@ class DragReference {
   // At most `room` bytes; the data may have become shorter than it said.
   [[nodiscard]] virtual std::int32_t GetFlavorData(std::uint32_t item, std::uint32_t type,
                                                    std::size_t room, QByteArray* data) = 0;
-  // The path of the file that a file specification names.
+  // The path of the file that such a record names.
   [[nodiscard]] virtual std::int32_t MakeFSRef(const QByteArray& fileSpec, QString* path) = 0;
 };
 

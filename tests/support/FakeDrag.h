@@ -25,7 +25,7 @@ class FakeDrag : public DragReference, private DragPasteboard {
 
   QVector<QPair<QString, QByteArray>> pasteboard;  // its item 1
   std::vector<std::vector<Flavor>> items;
-  std::map<QByteArray, QString> files;  // by file specification; its zeros at the end left out
+  std::map<QByteArray, QString> files;  // by the record; its zeros at the end left out
   std::map<std::string, std::int32_t> failures;
   std::vector<std::string> calls;
 
