@@ -11,10 +11,12 @@
 #include "limits/LimitsKeys.h"
 #include "server/ControlReading.h"
 #include "server/LimitsKeys.h"
+#include "server/LimitsOptions.h"
 
 namespace vardell::server {
 namespace {
 
+const QLatin1String kOptions("options");
 constexpr std::int64_t kMostMinutes = std::numeric_limits<std::int32_t>::max();
 
 bool IsKeyOf(const LimitsKey& key, const QString& identifier) {
@@ -23,6 +25,15 @@ bool IsKeyOf(const LimitsKey& key, const QString& identifier) {
 
 // --- Writing.
 
+// Property lists, as which clients keep backups, have no null.
+QJsonObject OptionsOf(const LimitsEntry& entry) {
+  QJsonObject options = OptionsJson(entry.options);
+  for (const QString& name : options.keys()) {
+    if (options.value(name).isNull()) options.remove(name);
+  }
+  return options;
+}
+
 QJsonObject LimitsJson(const LimitsEntry& entry) {
   const QVariantMap all = MakeLimitsDictionary(entry.limits);
   QJsonObject keys;
@@ -30,10 +41,12 @@ QJsonObject LimitsJson(const LimitsEntry& entry) {
     const QString name = QLatin1String(key.name);
     if (IsKeyOf(key, entry.identifier)) keys.insert(name, QJsonValue::fromVariant(all.value(name)));
   }
-  return {{QStringLiteral("user"), entry.user},
-          {QStringLiteral("identifier"), entry.identifier},
-          {QStringLiteral("limits"), keys},
-          {QStringLiteral("credit"), qint64{entry.credit}}};
+  QJsonObject object{{QStringLiteral("user"), entry.user},
+                     {QStringLiteral("identifier"), entry.identifier},
+                     {QStringLiteral("limits"), keys},
+                     {QStringLiteral("credit"), qint64{entry.credit}}};
+  if (entry.options != TopUpOptions()) object.insert(kOptions, OptionsOf(entry));
+  return object;
 }
 
 QJsonObject UsageJson(const UsageEntry& entry) {
@@ -128,16 +141,32 @@ std::optional<Problem> ReadKeys(const QString& path, const QJsonValue& value, Li
   return std::nullopt;
 }
 
+std::optional<Problem> ReadOptions(const QString& path, const QJsonValue& value,
+                                   LimitsEntry* entry) {
+  const QString optionsPath = Below(path, kOptions);
+  if (!value.isObject()) return Wrong(optionsPath, QStringLiteral("must be an object"));
+  const QVariantMap options = value.toObject().toVariantMap();
+  const auto problem = ApplyOptions(entry->identifier, options, &entry->options);
+  if (!problem) return std::nullopt;
+  return Wrong(Below(optionsPath, problem->field), problem->message,
+               problem->unknownKey ? "unknown-key" : "bad-value");
+}
+
 std::optional<Problem> ReadLimits(const QString& path, const QJsonValue& value, Seen* seen,
                                   LimitsEntry* entry) {
-  if (auto problem = CheckFields(path, value, {"user", "identifier", "limits", "credit"})) {
+  QJsonObject object = value.toObject();
+  const QJsonValue options = object.take(kOptions);
+  const QJsonValue rest = value.isObject() ? QJsonValue(object) : value;
+  if (auto problem = CheckFields(path, rest, {"user", "identifier", "limits", "credit"})) {
     return problem;
   }
-  const QJsonObject object = value.toObject();
   if (auto problem = ReadNames(path, object, seen, &entry->user, &entry->identifier)) {
     return problem;
   }
   if (auto problem = ReadKeys(path, object.value(QLatin1String("limits")), entry)) return problem;
+  if (!options.isUndefined()) {
+    if (auto problem = ReadOptions(path, options, entry)) return problem;
+  }
   const QString creditPath = Below(path, QStringLiteral("credit"));
   const auto credit = WholeNumber(object.value(QLatin1String("credit")));
   if (!credit) return Wrong(creditPath, QStringLiteral("must be a whole number"));

@@ -1,8 +1,12 @@
 #include "server/BootClock.h"
 
+#include <sys/timex.h>
 #include <time.h>
 
+#include <QDateTime>
 #include <QFile>
+
+#include "Common Sources/TestHooks.h"
 
 namespace vardell::server {
 
@@ -17,6 +21,20 @@ QString BootId() {
   QFile file(QStringLiteral("/proc/sys/kernel/random/boot_id"));
   if (!file.open(QIODevice::ReadOnly)) return {};
   return QString::fromLatin1(file.readAll().trimmed());
+}
+
+bool IsClockSet() {
+  timex facts{};  // changes nothing
+  const bool isKept = adjtimex(&facts) >= 0 && (facts.status & STA_UNSYNC) == 0;
+  return isKept || QFile::exists(ProductPath(QStringLiteral("/run/systemd/timesync/synchronized")));
+}
+
+// Where the machine's zone is a file of its own, Qt's name for it is another zone's.
+QTimeZone SystemZone() {
+  const QDateTime now = QDateTime::currentDateTime();
+  const QTimeZone named = QTimeZone::systemTimeZone();
+  const bool fits = named.isValid() && named.offsetFromUtc(now) == now.offsetFromUtc();
+  return fits ? named : QTimeZone(now.offsetFromUtc());
 }
 
 }  // namespace vardell::server

@@ -2,6 +2,7 @@
 #include <QJsonArray>
 
 #include "server/ControlCall.h"
+#include "server/LimitsOptions.h"
 
 namespace vardell::server {
 namespace {
@@ -32,6 +33,25 @@ Precondition ReadPrecondition(const ControlRequest& request) {
   if (revision) return {*revision, std::nullopt};
   return {0, BadRequest(QStringLiteral("If-Match is not one revision in double quotes"),
                         QStringLiteral("If-Match"), hint)};
+}
+
+std::optional<Problem> CheckChange(const QJsonObject& body) {
+  for (const QString& part : body.keys()) {
+    if (body.value(part).isObject()) continue;
+    return BadValue(part, QStringLiteral("\"%1\" must be an object").arg(part));
+  }
+  if (body.isEmpty()) {
+    return BadValue(QStringLiteral("limits"),
+                    QStringLiteral("\"limits\", \"options\" or both must be there"));
+  }
+  for (const QString& name : body.value(QLatin1String("options")).toObject().keys()) {
+    if (!IsOption(name)) return UnknownField(name);
+  }
+  return std::nullopt;
+}
+
+QVariantMap PartOf(const QJsonObject& body, const char* part) {
+  return body.value(QLatin1String(part)).toObject().toVariantMap();
 }
 
 // The Household's messages follow their field.
@@ -98,16 +118,12 @@ ControlAnswer GetLimit(const Call& call) {
 ControlAnswer PatchLimit(const Call& call) {
   const Precondition precondition = ReadPrecondition(call.request);
   if (precondition.problem) return MakeAnswer(*precondition.problem);
-  const Body body = ReadBody(call.request.body, {"limits"});
+  const Body body = ReadBody(call.request.body, {"limits", "options"});
   if (body.problem) return MakeAnswer(*body.problem);
-  const QJsonValue limits = body.object.value(QLatin1String("limits"));
-  if (!limits.isObject()) {
-    return MakeAnswer(
-        BadValue(QStringLiteral("limits"), QStringLiteral("\"limits\" must be an object")));
-  }
-  const AdminResult result =
-      call.household().ChangeLimits(call.requester.actor, call.user(), call.identifier(),
-                                    limits.toObject().toVariantMap(), precondition.revision);
+  if (const auto problem = CheckChange(body.object)) return MakeAnswer(*problem);
+  const AdminResult result = call.household().ChangeLimits(
+      call.requester.actor, call.user(), call.identifier(), PartOf(body.object, "limits"),
+      precondition.revision, PartOf(body.object, "options"));
   if (!result.entry) return MakeAnswer(ProblemOf(call, result));
   return AnswerLimit(precondition.revision == 0 ? 201 : 200, *result.entry);
 }

@@ -5,6 +5,7 @@
 #include <QJsonValue>
 
 #include "limits/LimitsDictionary.h"
+#include "server/LimitsOptions.h"
 
 namespace vardell::server {
 namespace {
@@ -29,6 +30,7 @@ QJsonObject ToJson(const LimitsEntry& entry) {
   return {{QStringLiteral("user"), entry.user},
           {QStringLiteral("identifier"), entry.identifier},
           {QStringLiteral("limits"), QJsonObject::fromVariantMap(limits)},
+          {QStringLiteral("options"), OptionsJson(entry.options)},
           {QStringLiteral("credit"), qint64{entry.credit}},
           {QStringLiteral("revision"), static_cast<qint64>(entry.revision)}};
 }

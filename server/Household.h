@@ -12,6 +12,7 @@
 #include <QDate>
 #include <QDateTime>
 #include <QString>
+#include <QTimeZone>
 #include <QVariant>
 #include <boost/container/flat_map.hpp>
 #include <chrono>
@@ -24,6 +25,7 @@
 #include <vector>
 
 #include "link/LimitsRecord.h"
+#include "server/TopUps.h"
 
 namespace vardell::server {
 
@@ -37,6 +39,10 @@ struct Clocks {
   std::function<QDateTime()> now;
   // Length of an enforcement second; sinceBoot is divided by it before any rule sees it.
   std::chrono::milliseconds second{1000};
+  // Of top-ups: the zone of `now`, and whether that is known to be right. Each may be empty: UTC,
+  // and not before ten minutes after boot.
+  std::function<QTimeZone()> zone = {};
+  std::function<bool()> isSet = {};
 };
 
 // One row of the append-only ledger.
@@ -47,13 +53,13 @@ struct LedgerRow {
   QString user;
   QString identifier;
   QString host;    // of an agent's row; empty otherwise
-  QString source;  // "report", "fetch" (a lost report), "grace", "admin", "restore"; "presence" is
-                   // kept free
+  QString source;  // "report", "fetch" (a lost report), "grace", "admin", "top-up", "restore";
+                   // "presence" is kept free
   std::int64_t minutes = 0;  // what was added to the credit; negative when spent, 0 for grace
   std::int64_t credit = 0;   // afterwards
   std::int64_t used = 0;     // minutes of use that it books, whether or not there was credit
   std::optional<std::int32_t> claimed;  // what an agent's report said
-  QString actor;                        // who: "agent" with the user, or "uid 0 (root)"
+  QString actor;                        // who: "agent of anna", "server" or "uid 0 (root)"
   QString reason;
 };
 
@@ -63,7 +69,8 @@ struct LimitsEntry {
   QString identifier;
   LimitsRecord limits;  // its credit field is not used
   std::int64_t credit = 0;
-  std::uint64_t revision = 0;  // of the limits; counts from 1
+  std::uint64_t revision = 0;  // of the limits and options; counts from 1
+  TopUpOptions options = {};
 };
 
 // Minutes of use, of the days that have any; by the wall clock's zone.
@@ -181,11 +188,13 @@ class Household {
   std::vector<LimitsEntry> Limits(const QString& user) const;
   std::optional<LimitsEntry> Limits(const QString& user, const QString& identifier) const;
 
-  // Changes some keys (as in limits/LimitsDictionary.h). `expectedRevision`: 0 where it must be
-  // new. All or nothing. "Credit" among the keys books the difference in the ledger. A new
-  // identifier is Enabled unless the keys say otherwise.
+  // Changes some keys (as in limits/LimitsDictionary.h) and options (as in server/LimitsOptions.h).
+  // `expectedRevision`: 0 where it must be new. All or nothing. "Credit" among the keys books the
+  // difference in the ledger. A new identifier is Enabled unless the keys say otherwise. A top-up
+  // that is due then is booked besides, and in `entry`.
   AdminResult ChangeLimits(const Actor& actor, const QString& user, const QString& identifier,
-                           const QVariantMap& keys, std::uint64_t expectedRevision);
+                           const QVariantMap& keys, std::uint64_t expectedRevision,
+                           const QVariantMap& options = {});
 
   // Removes limits and credit, which is booked to 0; usage stays. Made again, they have a revision
   // that they never had. `entry` is what was removed.
@@ -226,6 +235,12 @@ class Household {
   // At most kMaxLedgerRows; absent when the disk fails, which is logged.
   std::optional<std::vector<LedgerRow>> Ledger(std::int64_t after, const QString& user,
                                                const QString& identifier, int limit) const;
+
+  // Gives the top-ups that are due (server/TopUps.h), not too many at once: true where more of them
+  // are. To be called every few seconds; microseconds where nothing is due. Nothing is given while
+  // the disk fails. A top-up, the next time that it plans (which is no new revision), and what
+  // remembers it are written together: whatever ends the Server, each date has one or none.
+  bool TopUpDue();
 
   // Tries again to write what a failing disk has kept waiting; to be called now and then.
   void WriteWhatWaits();

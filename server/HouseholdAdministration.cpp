@@ -1,6 +1,7 @@
 // The part of the Household that shows administrators what there is, and lets them change limits.
 #include "server/HouseholdChanges.h"
 #include "server/LimitsKeys.h"
+#include "server/LimitsOptions.h"
 
 namespace vardell::server {
 namespace {
@@ -54,6 +55,7 @@ void Household::Impl::Forget(const Name& name) {
   const auto account = accounts->second.find(name.second);
   if (account == accounts->second.end()) return;
   removedRevisions[name] = account->second.revision;
+  topUps.Remove(name);
   accounts->second.erase(account);
   if (accounts->second.empty()) users.erase(accounts);
 }
@@ -68,14 +70,17 @@ void Household::Impl::ForgetHanded() {
 
 AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
                                     const QString& identifier, const QVariantMap& keys,
-                                    std::uint64_t expectedRevision) {
+                                    std::uint64_t expectedRevision, const QVariantMap& options) {
   if (auto refused = CheckNames(user, identifier)) return *refused;
   const Account* before = impl_->Find(user, identifier);
   if (auto refused = CheckRevision(before, expectedRevision)) return *refused;
 
   const LimitsRecord limits = before ? before->limits : NewLimits();
   LimitsChange wanted;
-  if (const auto problem = ApplyLimitsKeys(identifier, limits, keys, &wanted)) {
+  auto problem = ApplyLimitsKeys(identifier, limits, keys, &wanted);
+  if (before) wanted.options = before->options;
+  if (!problem) problem = ApplyOptions(identifier, options, &wanted.options);
+  if (problem) {
     const auto status = problem->unknownKey ? AdminStatus::UnknownKey : AdminStatus::BadValue;
     return Refuse(status, problem->field, problem->message);
   }
@@ -97,7 +102,11 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
     return Refuse(AdminStatus::StoreFailed, {}, error);
   }
   impl_->users[user][identifier] = after;
-  return {AdminStatus::Ok, {}, {}, entry, 0};
+  impl_->TopUpsChanged({user, identifier});
+  if (const auto moment = impl_->MomentOfTopUps()) {
+    (void)impl_->TopUp({{user, identifier}}, *moment);  // otherwise it waits for TopUpDue
+  }
+  return {AdminStatus::Ok, {}, {}, Limits(user, identifier), 0};
 }
 
 AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,

@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include "limits/LimitsDictionary.h"
+#include "server/LimitsOptions.h"
 
 namespace vardell::server {
 
@@ -23,8 +24,9 @@ std::optional<AdminResult> CheckNames(const QString& user, const QString& identi
 
 Account Applied(const Account& before, bool isNew, const LimitsChange& change) {
   Account after = before;
-  const bool differs = isNew || before.limits != change.limits;
+  const bool differs = isNew || before.limits != change.limits || before.options != change.options;
   after.limits = change.limits;
+  after.options = change.options;
   after.state.enabled = change.limits.enabled != 0;
   if (differs) ++after.revision;
   if (change.credit) after.state = WithCredit(after.state, *change.credit);
@@ -47,8 +49,9 @@ StoreChange Removed(const LimitsEntry& entry) {
 QString AuditText(const Account& account) {
   QVariantMap text = MakeLimitsDictionary(account.limits);
   text.insert(QStringLiteral("Credit"), qlonglong{account.state.credit});
-  const auto json = QJsonDocument(QJsonObject::fromVariantMap(text));
-  return QString::fromUtf8(json.toJson(QJsonDocument::Compact));
+  QJsonObject json = QJsonObject::fromVariantMap(text);
+  json.insert(QStringLiteral("options"), OptionsJson(account.options));
+  return QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Compact));
 }
 
 AuditRow Audited(const Actor& actor, const QDateTime& now, const char* what,

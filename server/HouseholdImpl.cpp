@@ -10,7 +10,8 @@ constexpr std::chrono::milliseconds kTimeBetweenTries = std::chrono::seconds(1);
 }  // namespace
 
 LimitsEntry EntryOf(const QString& user, const QString& identifier, const Account& account) {
-  return {user, identifier, account.limits, account.state.credit, account.revision};
+  return {user,           identifier, account.limits, account.state.credit, account.revision,
+          account.options};
 }
 
 Household::Impl::Impl(std::unique_ptr<Store> itsStore, Clocks itsClocks, HouseholdHooks itsHooks)
@@ -23,7 +24,13 @@ void Household::Impl::Load() {
     account.limits = entry.limits;
     account.revision = entry.revision;
     account.state.enabled = entry.limits.enabled != 0;
+    account.options = entry.options;
   }
+  for (const TopUpRow& row : contents.topUps) {
+    Account* account = Find(row.user, row.identifier);
+    if (account) account->topUps = row.memory;
+  }
+  for (const LimitsEntry& entry : contents.limits) TopUpsChanged({entry.user, entry.identifier});
   for (const RemovedLimits& limits : contents.removed) {
     removedRevisions[{limits.user, limits.identifier}] = limits.revision;
   }

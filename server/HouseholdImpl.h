@@ -13,6 +13,7 @@
 #include "server/CreditRules.h"
 #include "server/Household.h"
 #include "server/Store.h"
+#include "server/TopUpQueue.h"
 
 namespace vardell::server {
 
@@ -26,6 +27,8 @@ struct Account {
   std::uint64_t revision = 0;
   AccountState state;
   std::map<QString, Lane> lanes;  // by host
+  TopUpOptions options;
+  TopUpMemory topUps;
 };
 
 // A change of one credit that is applied once.
@@ -73,6 +76,21 @@ struct Household::Impl {
   void Forget(const Name& name);
   void ForgetHanded();
 
+  // --- Top-ups.
+
+  struct TopUpMoment {
+    std::int64_t now = 0;  // milliseconds since 1970
+    QTimeZone zone;
+  };
+  // Absent while the clock is not believed.
+  std::optional<TopUpMoment> MomentOfTopUps() const;
+  // A limit has other keys, is new or gone: what of it is due is to be decided again.
+  void TopUpsChanged(const Name& name);
+  // Where the wall clock or its zone were changed, nothing that was decided holds.
+  void NoticeJump(const TopUpMoment& moment);
+  // What is due for these, in one transaction; false where the disk fails.
+  bool TopUp(const std::vector<Name>& names, const TopUpMoment& moment);
+
   // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
 
   bool HasRoomToBook();
@@ -91,6 +109,11 @@ struct Household::Impl {
   std::map<Name, UsageDays> usage;                 // also of names without an account
   std::map<std::uint64_t, ConnectedAgent> connections;
   std::map<std::uint32_t, QString> userNames;
+  TopUpQueue topUps;
+  // Of the last TopUpDue: the wall clock less the boot's, and the zone.
+  std::optional<std::chrono::milliseconds> wallOffset;
+  QTimeZone wallZone;
+  bool topUpsWait = false;  // for the disk
   std::vector<StoreChange> waiting;
   Restore* restoring = nullptr;  // the one that is under way
   bool diskFails = false;

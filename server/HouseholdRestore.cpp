@@ -37,7 +37,8 @@ void Count(Fate fate, RestoreCounts* counts) {
 
 Fate FateOf(const Account* before, const LimitsEntry& wanted) {
   if (!before) return Fate::Added;
-  const bool isSame = before->state.credit == wanted.credit && before->limits == wanted.limits;
+  const bool isSame = before->state.credit == wanted.credit && before->limits == wanted.limits &&
+                      before->options == wanted.options;
   return isSame ? Fate::Same : Fate::Changed;
 }
 
@@ -214,7 +215,7 @@ RestoreResult Household::Restore::Finish() {
     Count(fate, &result.counts);
     if (fate == Fate::Same) continue;
     const Account after = Applied(before ? *before : household_.NewAccount(name), !before,
-                                  {wanted.limits, wanted.credit});
+                                  {wanted.limits, wanted.credit, wanted.options});
     changes.push_back(Setting(EntryOf(name.first, name.second, after), before, after));
     accounts.emplace(name, after);
   }
@@ -235,6 +236,7 @@ RestoreResult Household::Restore::Finish() {
   household_.ForgetHanded();
   for (auto& [name, account] : accounts) {
     household_.users[name.first][name.second] = std::move(account);
+    household_.TopUpsChanged(name);
   }
   household_.usage = std::move(usage_);
   return result;

@@ -7,12 +7,14 @@
 #include <optional>
 
 #include "link/LimitsRecord.h"
+#include "server/TopUps.h"
 
 namespace vardell::server {
 
 struct LimitsChange {
   LimitsRecord limits;                 // with the keys applied; credit untouched
   std::optional<std::int64_t> credit;  // where "Credit" was among the keys
+  TopUpOptions options;                // as they are to be; no keys change them
 };
 
 struct KeyProblem {

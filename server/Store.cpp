@@ -67,11 +67,19 @@ std::int64_t Flag(bool flag) {
   return flag ? 1 : 0;
 }
 
+void BindOptional(SqliteStatement& row, const std::optional<std::int64_t>& value) {
+  if (value) {
+    row << *value;
+  } else {
+    row << nullptr;
+  }
+}
+
 void Write(SqliteDatabase& database, const LimitsEntry& entry) {
   const LimitsRecord& limits = entry.limits;
   SqliteStatement row(database,
                       "INSERT OR REPLACE INTO limits VALUES "
-                      "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                      "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   row << entry.user << entry.identifier << limits.nextTopUpTime << Flag(limits.reportCredit)
       << Flag(limits.enabled) << std::int64_t{limits.topUpCoefficient}
       << std::int64_t{limits.topUpValue} << std::int64_t{limits.weekEndCoefficient}
@@ -79,14 +87,27 @@ void Write(SqliteDatabase& database, const LimitsEntry& entry) {
       << std::int64_t{limits.weekDayStop} << std::int64_t{limits.weekEndStart}
       << std::int64_t{limits.weekEndStop} << Flag(limits.weekDayCurfewEnabled)
       << Flag(limits.weekEndCurfewEnabled) << Flag(limits.diskQuotaEnabled)
-      << std::int64_t{limits.diskQuotaValue} << static_cast<std::int64_t>(entry.revision);
+      << std::int64_t{limits.diskQuotaValue} << static_cast<std::int64_t>(entry.revision)
+      << Flag(entry.options.rollOver);
+  BindOptional(row, entry.options.cap);
   row.Run();
+}
+
+void Write(SqliteDatabase& database, const TopUpRow& topUp) {
+  SqliteStatement next(database,
+                       "UPDATE limits SET next_auto_update = ? WHERE user = ? AND identifier = ?");
+  next << topUp.nextTime << topUp.user << topUp.identifier;
+  next.Run();
+  SqliteStatement memory(database, "INSERT OR REPLACE INTO top_ups VALUES (?, ?, ?)");
+  memory << topUp.user << topUp.identifier << PrintTopUpMemory(topUp.memory);
+  memory.Run();
 }
 
 void Write(SqliteDatabase& database, const RemovedLimits& removed) {
   for (const char* sql : {"DELETE FROM limits WHERE user = ? AND identifier = ?",
                           "DELETE FROM credit WHERE user = ? AND identifier = ?",
-                          "DELETE FROM lanes WHERE user = ? AND identifier = ?"}) {
+                          "DELETE FROM lanes WHERE user = ? AND identifier = ?",
+                          "DELETE FROM top_ups WHERE user = ? AND identifier = ?"}) {
     SqliteStatement rows(database, sql);
     rows << removed.user << removed.identifier;
     rows.Run();
@@ -123,11 +144,7 @@ void Write(SqliteDatabase& database, const LedgerRow& entry) {
   const QDate day = entry.day.isValid() ? entry.day : entry.time.date();
   row << TimeText(entry.time) << day.toString(Qt::ISODate) << entry.user << entry.identifier
       << entry.host << entry.source << entry.minutes << entry.credit << entry.used;
-  if (entry.claimed) {
-    row << std::int64_t{*entry.claimed};
-  } else {
-    row << nullptr;
-  }
+  BindOptional(row, entry.claimed);
   row << entry.actor << entry.reason;
   row.Run();
 }
@@ -150,6 +167,7 @@ void Write(SqliteDatabase& database, const AuditRow& audit) {
 void Write(SqliteDatabase& database, const StoreChange& change, const QString& bootId) {
   if (change.removed) Write(database, *change.removed);
   if (change.limits) Write(database, *change.limits);
+  if (change.topUp) Write(database, *change.topUp);
   if (change.credit) Write(database, *change.credit);
   if (change.forgottenLane) Forget(database, *change.forgottenLane);
   if (change.lane) Write(database, *change.lane, bootId);
@@ -184,6 +202,8 @@ LimitsEntry ReadLimits(const SqliteStatement& row) {
   entry.limits.diskQuotaEnabled = flag(15);
   entry.limits.diskQuotaValue = integer(16);
   entry.revision = static_cast<std::uint64_t>(row.Integer(17));
+  entry.options.rollOver = row.Integer(18) != 0;
+  if (!row.IsNull(19)) entry.options.cap = row.Integer(19);
   return entry;
 }
 
@@ -199,8 +219,27 @@ void RefuseUnbalanced(SqliteDatabase& database, const QString& path) {
                       .arg(path, row.Text(0), row.Text(1)));
 }
 
-StoreContents ReadContents(SqliteDatabase& database, const QString& bootId) {
+std::vector<TopUpRow> ReadTopUps(SqliteDatabase& database, const QString& path) {
+  std::vector<TopUpRow> topUps;
+  SqliteStatement row(database,
+                      "SELECT user, identifier, next_auto_update, memory FROM top_ups "
+                      "JOIN limits USING (user, identifier)");
+  while (row.Step()) {
+    const std::optional<TopUpMemory> memory = ParseTopUpMemory(row.Text(3));
+    if (!memory) {
+      throw ForPeople(
+          QStringLiteral("the store %1 is damaged (which top-ups %2, %3, has had cannot "
+                         "be read); put a backup in its place")
+              .arg(path, row.Text(0), row.Text(1)));
+    }
+    topUps.push_back({row.Text(0), row.Text(1), row.Real(2), *memory});
+  }
+  return topUps;
+}
+
+StoreContents ReadContents(SqliteDatabase& database, const QString& path, const QString& bootId) {
   StoreContents contents;
+  contents.topUps = ReadTopUps(database, path);
   for (SqliteStatement row(database, "SELECT * FROM limits"); row.Step();) {
     contents.limits.push_back(ReadLimits(row));
   }
@@ -294,7 +333,7 @@ StoreContents Store::Load(const QString& bootId) {
   if (!ForgetUnfinished(std::numeric_limits<int>::max(), &line)) throw ForPeople(line);
   try {
     RefuseUnbalanced(*database_, path_);
-    return ReadContents(*database_, bootId);
+    return ReadContents(*database_, path_, bootId);
   } catch (const SqliteError& error) {
     throw ForPeople(WhatToDo(error, path_));
   }

@@ -2,7 +2,7 @@
 // returns; no other program can use the file meanwhile. Not thread-safe; every call waits for the
 // disk.
 //
-// Tables: migrations, limits, removed_limits, credit, lanes, ledger, unfinished_restore,
+// Tables: migrations, limits, top_ups, removed_limits, credit, lanes, ledger, unfinished_restore,
 // adjustments, audit. The ledger and the audit only ever grow: the database itself refuses to
 // change or delete their rows, but for those of a restore that was not finished.
 #pragma once
@@ -23,8 +23,16 @@ namespace vardell::server {
 
 class SqliteDatabase;
 
-inline constexpr int kStoreSchemaVersion = 2;
+inline constexpr int kStoreSchemaVersion = 3;
 inline constexpr char kDefaultStorePath[] = "/var/lib/vardell/vardell.sqlite";
+
+// What the Server itself changes of a limit: the revision stays.
+struct TopUpRow {
+  QString user;
+  QString identifier;
+  double nextTime = 0;  // LimitsRecord::nextTopUpTime
+  TopUpMemory memory;
+};
 
 struct CreditRow {
   QString user;
@@ -72,7 +80,8 @@ struct AuditRow {
 // Everything that one event changes; what is absent stays.
 struct StoreChange {
   std::optional<LimitsEntry> limits;     // without its credit
-  std::optional<RemovedLimits> removed;  // their credit and their lanes go with them
+  std::optional<RemovedLimits> removed;  // their credit, lanes and top-ups go with them
+  std::optional<TopUpRow> topUp;         // of limits that are there
   std::optional<CreditRow> credit;
   std::optional<LaneRow> lane;
   std::optional<LaneRow> forgottenLane;
@@ -84,6 +93,7 @@ struct StoreChange {
 struct StoreContents {
   std::vector<LimitsEntry> limits;     // without their credit
   std::vector<RemovedLimits> removed;  // also of those that were made again
+  std::vector<TopUpRow> topUps;        // of limits that have had any
   std::vector<CreditRow> credit;
   std::vector<LaneRow> lanes;  // of this boot
   std::vector<UsageRow> usage;

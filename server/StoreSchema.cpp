@@ -117,7 +117,20 @@ CREATE TRIGGER ledger_is_not_deleted BEFORE DELETE ON ledger
   BEGIN SELECT RAISE(ABORT, 'the ledger is append-only'); END;
 )sql";
 
-constexpr const char* kMigrations[] = {kVersion1, kVersion2};
+// top_ups: what is remembered from one top-up to the next; only of limits that are there.
+constexpr char kVersion3[] = R"sql(
+ALTER TABLE limits ADD COLUMN roll_over INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE limits ADD COLUMN roll_over_cap INTEGER CHECK (roll_over_cap >= 0);
+
+CREATE TABLE top_ups (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  memory TEXT NOT NULL,
+  PRIMARY KEY (user, identifier)
+) WITHOUT ROWID;
+)sql";
+
+constexpr const char* kMigrations[] = {kVersion1, kVersion2, kVersion3};
 static_assert(std::size(kMigrations) == kStoreSchemaVersion);
 
 std::int64_t QueryInteger(SqliteDatabase& database, const char* sql) {

@@ -18,12 +18,6 @@ constexpr double kStartOfCalendar = -63'113'904'000;            // the year 1, i
 constexpr double kEndOfCalendar = 252'423'993'600;              // the year 10000
 constexpr std::int64_t kStartOfAbsoluteTime = 978'307'200'000;  // 2001, in ms since 1970
 
-std::optional<std::int64_t> InstantOf(double absoluteTime) {
-  const bool isTime = absoluteTime >= kStartOfCalendar && absoluteTime < kEndOfCalendar;
-  if (!isTime || absoluteTime == 0) return std::nullopt;
-  return std::llround(absoluteTime * 1000) + kStartOfAbsoluteTime;
-}
-
 double AbsoluteTimeOf(std::int64_t instant) {
   return static_cast<double>(instant - kStartOfAbsoluteTime) / 1000;
 }
@@ -119,6 +113,12 @@ bool IsClockBelieved(bool isSet, std::chrono::milliseconds sinceBoot) {
   return isSet || sinceBoot >= std::chrono::minutes(10);
 }
 
+std::optional<std::int64_t> TopUpInstant(double nextTime) {
+  const bool isTime = nextTime >= kStartOfCalendar && nextTime < kEndOfCalendar;
+  if (!isTime || nextTime == 0) return std::nullopt;
+  return std::llround(nextTime * 1000) + kStartOfAbsoluteTime;
+}
+
 std::int64_t TopUpMinutes(const LimitsRecord& limits, QDate date) {
   if (limits.topUpValue <= 0) return 0;
   const bool hasWeekEnd = limits.weekEndValue > 0 && IsUnit(limits.weekEndCoefficient);
@@ -135,7 +135,7 @@ TopUpOutcome DecideTopUps(const LimitsRecord& limits, const TopUpOptions& option
   TopUpOutcome outcome{{}, credit, limits.nextTopUpTime, memory};
   if (!clock.believed || clock.now < 0 || clock.now >= kEndOfClocks) return outcome;
   TopUpMemory& kept = outcome.memory;
-  const std::optional<std::int64_t> given = InstantOf(limits.nextTopUpTime);
+  const std::optional<std::int64_t> given = TopUpInstant(limits.nextTopUpTime);
   if (!given) {
     kept.plannedTime = 0;
     kept.lastDate.reset();

@@ -34,6 +34,8 @@ namespace vardell::server {
 struct TopUpOptions {
   bool rollOver = false;            // the credit grows, instead of becoming the value
   std::optional<std::int64_t> cap;  // of growing, minutes; absent: 2^31-1
+
+  bool operator==(const TopUpOptions&) const = default;
 };
 
 struct TopUpClock {
@@ -59,6 +61,10 @@ struct TopUpOutcome {
   TopUpMemory memory;
 };
 
+// The instant of a LimitsRecord::nextTopUpTime, in milliseconds since 1970; absent where it is
+// none.
+std::optional<std::int64_t> TopUpInstant(double nextTime);
+
 // Minutes of the top-up of a date; 0: none. The week-end's pair counts on Saturday and Sunday where
 // its value is above 0 and its coefficient is 60 or 1; a coefficient of the other pair that is
 // neither is 1.
@@ -67,7 +73,8 @@ std::int64_t TopUpMinutes(const LimitsRecord& limits, QDate date);
 // To be called now and then, at `nextTime` at the latest, and after every change of the limits'
 // top-up keys; outcome and memory are to be kept together with what is booked. `limits.credit` is
 // not looked at. Nothing is done, and nothing changes, while the clock is not believed or stands
-// outside of the years 1970 to 9998. A next time of 0, or outside of the years 1 to 9999, is none.
+// outside of the years 1970 to 9998. A next time of 0, or outside of the years 1 to 9999, is none;
+// one that is there lies behind `clock.now` afterwards.
 // Microseconds; the work does not grow with the time that was missed.
 TopUpOutcome DecideTopUps(const LimitsRecord& limits, const TopUpOptions& options,
                           const TopUpMemory& memory, std::int64_t credit, const QTimeZone& zone,

@@ -48,6 +48,8 @@ std::unique_ptr<Household> OpenHousehold(const Options& options) {
   clocks.bootId = BootId();
   clocks.now = [] { return QDateTime::currentDateTime(); };
   clocks.second = SecondLength();
+  clocks.zone = SystemZone;
+  clocks.isSet = IsClockSet;
   return std::make_unique<Household>(Store::Open(options.store), std::move(clocks),
                                      HouseholdHooks{{}, Say});
 }
@@ -61,8 +63,17 @@ void WriteWhatWaits(asio::steady_timer& timer, Household& household) {
   });
 }
 
+void TopUpWhenDue(asio::steady_timer& timer, Household& household) {
+  const bool isMoreDue = household.TopUpDue();
+  timer.expires_after(std::chrono::seconds(isMoreDue ? 0 : 10));
+  timer.async_wait([&](const boost::system::error_code& error) {
+    if (!error) TopUpWhenDue(timer, household);
+  });
+}
+
 void ServeEverything(asio::io_context& network, const Options& options) {
   const std::unique_ptr<Household> household = OpenHousehold(options);
+  while (household->TopUpDue()) continue;
   const QDateTime started = QDateTime::currentDateTime();
   std::optional<QString> published;
   KillServer::Options killOptions;
@@ -90,6 +101,8 @@ void ServeEverything(asio::io_context& network, const Options& options) {
   }
   asio::steady_timer timer(network);
   WriteWhatWaits(timer, *household);
+  asio::steady_timer topUpTimer(network);
+  TopUpWhenDue(topUpTimer, *household);
   Say(QStringLiteral("ending processes on request at 127.0.0.1:%1").arg(killServer.Port()));
   Say(QStringLiteral("taking commands at %1").arg(options.control));
   Say(QStringLiteral("answering agents at %1").arg(agents.Address()));

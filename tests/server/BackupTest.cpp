@@ -101,6 +101,27 @@ TEST_F(BackupTest, HoldsEverythingAndBringsItBack) {
                            "a \"b\"\u00e9\U0001F3AE 2009-03-06 5 0"));
 }
 
+TEST_F(BackupTest, OptionsComeBackWithTheirLimit) {
+  const auto change = [this](const QVariantMap& options) {
+    const auto entry = household_->Limits(anna_, game_);
+    return household_->ChangeLimits(root_, anna_, game_, {}, entry->revision, options).status;
+  };
+  ASSERT_EQ(change({{QStringLiteral("rollOver"), true}, {QStringLiteral("rollOverCap"), 180}}),
+            AdminStatus::Ok);
+  const std::string backup = BackupText();
+  EXPECT_NE(backup.find(R"("options":{"rollOver":true,"rollOverCap":180})"), std::string::npos);
+  ASSERT_EQ(change({{QStringLiteral("rollOverCap"), 181}}), AdminStatus::Ok);
+  EXPECT_EQ(Restored(backup),
+            R"({"check":false,"limits":{"added":0,"changed":1,"removed":0,"same":2}})");
+  EXPECT_EQ(BackupText(), backup);
+  ASSERT_EQ(change({{QStringLiteral("rollOverCap"), QVariant()}}), AdminStatus::Ok);
+  EXPECT_NE(BackupText().find(R"("options":{"rollOver":true})"), std::string::npos);
+  EXPECT_EQ(Restored(kBackup),
+            R"({"check":false,"limits":{"added":0,"changed":1,"removed":0,"same":2}})");
+  EXPECT_EQ(household_->Limits(anna_, game_)->options, TopUpOptions())
+      << "absent are the usual ones";
+}
+
 TEST_F(BackupTest, OnlyAnAdministratorMayHaveItOrPutItBack) {
   Be(Role::TopUp, "mum");
   EXPECT_EQ(Ask("GET", "/v1/backup").status, 403);
@@ -148,6 +169,13 @@ TEST_F(BackupTest, IsCheckedWholeBeforeAnythingIsChanged) {
        "limits[1].limits.Credit", "unknown-key"},
       {"a key that the global settings do not have", R"("DQ Value":700)",
        R"("DQ Value":700,"WD start":5)", "limits[0].limits.WD start"},
+      {"an option of another kind", credit, credit + R"(,"options":{"rollOver":1})",
+       "limits[1].options.rollOver"},
+      {"an unknown option", credit, credit + R"(,"options":{"roll":1})", "limits[1].options.roll",
+       "unknown-key"},
+      {"options that are no object", credit, credit + R"(,"options":5)", "limits[1].options"},
+      {"an option of the global settings", R"("credit":0)",
+       R"("credit":0,"options":{"rollOver":false})", "limits[0].options.rollOver"},
       {"a credit of the global settings", R"("credit":0)", R"("credit":1)", "limits[0].credit"},
       {"the value that means spent", credit, R"("credit":12345)", "limits[1].credit"},
       {"a negative credit", credit, R"("credit":-1)", "limits[1].credit"},

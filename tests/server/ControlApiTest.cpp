@@ -13,7 +13,7 @@ namespace {
 TEST_F(ControlApi, StatusShowsTheServer) {
   EXPECT_EQ(Text(Ask("GET", "/v1/status")),
             R"({"address":"127.0.0.1:40001","agents":3,"limits":1,"published":"Vardell on den",)"
-            R"("schema":2,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
+            R"("schema":3,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
                 StorePath().toStdString() +
                 R"(","users":1,"version":"0.1","waiting":0,"zone":"+01:00"})");
 }
@@ -28,7 +28,8 @@ TEST_F(ControlApi, ALimitHasItsKeysItsCreditAndItsRevision) {
             R"("AutoUpdateValue":0,"DQ Enabled":false,"DQ Value":0,"Enabled":true,)"
             R"("NextAutoUpdate":0,"Report Credit":false,"WD Curfew Enabled":false,)"
             R"("WD start":480,"WD stop":1439,"WE Coeff":0,"WE Curfew Enabled":false,)"
-            R"("WE Value":0,"WE start":0,"WE stop":1439},"revision":1,"user":"anna"})");
+            R"("WE Value":0,"WE start":0,"WE stop":1439},"options":{"rollOver":false,)"
+            R"("rollOverCap":null},"revision":1,"user":"anna"})");
   EXPECT_EQ(Text(Ask("GET", "/v1/users/anna/limits")), "{\"limits\":[" + Text(answer) + "]}");
 }
 
@@ -86,6 +87,26 @@ TEST_F(ControlApi, PatchChangesTheNamedKeysUnderTheRevisionOnly) {
   EXPECT_EQ(made.etag, "\"1\"");
   EXPECT_EQ(household_->Limits(QStringLiteral("ben"), QStringLiteral("x"))->credit, 15);
   EXPECT_EQ(Ask("PATCH", "/v1/users/ben/limits/x", body, {}, "*").status, 412) << "not new";
+}
+
+TEST_F(ControlApi, OptionsChangeBesideTheKeysAndUnderTheSameRevision) {
+  const auto options = [this] { return household_->Limits(anna_, game_)->options; };
+  const ControlAnswer both =
+      Ask("PATCH", kGame,
+          R"({"limits":{"WD stop":1200},"options":{"rollOver":true,"rollOverCap":180}})", "\"1\"");
+  EXPECT_EQ(both.etag, "\"2\"") << Text(both);
+  EXPECT_EQ(options(), (TopUpOptions{true, 180}));
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOverCap":null}})", "\"1\"").status, 412);
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOver":true}})", "\"2\"").etag, "\"2\"");
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOverCap":null}})", "\"2\"").etag, "\"3\"");
+  Open();
+  EXPECT_EQ(options(), (TopUpOptions{true, std::nullopt}));
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"limits":{"WD stop":60}})", "\"3\"").status, 200);
+  EXPECT_EQ(options(), (TopUpOptions{true, std::nullopt})) << "are not the keys'";
+
+  EXPECT_EQ(Ask("DELETE", kGame, {}, "\"4\"").status, 200);
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"limits":{}})", {}, "*").status, 201);
+  EXPECT_EQ(options(), TopUpOptions()) << "are forgotten with the limit";
 }
 
 TEST_F(ControlApi, CreditIsSetOnceForEachId) {
@@ -203,6 +224,14 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
       {"JSON nested too deep", "PATCH", kGame, QByteArray(60000, '['), one, none, 400, "bad-request", ""},
       {"an unknown field", "PATCH", kGame, R"({"limits":{},"actor":"root"})", one, none, 400, "unknown-field", "actor"},
       {"limits that are no object", "PATCH", kGame, R"({"limits":5})", one, none, 422, "bad-value", "limits"},
+      {"no change at all", "PATCH", kGame, "{}", one, none, 422, "bad-value", "limits"},
+      {"options that are no object", "PATCH", kGame, R"({"options":[]})", one, none, 422, "bad-value", "options"},
+      {"an unknown option", "PATCH", kGame, R"({"options":{"rollover":true}})", one, none, 400, "unknown-field", "rollover"},
+      {"an option of another kind", "PATCH", kGame, R"({"options":{"rollOver":1}})", one, none, 422, "bad-value", "rollOver"},
+      {"a negative cap", "PATCH", kGame, R"({"options":{"rollOverCap":-1}})", one, none, 422, "bad-value", "rollOverCap"},
+      {"a cap above any credit", "PATCH", kGame, R"({"options":{"rollOverCap":2147483648}})", one, none, 422, "bad-value", "rollOverCap"},
+      {"a good option beside a bad key", "PATCH", kGame, R"({"options":{"rollOver":true},"limits":{"WD stop":1441}})", one, none, 422, "bad-value", "WD stop"},
+      {"an option of the global settings", "PATCH", "/v1/users/anna/limits/com.brenwick.globalSettings", R"({"options":{"rollOver":true}})", none, "*", 422, "bad-value", "rollOver"},
       {"a text for a number", "PATCH", kGame, R"({"limits":{"WD start":"480"}})", one, none, 422, "bad-value", "WD start"},
       {"an unknown key", "PATCH", kGame, R"({"limits":{"WD begin":1}})", one, none, 422, "unknown-key", "WD begin"},
       {"a good key beside a bad one", "PATCH", kGame, R"({"limits":{"Credit":99,"WD stop":1441}})", one, none, 422, "bad-value", "WD stop"},

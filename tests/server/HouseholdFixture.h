@@ -28,6 +28,8 @@ class HouseholdFixture : public testing::Test {
       ++timesAsked_;
       return now_;
     };
+    clocks.zone = [this] { return zone_; };
+    clocks.isSet = [this] { return isClockSet_; };
     HouseholdHooks hooks;
     hooks.userOfUid = [](std::uint32_t uid) -> std::optional<QString> {
       if (uid == 1001) return QStringLiteral("anna");
@@ -73,6 +75,8 @@ class HouseholdFixture : public testing::Test {
   AgentConnection connection_{1, QStringLiteral("local"), 1001};
   std::chrono::milliseconds sinceBoot_{0};
   QDateTime now_{QDate(2009, 3, 5), QTime(18, 0), Qt::OffsetFromUTC, 3600};
+  QTimeZone zone_{3600};
+  bool isClockSet_ = false;  // no top-ups, then
   int timesAsked_ = 0;
   QString bootId_ = QStringLiteral("boot-1");
   std::vector<QString> log_;

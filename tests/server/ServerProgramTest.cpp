@@ -1,4 +1,5 @@
 // The real vardell-server, spoken to over its sockets.
+#include "server/BootClock.h"
 #include "tests/server/ServerProgramFixture.h"
 
 namespace vardell::server {
@@ -128,6 +129,37 @@ TEST_F(ServerProgramTest, LosesNothingThatItAcknowledgedWhenKilled) {
   ASSERT_EQ(contents.credit.size(), 1u);
   EXPECT_LE(contents.credit[0].minutes, acknowledged);
   EXPECT_GE(contents.credit[0].minutes, acknowledged - 5);
+}
+
+TEST_F(ServerProgramTest, GivesTheTopUpOfADateOnceHoweverOftenItIsKilled) {
+  if (!IsClockBelieved(IsClockSet(), TimeSinceBoot())) {
+    GTEST_SKIP() << "within ten minutes after boot, and nobody has set the clock";
+  }
+  const double hourAgo =
+      static_cast<double>(QDateTime::currentSecsSinceEpoch() - 3600 - 978'307'200);
+  ASSERT_EQ(OpenHousehold()
+                ->ChangeLimits({}, user_, game_,
+                               {{kCredit, 5},
+                                {QStringLiteral("AutoUpdateValue"), 1},
+                                {QStringLiteral("AutoUpdateCoeff"), 60},
+                                {QStringLiteral("NextAutoUpdate"), hourAgo}},
+                               0)
+                .status,
+            AdminStatus::Ok);
+  for (int start = 0; start < 3; ++start) {
+    StartServer();
+    const Client agent(port_);
+    EXPECT_EQ(Fetch(agent), 60);
+    server_.End(SIGKILL);
+  }
+  const auto household = OpenHousehold();
+  const auto rows = household->Ledger(0, {}, {}, 1000);
+  ASSERT_TRUE(rows);
+  ASSERT_EQ(rows->size(), 2u);
+  EXPECT_EQ(rows->at(1).source, QStringLiteral("top-up"));
+  EXPECT_EQ(rows->at(1).minutes, 55);
+  EXPECT_EQ(household->Limits(user_, game_)->revision, 1u);
+  EXPECT_GT(household->Limits(user_, game_)->limits.nextTopUpTime, hourAgo + 3600);
 }
 
 TEST_F(ServerProgramTest, EndsCleanlyAndSoonWhenAsked) {

@@ -118,6 +118,42 @@ TEST_F(StoreTest, AStoreOfTheFirstVersionKeepsEverything) {
   EXPECT_THROW(Execute(StorePath(), "DELETE FROM ledger"), SqliteError);
 }
 
+TEST_F(StoreTest, AStoreOfTheSecondVersionKeepsEverything) {
+  Close();
+  ASSERT_TRUE(QFile::remove(StorePath()));
+  {
+    SqliteDatabase database(StorePath());
+    PrepareStore(database, StorePath(), 2);
+    database.Execute(R"sql(
+      INSERT INTO limits VALUES ('anna', 'org.example.game', 257922000, 1, 1, 60, 2, 1, 90, 480, 1200,
+                                 500, 1300, 1, 0, 1, 700, 7);
+      INSERT INTO credit VALUES ('anna', 'org.example.game', 40, 1);
+      INSERT INTO lanes VALUES ('anna', 'org.example.game', 'local', 'boot-1', 60000);
+      INSERT INTO ledger VALUES (3, '2009-03-04T18:00:00.000+01:00', '2009-03-04', 'anna',
+          'org.example.game', '', 'admin', 45, 45, 0, NULL, 'uid 0 (root)', 'homework');
+      INSERT INTO ledger VALUES (4, '2009-03-04T19:00:00.000+01:00', '2009-03-04', 'anna',
+          'org.example.game', 'local', 'report', -5, 40, 5, 40, 'agent of anna', '');
+      INSERT INTO adjustments VALUES ('a2', x'00', 12);
+      INSERT INTO removed_limits VALUES ('ben', 'org.example.game', 9);
+      INSERT INTO audit VALUES (1, '', '', '', '', '', '', '');)sql");
+  }
+  const auto store = Store::Open(StorePath());
+  const StoreContents contents = store->Load(bootId_);
+  ASSERT_EQ(contents.limits.size(), 1u);
+  const LimitsEntry& entry = contents.limits[0];
+  EXPECT_EQ(entry.revision, 7u);
+  EXPECT_EQ(entry.limits.diskQuotaValue, 700);
+  EXPECT_EQ(entry.limits.nextTopUpTime, 257922000);
+  EXPECT_EQ(entry.options, TopUpOptions());
+  ASSERT_EQ(contents.credit.size(), 1u);
+  EXPECT_EQ(contents.credit[0].minutes, 40);
+  EXPECT_TRUE(contents.credit[0].spent);
+  EXPECT_EQ(contents.lanes.size(), 1u);
+  EXPECT_EQ(contents.removed.at(0).revision, 9u);
+  EXPECT_EQ(contents.usage.at(0).minutes, 5);
+  EXPECT_EQ(store->Adjustment(QStringLiteral("a2"))->added, 12);
+}
+
 TEST_F(StoreTest, AChangeIsWrittenWholeOrNotAtAll) {
   Limit({{QStringLiteral("Credit"), 5}});
   Close();
@@ -151,6 +187,10 @@ TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
       {"damaged",
        [&](auto path) { Overwrite(path, QByteArray(8, '\x5a'), {audit / 4096 * 4096}); }},
       {"not the sum of", [](auto path) { Execute(path, "UPDATE credit SET minutes = 5000"); }},
+      {"top-ups anna, org.example.game, has had cannot be read",
+       [](auto path) {
+         Execute(path, "INSERT INTO top_ups VALUES ('anna', 'org.example.game', '{')");
+       }},
       {"newer version",
        [](auto path) { Execute(path, "INSERT INTO migrations VALUES (99, 'tomorrow')"); }},
       {"another program",

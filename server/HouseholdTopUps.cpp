@@ -1,0 +1,103 @@
+// The part of the Household that tops credit up.
+#include "server/HouseholdImpl.h"
+#include "server/TopUps.h"
+
+namespace vardell::server {
+namespace {
+
+// Of one transaction: some twenty milliseconds.
+constexpr std::size_t kLimitsAtOnce = 500;
+constexpr std::int64_t kAtOnce = 0;
+// What clocks drift apart in a while is no jump.
+constexpr std::chrono::milliseconds kJump = std::chrono::minutes(1);
+
+LedgerRow RowOf(const std::pair<QString, QString>& name, const DueTopUp& due,
+                const QDateTime& now) {
+  LedgerRow row;
+  row.time = now;
+  row.user = name.first;
+  row.identifier = name.second;
+  row.source = QStringLiteral("top-up");
+  row.minutes = due.change;
+  row.credit = due.credit;
+  row.actor = QStringLiteral("server");
+  row.reason = QStringLiteral("top-up of ") + due.date.toString(Qt::ISODate);
+  return row;
+}
+
+void AppendChanges(const std::pair<QString, QString>& name, const TopUpOutcome& outcome,
+                   const AccountState& after, const QDateTime& now,
+                   std::vector<StoreChange>* changes) {
+  for (const DueTopUp& due : outcome.due) changes->emplace_back().ledger = RowOf(name, due, now);
+  StoreChange& state = changes->emplace_back();
+  state.topUp = {name.first, name.second, outcome.nextTime, outcome.memory};
+  if (outcome.due.empty()) return;
+  state.credit = {name.first, name.second, after.credit, after.spent};
+}
+
+}  // namespace
+
+std::optional<Household::Impl::TopUpMoment> Household::Impl::MomentOfTopUps() const {
+  if (!IsClockBelieved(clocks.isSet && clocks.isSet(), clocks.sinceBoot())) return std::nullopt;
+  const QTimeZone zone = clocks.zone ? clocks.zone() : QTimeZone::utc();
+  return TopUpMoment{clocks.now().toMSecsSinceEpoch(), zone};
+}
+
+void Household::Impl::TopUpsChanged(const Name& name) {
+  const Account* account = Find(name.first, name.second);
+  const bool hasNone =
+      !account || (account->limits.nextTopUpTime == 0 && account->topUps == TopUpMemory());
+  hasNone ? topUps.Remove(name) : topUps.Set(name, kAtOnce);
+}
+
+void Household::Impl::NoticeJump(const TopUpMoment& moment) {
+  const auto offset = std::chrono::milliseconds(moment.now) - clocks.sinceBoot();
+  const bool isSame = wallOffset && std::chrono::abs(offset - *wallOffset) <= kJump;
+  if (isSame && wallZone == moment.zone) return;
+  topUps.SetAll(kAtOnce);
+  wallOffset = offset;
+  wallZone = moment.zone;
+}
+
+bool Household::Impl::TopUp(const std::vector<Name>& names, const TopUpMoment& moment) {
+  const QDateTime now = clocks.now();
+  std::vector<StoreChange> changes;
+  std::vector<std::pair<Name, Account>> decided;
+  for (const Name& name : names) {
+    const Account* account = Find(name.first, name.second);
+    if (!account) continue;
+    const TopUpOutcome outcome =
+        DecideTopUps(account->limits, account->options, account->topUps, account->state.credit,
+                     moment.zone, {moment.now, true});
+    Account after = *account;
+    after.limits.nextTopUpTime = outcome.nextTime;
+    after.topUps = outcome.memory;
+    if (!outcome.due.empty()) after.state = WithCredit(account->state, outcome.credit);
+    const bool isAsBefore =
+        outcome.due.empty() && after.topUps == account->topUps && after.limits == account->limits;
+    if (!isAsBefore) AppendChanges(name, outcome, after.state, now, &changes);
+    decided.emplace_back(name, std::move(after));
+  }
+  QString error;
+  const bool isWritten =
+      changes.empty() || (WriteFirst(&error) && store->Apply(changes, clocks.bootId, &error));
+  if (!isWritten && !topUpsWait) Log(error + QStringLiteral("; top-ups wait until then"));
+  topUpsWait = !isWritten;
+  if (!isWritten) return false;
+  for (auto& [name, account] : decided) {
+    const auto next = TopUpInstant(account.limits.nextTopUpTime);
+    next ? topUps.Set(name, *next) : topUps.Remove(name);
+    users[name.first][name.second] = std::move(account);
+  }
+  return true;
+}
+
+bool Household::TopUpDue() {
+  const std::optional<Impl::TopUpMoment> moment = impl_->MomentOfTopUps();
+  if (!moment) return false;
+  impl_->NoticeJump(*moment);
+  const std::vector<Impl::Name> names = impl_->topUps.Due(moment->now, kLimitsAtOnce);
+  return impl_->TopUp(names, *moment) && names.size() == kLimitsAtOnce;
+}
+
+}  // namespace vardell::server
