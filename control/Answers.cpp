@@ -139,4 +139,8 @@ QString ShownIdentifier(const QString& identifier) {
   return Printable(identifier);
 }
 
+QString Subject(const QString& user, const QString& identifier) {
+  return Printable(user) + QStringLiteral(", ") + ShownIdentifier(identifier);
+}
+
 }  // namespace vardell::control

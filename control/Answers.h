@@ -15,7 +15,7 @@ struct Result {
   ExitStatus status = ExitStatus::Done;
   QString output;       // for standard output
   QString error;        // for standard error: one or two lines without the program's name
-  QString notice = {};  // for standard error where it is done: what one should know, one line
+  QString notice = {};  // for standard error where it is done: what one should know, a line each
 };
 
 Result Done(const QString& output);
@@ -53,5 +53,8 @@ QByteArray Body(const QJsonObject& json);
 
 // "computer" and "home" for the identifiers that stand for them; any other as it is, printable.
 QString ShownIdentifier(const QString& identifier);
+
+// "anna, computer": what a command is about.
+QString Subject(const QString& user, const QString& identifier);
 
 }  // namespace vardell::control

@@ -26,9 +26,8 @@ Answer AskForCredit(const Command& command, const HttpClient& server, const QByt
 QString AddedText(const Command& command, const QJsonObject& answer) {
   const qint64 added = answer[QStringLiteral("added")].toInteger();
   const bool takes = command.minutes < 0;
-  QString text = QStringLiteral("%1, %2: %3 %4")
-                     .arg(Printable(command.user), ShownIdentifier(command.identifier),
-                          MinutesText(std::abs(added)),
+  QString text = QStringLiteral("%1: %2 %3")
+                     .arg(Subject(command.user, command.identifier), MinutesText(std::abs(added)),
                           takes ? QStringLiteral("taken away") : QStringLiteral("added"));
   if (added != command.minutes) {
     text += QStringLiteral(" instead of %1").arg(std::abs(command.minutes));

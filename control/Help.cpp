@@ -60,7 +60,7 @@ constexpr CommandHelp kCommands[] = {
      "vardellctl limits show\nvardellctl limits show anna firefox-esr\n"},
     {Verb::LimitsSet,
      "All of the keys are changed or none. A new limit is enabled, and has no credit until some\n"
-     "is given: its application ends at once.\n",
+     "is given. It counts when its application is started next, \"computer\" at the next login.\n",
      "vardellctl limits set anna firefox-esr Credit=60 \"WD Curfew Enabled=yes\" "
      "\"WD start=15:00\"\n"
      "vardellctl limits set anna home \"DQ Enabled=yes\" \"DQ Value=20000\"\n"},
@@ -86,7 +86,8 @@ constexpr CommandHelp kCommands[] = {
      "month. Without an identifier each of them has a bar, the session first.\n",
      "vardellctl usage anna\nvardellctl usage anna firefox-esr --period month\n"
      "vardellctl usage anna --period all --csv\n"},
-    {Verb::Ledger, "CLAIMED is the credit that an agent's report said.\n",
+    {Verb::Ledger,
+     "CLAIMED is the credit that an agent's report said. At most 50000 rows are shown at once.\n",
      "vardellctl ledger anna firefox-esr\nvardellctl ledger --after 1200\n"},
     {Verb::SettingsShow, "The settings are those of this machine; each machine has its own.\n",
      "vardellctl settings show\n"},

@@ -94,10 +94,6 @@ QJsonObject FirstLimit(const QJsonObject& like) {
   return limit;
 }
 
-QString Subject(const Command& command) {
-  return Printable(command.user) + QStringLiteral(", ") + ShownIdentifier(command.identifier);
-}
-
 QString ChangeText(const Command& command, const Change& change) {
   const bool isNew = change.before.status == 404;
   const QString table =
@@ -105,7 +101,8 @@ QString ChangeText(const Command& command, const Change& change) {
   const QString what = isNew             ? QStringLiteral(": a new limit.\n")
                        : table.isEmpty() ? QStringLiteral(": nothing changed.\n")
                                          : QStringLiteral(": changed.\n");
-  return Subject(command) + what + table + WhenItCounts(change.before.json, change.after.json);
+  return Subject(command.user, command.identifier) + what + table +
+         WhenItCounts(change.before.json, change.after.json);
 }
 
 Result ChangeResult(const Command& command, const Change& change) {
@@ -118,7 +115,8 @@ Result ChangeResult(const Command& command, const Change& change) {
 }
 
 QString RemovalText(const Command& command, const QJsonObject& limit) {
-  QString text = Subject(command) + QStringLiteral(": the limit is removed");
+  QString text =
+      Subject(command.user, command.identifier) + QStringLiteral(": the limit is removed");
   const qint64 credit = limit[QStringLiteral("credit")].toInteger();
   if (credit != 0) {
     text += QStringLiteral(", and %1 of credit with it").arg(MinutesText(credit));

@@ -6,7 +6,7 @@
 
 #include "control/Answers.h"
 #include "control/KnownApplications.h"
-#include "control/TextTable.h"
+#include "control/Tables.h"
 #include "limits/ApplicationsCatalogue.h"
 #include "limits/WatchedApps.h"
 
@@ -31,16 +31,8 @@ bool IsSession(const QJsonObject& limit) {
   return IdentifierOf(limit) == QLatin1String(kLoginWindowIdentifier);
 }
 
-bool IsHome(const QJsonObject& limit) {
-  return IdentifierOf(limit) == QLatin1String(kGlobalSettingsIdentifier);
-}
-
 bool IsEnabled(const QJsonObject& limit) {
   return KeyOf(limit, QStringLiteral("Enabled")).toBool();
-}
-
-QString Subject(const QJsonObject& limit) {
-  return Printable(UserOf(limit)) + QStringLiteral(", ") + ShownIdentifier(IdentifierOf(limit));
 }
 
 // Who is not known here may be on another machine; so may what is not installed here.
@@ -65,14 +57,14 @@ QString OfNoCredit(const QJsonObject& limit) {
   const bool isSpent = limit[QStringLiteral("credit")].toInteger() == 0;
   if (IsHome(limit) || !IsEnabled(limit) || !isSpent) return {};
   return QStringLiteral("%1 has no credit yet. Give some: vardellctl credit add %2 %3 60")
-      .arg(Subject(limit), ShellWord(UserOf(limit)),
+      .arg(Subject(UserOf(limit), IdentifierOf(limit)), ShellWord(UserOf(limit)),
            ShellWord(ShownIdentifier(IdentifierOf(limit))));
 }
 
 QString OfNoQuota(const QJsonObject& limit) {
   if (!IsHome(limit) || KeyOf(limit, QStringLiteral("DQ Enabled")).toBool()) return {};
   return QStringLiteral("%1 has a quota that does not hold yet: \"DQ Enabled=true\" does that")
-      .arg(Subject(limit));
+      .arg(Subject(UserOf(limit), IdentifierOf(limit)));
 }
 
 struct Hours {
@@ -95,7 +87,7 @@ QString OfHours(const QJsonObject& before, const QJsonObject& after, const QStri
   if (are.hold && are.start >= are.stop) {
     return QStringLiteral(
                "%1 may not run at any time of a %2: \"%3 stop\" is not after \"%3 start\"")
-        .arg(Subject(after), days, day);
+        .arg(Subject(UserOf(after), IdentifierOf(after)), days, day);
   }
   const bool areNew = are.start != were.start || are.stop != were.stop;
   const bool allowAll = are.start == 0 && are.stop >= kLastMinuteOfDay;

@@ -58,10 +58,6 @@ QString Quota(const QJsonObject& keys) {
              : QStringLiteral("none");
 }
 
-bool IsHome(const QJsonObject& limit) {
-  return limit[QStringLiteral("identifier")].toString() == QLatin1String(kGlobalSettingsIdentifier);
-}
-
 // The keys that this limit has.
 QStringList KeysOf(const QJsonObject& limit) {
   QStringList keys;
@@ -119,6 +115,10 @@ QString ApplicationsText(const QJsonArray& applications) {
 }
 
 }  // namespace
+
+bool IsHome(const QJsonObject& limit) {
+  return limit[QStringLiteral("identifier")].toString() == QLatin1String(kGlobalSettingsIdentifier);
+}
 
 QString StatusText(const QJsonObject& status, const QString& ownVersion) {
   const auto text = [&](const char* field) {

@@ -16,6 +16,7 @@ QString LimitsTable(const QJsonArray& limits);  // one line for each limit
 QString LimitsSheet(const QJsonObject& limit);  // one line for each key
 // The keys whose values differ, with both; empty where there is none.
 QString ChangesTable(const QJsonObject& before, const QJsonObject& after);
+bool IsHome(const QJsonObject& limit);  // of the home folder
 // Without home folders, which have no credit.
 QString CreditTable(const QJsonArray& limits);
 QString LedgerTable(const QJsonArray& rows);

@@ -219,10 +219,8 @@ Result ShowUsage(const Command& command, const HttpClient& server, Terminal& ter
   if (command.json) return Done(JsonText(Json(command, history)));
   if (command.csv) return Done(Csv(command.user, history));
   const Period& period = PeriodOf(command);
-  QString title = Printable(command.user);
-  if (!command.identifier.isEmpty()) {
-    title += QStringLiteral(", ") + ShownIdentifier(command.identifier);
-  }
+  QString title = command.identifier.isEmpty() ? Printable(command.user)
+                                               : Subject(command.user, command.identifier);
   title += QStringLiteral(", %1:\n").arg(QLatin1String(period.title));
   return Done(title + (command.identifier.isEmpty() ? ChartOfAll(history, period, terminal)
                                                     : ChartOfOne(history, period, terminal)));

@@ -137,6 +137,10 @@ TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(FirstLine(requests[1]), row.request);
     EXPECT_EQ(BodyOf(requests[1]), QJsonDocument::fromJson(row.body).object());
+    // Changed is what was read, and nothing else.
+    const bool isNew = row.answers[0] == kNotFound;
+    EXPECT_EQ(requests[1].contains("\r\nIf-None-Match: *\r\n"), isNew);
+    EXPECT_EQ(requests[1].contains("\r\nIf-Match: \"7\"\r\n"), !isNew);
   }
 }
 

@@ -62,19 +62,6 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
 
 // ---- requests ----
 
-TEST(Vardellctl, ALimitForANewIdentifierIsEnabledAndMustStillBeNew) {
-  const auto [status, output, error, requests] = Vardellctl(
-      "limits|set|anna|org.game|WD start=08:00|WD stop=1200", {kNotFound, Answer(200, Limit(1))});
-  EXPECT_EQ(status, 0) << qPrintable(error);
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(FirstLine(requests[0]), "GET /v1/users/anna/limits/org.game HTTP/1.1");
-  EXPECT_EQ(FirstLine(requests[1]), "PATCH /v1/users/anna/limits/org.game HTTP/1.1");
-  EXPECT_TRUE(requests[1].contains("\r\nIf-None-Match: *\r\n"));
-  EXPECT_FALSE(requests[1].contains("If-Match:"));
-  const QJsonObject keys{{u"WD start"_s, 480}, {u"WD stop"_s, 1200}, {u"Enabled"_s, true}};
-  EXPECT_EQ(BodyOf(requests[1]), (QJsonObject{{u"limits"_s, keys}}));
-}
-
 TEST(Vardellctl, AChangeThatIsForestalledIsTriedAnewAndThenGivenUp) {
   const QByteArray mismatch = Answer(412, R"({"code":"revision-mismatch","title":"changed"})");
   std::vector<QByteArray> script;
