@@ -24,8 +24,8 @@ QString ApplicationsEditor::Write(const QVariantList& applications) {
   if (!before_.bytes && !before_.isMissing) return before_.problem;
   LinuxApplicationPreferences preferences;
   preferences.SetValue(QLatin1String(kApplicationsKey), applications);
-  wasWritten_ = true;
-  return preferences.Synchronize() ? QString() : preferences.Problem();
+  wasWritten_ = preferences.Synchronize();
+  return wasWritten_ ? QString() : preferences.Problem();
 }
 
 QString ApplicationsEditor::PutBack() {
