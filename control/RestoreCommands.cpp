@@ -62,7 +62,7 @@ Result Report(const Command& command, const Differences& differences, const QStr
   QJsonObject json = DifferencesJson(differences);
   json.insert(QStringLiteral("file"), command.path);
   json.insert(QStringLiteral("check"), command.check);
-  if (!kept.isEmpty()) json.insert(QStringLiteral("kept"), kept);
+  json.insert(QStringLiteral("kept"), kept.isEmpty() ? QJsonValue() : QJsonValue(kept));
   return Done(JsonText(json));
 }
 

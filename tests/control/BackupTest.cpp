@@ -153,8 +153,11 @@ TEST_F(BackupAndRestore, GiveBackAllThatWasThereAndTakeItBackAgain) {
         u"Server         a:1    any (default)\n"_s, u"Of others      -      a list\n"_s}) {
     EXPECT_TRUE(checked.output.contains(line)) << qPrintable(checked.output);
   }
-  const Finished restored = Restore(file_);
-  EXPECT_EQ(restored.status, 0) << qPrintable(restored.output);
+  const auto json = [this](const char* how) {
+    const QString output = Vardellctl({"restore", file_, how, "--json"}).output;
+    return QJsonDocument::fromJson(output.toUtf8()).object();
+  };
+  EXPECT_EQ(json("--check").keys(), json("--yes").keys());
   EXPECT_TRUE(IsOld());
   EXPECT_FALSE(IsNoted());
   EXPECT_EQ(Restore(kept_).status, 0);
