@@ -163,18 +163,19 @@ TEST_F(HouseholdTopUpsTest, NothingIsGivenWhileNobodyKnowsTheTime) {
 }
 
 TEST_F(HouseholdTopUpsTest, WhoHasSpentEverythingGoesOnWithIt) {
-  Limit({{kCredit, 0}});
+  Limit({{kCredit, 0}, {kValue, 1}});
   Start();
   (void)Fetch();
   Report(1, -1);
   Start();
   EXPECT_EQ(Fetch(), kSpentCredit);
-  EXPECT_EQ(GivenAt("2024-03-25T06:00"), "03-25 +60=60");
+  EXPECT_EQ(GivenAt("2024-03-25T06:00"), "03-25 +1=1");
   Start();
-  EXPECT_EQ(Fetch(), 60);
+  EXPECT_EQ(Fetch(), 1);
   sinceBoot_ += std::chrono::seconds(1);
-  Report(59);
-  EXPECT_EQ(Fetch(), 59);
+  Report(0);
+  Start();
+  EXPECT_EQ(Fetch(), 0) << "its last minute is granted anew";
 }
 
 TEST_F(HouseholdTopUpsTest, NothingIsGivenThatTheDiskDoesNotKeep) {
@@ -205,8 +206,9 @@ TEST_F(HouseholdTopUpsTest, ASchoolsTopUpsAfterARestoreComeInStepsAndOnceEach) {
     LimitsEntry& entry = backup.limits.emplace_back(*household_->Limits(anna_, game_));
     entry.user = QStringLiteral("user%1").arg(number);
   }
-  const auto restore = household_->BeginRestore(root_, backup);
+  auto restore = household_->BeginRestore(root_, backup);
   while (!restore->Step()) continue;
+  restore.reset();
   Pass("2024-03-25T06:00");
   int steps = 1;
   while (household_->TopUpDue()) ++steps;
