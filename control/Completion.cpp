@@ -4,6 +4,7 @@
 
 #include "control/Answers.h"
 #include "control/CommandTable.h"
+#include "control/LimitsKeys.h"
 #include "control/Presets.h"
 #include "control/SettingsKeys.h"
 #include "limits/LimitsKeys.h"
@@ -112,7 +113,7 @@ QStringList KeyNames(const CommandShape& shape, const QStringList& before) {
       names.append(QLatin1String(key.name));
     }
   }
-  return names;
+  return isHome ? names : names + LimitsOptions();
 }
 
 QStringList ValuesOfKey(const CommandShape& shape, const QString& name,
@@ -121,6 +122,10 @@ QStringList ValuesOfKey(const CommandShape& shape, const QString& name,
     const SettingKey* key = FindSettingKey(name);
     return key ? ValuesOf(*key, sources) : QStringList();
   }
+  if (OptionField(name) == QLatin1String("rollOver")) {
+    return {QStringLiteral("true"), QStringLiteral("false")};
+  }
+  if (OptionField(name) == QLatin1String("rollOverCap")) return {QStringLiteral("none")};
   const LimitsKey* key = FindLimitsKey(name);
   return key ? ValuesOf(*key) : QStringList();
 }

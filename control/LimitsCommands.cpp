@@ -48,6 +48,17 @@ HttpRequest RequestIfUnchanged(const QByteArray& method, const Command& command,
           {}};
 }
 
+QJsonObject ChangeBody(QJsonObject keys) {
+  QJsonObject options;
+  for (const QString& key : LimitsOptions()) {
+    if (keys.contains(key)) options.insert(OptionField(key), keys.take(key));
+  }
+  QJsonObject body;
+  if (!keys.isEmpty() || options.isEmpty()) body.insert(QStringLiteral("limits"), keys);
+  if (!options.isEmpty()) body.insert(QStringLiteral("options"), options);
+  return body;
+}
+
 HttpRequest ChangeRequest(const Command& command, const Answer& before) {
   HttpRequest request = RequestIfUnchanged("PATCH", command, before);
   QJsonObject keys = command.limits;
@@ -58,7 +69,7 @@ HttpRequest ChangeRequest(const Command& command, const Answer& before) {
       keys.insert(QStringLiteral("Enabled"), true);
     }
   }
-  request.body = Body({{QStringLiteral("limits"), keys}});
+  request.body = Body(ChangeBody(keys));
   return request;
 }
 
@@ -84,13 +95,17 @@ Change ChangeLimit(const Command& command, const HttpClient& server, bool mayBeN
 
 QJsonObject FirstLimit(const QJsonObject& like) {
   QJsonObject keys;
+  QJsonObject options;
   for (const QString& key : LimitsKeys()) {
     const QJsonValue first = FirstLimitsValue(key);
-    if (!first.isUndefined()) keys.insert(key, first);
+    const QString option = OptionField(key);
+    if (!option.isEmpty()) options.insert(option, first);
+    if (option.isEmpty() && !first.isUndefined()) keys.insert(key, first);
   }
   QJsonObject limit = like;
   limit[QStringLiteral("credit")] = 0;
   limit[QStringLiteral("limits")] = keys;
+  limit[QStringLiteral("options")] = options;
   return limit;
 }
 

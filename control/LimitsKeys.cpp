@@ -10,6 +10,9 @@
 namespace vardell::control {
 namespace {
 
+constexpr LimitsKey kRollOver{"Roll Over", LimitsValue::Flag};
+constexpr LimitsKey kRollOverCap{"Roll Over Cap", LimitsValue::Number, 2147483647};
+
 ParsedValue Refuse(const LimitsKey& key, const QString& text, const QString& orElse = {}) {
   return {QJsonValue(QJsonValue::Undefined),
           QStringLiteral("\"%1\" cannot be \"%2\": it takes %3")
@@ -78,6 +81,13 @@ ParsedValue ParseNumber(const LimitsKey& key, const QString& text) {
   return fits ? ParsedValue{*number, {}} : Refuse(key, text, orElse);
 }
 
+ParsedValue ParseCap(const QString& text) {
+  if (text.toLower() == QLatin1String("none")) return {QJsonValue::Null, {}};
+  const auto minutes = WholeUpTo(text, kRollOverCap.most);
+  return minutes ? ParsedValue{*minutes, {}}
+                 : Refuse(kRollOverCap, text, QStringLiteral(" of minutes, or none"));
+}
+
 }  // namespace
 
 ParsedValue ParseCredit(const QString& text) {
@@ -88,12 +98,16 @@ ParsedValue ParseLimitsValue(const QString& key, const QString& text) {
   if (const LimitsKey* known = FindLimitsKey(key)) {
     return known->value == LimitsValue::Flag ? ParseFlag(*known, text) : ParseNumber(*known, text);
   }
+  if (key == QLatin1String(kRollOver.name)) return ParseFlag(kRollOver, text);
+  if (key == QLatin1String(kRollOverCap.name)) return ParseCap(text);
   return {QJsonValue(QJsonValue::Undefined),
           QStringLiteral("there is no key \"%1\"; the keys are: %2")
               .arg(key, LimitsKeys().join(QStringLiteral(", ")))};
 }
 
 QJsonValue FirstLimitsValue(const QString& key) {
+  if (key == QLatin1String(kRollOver.name)) return false;
+  if (key == QLatin1String(kRollOverCap.name)) return QJsonValue::Null;
   const LimitsKey* known = FindLimitsKey(key);
   if (!known || known->value == LimitsValue::Credit) return QJsonValue::Undefined;
   if (key == QLatin1String("Enabled")) return true;
@@ -108,7 +122,17 @@ QStringList LimitsKeys() {
   for (const LimitsKey& key : AllLimitsKeys()) {
     names.append(QLatin1String(key.name));
   }
-  return names;
+  return names + LimitsOptions();
+}
+
+QStringList LimitsOptions() {
+  return {QLatin1String(kRollOver.name), QLatin1String(kRollOverCap.name)};
+}
+
+QString OptionField(const QString& key) {
+  if (key == QLatin1String(kRollOver.name)) return QStringLiteral("rollOver");
+  if (key == QLatin1String(kRollOverCap.name)) return QStringLiteral("rollOverCap");
+  return {};
 }
 
 QString ClockText(int minuteOfDay) {

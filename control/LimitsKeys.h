@@ -2,6 +2,9 @@
 // besides true and false yes/no, on/off and 1/0, for a minute of the day 08:00 (a stop up to
 // 24:00), for a time a local date and time: 2026-12-24T07:00.
 //
+// Among them are two that the Server keeps for itself, its options: "Roll Over" and "Roll Over
+// Cap", minutes or none.
+//
 // Pure functions; nothing blocks.
 #pragma once
 
@@ -12,7 +15,7 @@
 namespace vardell::control {
 
 struct ParsedValue {
-  QJsonValue value;  // bool or number; undefined where there is a problem
+  QJsonValue value;  // bool, number or, for "none", null; undefined where there is a problem
   QString problem;   // for people, naming the key and what is allowed; empty when all is well
 };
 
@@ -27,6 +30,10 @@ QJsonValue FirstLimitsValue(const QString& key);
 
 // All keys, in the order in which they are shown.
 QStringList LimitsKeys();
+
+// The options among them, and the field of the Server's "options" that one is; empty for a key.
+QStringList LimitsOptions();
+QString OptionField(const QString& key);
 
 // Minute of the day as "08:00"; "24:00" for 1440.
 QString ClockText(int minuteOfDay);

@@ -42,14 +42,26 @@ QString Hours(const QJsonObject& keys, const QString& day) {
          ClockText(keys[day + QStringLiteral(" stop")].toInt(1439));
 }
 
-QString TopUp(const QJsonObject& keys) {
+QString CapText(const QJsonValue& cap) {
+  return cap.isDouble() ? NumberText(cap) + QStringLiteral(" min") : QStringLiteral("none");
+}
+
+QString RollOver(const QJsonObject& options) {
+  if (!options[QStringLiteral("rollOver")].toBool()) return {};
+  const QJsonValue cap = options[QStringLiteral("rollOverCap")];
+  const QString text = QStringLiteral(", rolls over");
+  return cap.isDouble() ? text + QStringLiteral(" up to ") + CapText(cap) : text;
+}
+
+QString TopUp(const QJsonObject& limit) {
+  const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
   const qint64 value = keys[QStringLiteral("AutoUpdateValue")].toInteger();
   if (value == 0 || keys[QStringLiteral("NextAutoUpdate")].toDouble() == 0) {
     return QStringLiteral("none");
   }
-  return QString::number(value) + (keys[QStringLiteral("AutoUpdateCoeff")].toInt(1) == 60
-                                       ? QStringLiteral(" h")
-                                       : QStringLiteral(" min"));
+  const bool isHours = keys[QStringLiteral("AutoUpdateCoeff")].toInt(1) == 60;
+  return QString::number(value) + (isHours ? QStringLiteral(" h") : QStringLiteral(" min")) +
+         RollOver(limit[QStringLiteral("options")].toObject());
 }
 
 QString Quota(const QJsonObject& keys) {
@@ -58,17 +70,22 @@ QString Quota(const QJsonObject& keys) {
              : QStringLiteral("none");
 }
 
-// The keys that this limit has.
+// The keys that this limit has; options only where its Server knows them.
 QStringList KeysOf(const QJsonObject& limit) {
   QStringList keys;
   for (const LimitsKey& key : AllLimitsKeys()) {
     if (key.ofQuota || !IsHome(limit)) keys.append(QLatin1String(key.name));
   }
-  return keys;
+  const bool hasOptions = limit.contains(QStringLiteral("options")) && !IsHome(limit);
+  return hasOptions ? keys + LimitsOptions() : keys;
 }
 
 QString KeyText(const QString& key, const QJsonObject& limit) {
-  const QJsonValue value = limit[QStringLiteral("limits")].toObject()[key];
+  const QString option = OptionField(key);
+  const QJsonValue value = option.isEmpty() ? limit[QStringLiteral("limits")].toObject()[key]
+                                            : limit[QStringLiteral("options")].toObject()[option];
+  if (option == QLatin1String("rollOver")) return YesNo(value);
+  if (option == QLatin1String("rollOverCap")) return CapText(value);
   if (key == QLatin1String("Credit")) {
     return NumberText(limit[QStringLiteral("credit")]) + QStringLiteral(" min");
   }
@@ -174,7 +191,7 @@ QString LimitsTable(const QJsonArray& limits) {
                     isHome ? none : NumberText(limit[QStringLiteral("credit")]),
                     isHome ? none : YesNo(keys[QStringLiteral("Enabled")]),
                     isHome ? none : Hours(keys, QStringLiteral("WD")),
-                    isHome ? none : Hours(keys, QStringLiteral("WE")), isHome ? none : TopUp(keys),
+                    isHome ? none : Hours(keys, QStringLiteral("WE")), isHome ? none : TopUp(limit),
                     Quota(keys)});
   }
   return AlignedTable(rows);

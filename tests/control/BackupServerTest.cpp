@@ -1,6 +1,7 @@
 // Backup and restore with the real Server.
 #include <gtest/gtest.h>
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -76,9 +77,12 @@ class BackupOfServer : public testing::Test {
     QFile::remove(folder_.filePath(u"use.before-restore"_s));
   }
 
+  // The next top-up is twelve hours ahead: none comes while a test runs.
   void MakeOld() const {
+    const qint64 next = QDateTime::currentSecsSinceEpoch() - 978'307'200 + 12 * 3600;
     Do({"limits", "set", "anna", "org.game", "Credit=30", "WD start=08:00", "WD stop=24:00",
-        "NextAutoUpdate=2030-12-24T07:00", "AutoUpdateValue=2", "AutoUpdateCoeff=60"});
+        "NextAutoUpdate=" + std::to_string(next), "AutoUpdateValue=2", "AutoUpdateCoeff=60",
+        "Roll Over=on", "Roll Over Cap=180"});
     Do({"limits", "set", "bért", "computer", "Credit=2147483647", "Enabled=false"});
     Do({"limits", "set", "bért", "home", "DQ Enabled=true", "DQ Value=4096"});
     Do({"settings", "set", "Configuration=lock", "Server=a:1"});

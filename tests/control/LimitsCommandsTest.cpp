@@ -26,6 +26,13 @@ constexpr char kOpen[] =
 const QByteArray kHours =
     QByteArray(kOpen) + R"(,"WD start":480,"WD stop":1200,"WD Curfew Enabled":true)";
 
+// Of a limit with top-ups.
+QByteArray Rolling(const QByteArray& rollOver, const QByteArray& cap) {
+  QByteArray limit = Game(5, QByteArray(kOpen) + R"(,"AutoUpdateValue":60,"NextAutoUpdate":1)");
+  limit.insert(1, R"("options":{"rollOver":)" + rollOver + R"(,"rollOverCap":)" + cap + "},");
+  return limit;
+}
+
 TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
   const struct {
     const char* what;
@@ -117,6 +124,23 @@ TEST(LimitsCommands, AChangeIsSaidKeyByKey) {
        R"({"limits":{"WD Curfew Enabled":true,"WD start":900,"WD stop":1080}})",
        nullptr,
        ""},
+      {"a top-up that rolls over, with a key",
+       "limits|set|anna|org.game|Roll Over=on|Roll Over Cap=180|AutoUpdateValue=60",
+       {Answer(200, Rolling("false", "null")), Answer(200, Rolling("true", "180"))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"limits":{"AutoUpdateValue":60},"options":{"rollOver":true,"rollOverCap":180}})",
+       "anna, org.game: changed.\n"
+       "KEY            BEFORE  NOW\n"
+       "Roll Over      no      yes\n"
+       "Roll Over Cap  none    180 min\n",
+       ""},
+      {"up to no bound, and nothing else",
+       "limits|set|anna|org.game|Roll Over Cap=none",
+       {Answer(200, Rolling("true", "180")), Answer(200, Rolling("true", "null"))},
+       "PATCH /v1/users/anna/limits/org.game HTTP/1.1",
+       R"({"options":{"rollOverCap":null}})",
+       nullptr,
+       ""},
       {"keys back to their first values",
        "limits|unset|anna|org.game|WD stop|Enabled|WD Curfew Enabled|AutoUpdateCoeff",
        {Answer(200, Game(0, kHours)), Answer(200, Game(0, kOpen))},
@@ -203,6 +227,20 @@ TEST(LimitsCommands, AddedMinutesAreSaidAsTheServerBookedThem) {
   const Outcome unasked = RunAt(u"/nonexistent"_s, Words("credit|add|anna|org.game|5"));
   EXPECT_EQ(unasked.status, 3);
   EXPECT_FALSE(unasked.error.contains(u"may have been done"_s)) << qPrintable(unasked.error);
+}
+
+TEST(LimitsCommands, ATopUpIsListedWithHowItRollsOver) {
+  const struct {
+    QByteArray limit;
+    const char* shown;
+  } rows[] = {{Rolling("false", "180"), "  60 min  none\n"},
+              {Rolling("true", "null"), "  60 min, rolls over  none\n"},
+              {Rolling("true", "180"), "  60 min, rolls over up to 180 min  none\n"}};
+  for (const auto& row : rows) {
+    const auto shown =
+        Vardellctl("limits|show|anna", {Answer(200, R"({"limits":[)" + row.limit + "]}")});
+    EXPECT_TRUE(shown.output.endsWith(QLatin1String(row.shown))) << qPrintable(shown.output);
+  }
 }
 
 TEST(LimitsCommands, HomeFoldersAreListedWithWhatTheyHave) {

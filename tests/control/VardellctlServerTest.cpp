@@ -77,6 +77,9 @@ TEST_F(VardellctlServer, MinutesAreAddedOnceAndALimitGoesWithWhatItHad) {
             u"anna, computer: 17 minutes taken away instead of 30, 0 left.\n"_s);
   EXPECT_EQ(vardellctl({"limits", "unset", "anna", "computer", "WD start"}).output,
             u"anna, computer: changed.\nKEY       BEFORE  NOW\nWD start  08:00   00:00\n"_s);
+  EXPECT_EQ(vardellctl({"limits", "set", "anna", "computer", "Roll Over=on"}).output,
+            u"anna, computer: changed.\nKEY        BEFORE  NOW\nRoll Over  no      yes\n"_s);
+  EXPECT_EQ(vardellctl({"limits", "set", "anna", "home", "Roll Over=on"}).status, 1);
   EXPECT_EQ(vardellctl({"limits", "preset", "anna", "computer", "bedtime"}).status, 0);
   EXPECT_EQ(json({"limits", "show", "anna", "computer"})[u"limits"_s][u"WE stop"_s], 22 * 60);
   EXPECT_EQ(json({"limits", "unset", "anna", "computer"})[u"removed"_s], true);

@@ -25,6 +25,8 @@ TEST(Vardellctl, MisuseIsRefusedWithoutAskingTheServer) {
               {"limits|set|anna|org.game|Enabled=maybe", "it takes true or false"},
               {"limits|set|anna|org.game|AutoUpdateCoeff=59", "60 (hours) or 1 (minutes)"},
               {"limits|set|anna|org.game|NextAutoUpdate=soon", "local date and time"},
+              {"limits|set|anna|org.game|Roll Over=180", "\"Roll Over\" cannot be \"180\""},
+              {"limits|set|anna|org.game|Roll Over Cap=2147483648", "of minutes, or none"},
               {"limits|set|anna|org.game|WD start=1|WD start=2", "is given twice"},
               {"limits|set|anna|org.game|Enabled=true|WD stop=x", "\"WD stop\" cannot be"},
               {"limits|set|anna|org.game|Enabled", "is not KEY=VALUE"},
