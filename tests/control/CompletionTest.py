@@ -9,6 +9,7 @@ import os
 import pty
 import re
 import select
+import shlex
 import shutil
 import socketserver
 import subprocess
@@ -121,7 +122,7 @@ class Shell:
             os.execvp(COMMAND[name][0], COMMAND[name])
         self.pid = pid
         self.output = b""
-        for line in SETUP[name].replace("SOURCE_DIR", SOURCE_DIR).strip().splitlines():
+        for line in SETUP[name].replace("SOURCE_DIR", shlex.quote(SOURCE_DIR)).strip().splitlines():
             os.write(self.terminal, line.encode() + b"\n")
         os.write(self.terminal, b"echo rea''dy\n")
         self.wait(b"\nready")

@@ -31,8 +31,8 @@ QByteArray OnTerminal(const QString& control, const char* kind, const char* word
     setenv("TERM", kind, 1);
     const std::string path = control.toStdString();
     (void)!freopen("/dev/null", "w", stdout);
-    execl("/bin/sh", "sh", "-c", VARDELL_BIN_DIR "/vardellctl --control \"$0\" $1", path.c_str(),
-          words, static_cast<char*>(nullptr));
+    execl("/bin/sh", "sh", "-c", "'" VARDELL_BIN_DIR "/vardellctl' --control \"$0\" $1",
+          path.c_str(), words, static_cast<char*>(nullptr));
     _exit(127);
   }
   QByteArray sent;

@@ -238,7 +238,7 @@ TEST(Vardellctl, WhatATerminalWouldObeyIsEscapedInJson) {
 
 TEST(Vardellctl, WhatCannotBePrintedIsAFailureThatIsSaid) {
   const Finished full =
-      test::Run({"/bin/sh", "-c", VARDELL_BIN_DIR "/vardellctl --version >/dev/full"}, {});
+      test::Run({"/bin/sh", "-c", "'" VARDELL_BIN_DIR "/vardellctl' --version >/dev/full"}, {});
   EXPECT_EQ(full.status, 1);
   EXPECT_EQ(full.output,
             u"vardellctl: what was to be shown could not be written: No space left on device\n"_s);
