@@ -98,12 +98,12 @@ constexpr CommandHelp kCommands[] = {
      "vardellctl settings unset Server\n"},
     {Verb::Backup,
      "The file is read back before it counts as written. It is for root's eyes only.\n",
-     "vardellctl backup /root/vardell.backup\n"},
+     "vardellctl backup /var/backups/vardell\n"},
     {Verb::Restore,
      "The file is checked as a whole, what would change is shown, and you are asked. What was\n"
      "there before is kept in a file beside it.\n",
-     "vardellctl restore /root/vardell.backup --check\n"
-     "vardellctl restore /root/vardell.backup --yes\n"},
+     "vardellctl restore /var/backups/vardell --check\n"
+     "vardellctl restore /var/backups/vardell --yes\n"},
     {Verb::Complete,
      "The completions of bash and zsh call this. It prints a candidate on each line, or "
      "\"<files>\"\n"
