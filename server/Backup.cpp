@@ -45,7 +45,7 @@ QJsonObject LimitsJson(const LimitsEntry& entry) {
                      {QStringLiteral("identifier"), entry.identifier},
                      {QStringLiteral("limits"), keys},
                      {QStringLiteral("credit"), qint64{entry.credit}}};
-  if (entry.options != TopUpOptions()) object.insert(kOptions, OptionsOf(entry));
+  if (entry.options != LimitOptions()) object.insert(kOptions, OptionsOf(entry));
   return object;
 }
 

@@ -283,6 +283,8 @@ void FrameListener::ReadOn(std::uint64_t connection) {
   impl_->HandleReceived(kept);
 }
 
+void FrameListener::Release(std::uint64_t) {}
+
 std::uint16_t FrameListener::Port() const {
   return impl_->acceptor.local_endpoint().port();
 }

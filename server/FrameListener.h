@@ -30,6 +30,9 @@ struct RequestOutcome {
   QByteArray reply;                // whole, with its length; empty where none is due
   std::optional<QString> problem;  // why the connection must be closed
   bool isUnderWay = false;         // nothing more is read off the connection until ReadOn
+  // The reply shows the change of this number, and is kept back until Release tells that it is
+  // stored, but not longer than kLongestReplyDelay; replies keep their order. 0: it goes at once.
+  std::uint64_t after = 0;
 };
 
 class FrameListener {
@@ -56,6 +59,9 @@ class FrameListener {
 
   // Goes on with a connection whose request was under way, if it is still there.
   void ReadOn(std::uint64_t connection);
+
+  // The changes up to this number are stored.
+  void Release(std::uint64_t stored);
 
   std::uint16_t Port() const;
   QString Address() const;  // "127.0.0.1:40001"

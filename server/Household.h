@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "link/LimitsRecord.h"
-#include "server/TopUps.h"
+#include "server/LimitOptions.h"
 
 namespace vardell::server {
 
@@ -70,7 +70,7 @@ struct LimitsEntry {
   LimitsRecord limits;  // its credit field is not used
   std::int64_t credit = 0;
   std::uint64_t revision = 0;  // of the limits and options; counts from 1
-  TopUpOptions options = {};
+  LimitOptions options = {};
 };
 
 // Minutes of use, of the days that have any; by the wall clock's zone.

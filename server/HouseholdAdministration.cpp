@@ -98,7 +98,7 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
   change.audit = Audited(actor, now, "limits", entry, before ? AuditText(*before) : QString(),
                          AuditText(after));
   QString error;
-  if (!impl_->WriteNow(std::move(change), &error)) {
+  if (!impl_->WriteNow({std::move(change)}, &error)) {
     return Refuse(AdminStatus::StoreFailed, {}, error);
   }
   impl_->users[user][identifier] = after;
@@ -125,7 +125,7 @@ AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,
   }
   change.audit = Audited(actor, now, "limits", entry, AuditText(*account), QString());
   QString error;
-  if (!impl_->WriteNow(std::move(change), &error)) {
+  if (!impl_->WriteNow({std::move(change)}, &error)) {
     return Refuse(AdminStatus::StoreFailed, {}, error);
   }
   impl_->Forget({user, identifier});

@@ -74,7 +74,7 @@ AdminResult Household::Impl::ChangeCredit(const CreditChange& wanted) {
   change.adjustment = AdjustmentRow{wanted.id, wanted.digest, added};
   change.audit = Audited(wanted.actor, now, "credit", entry, AuditText(*account), AuditText(after));
   QString error;
-  if (!WriteNow(std::move(change), &error)) return Refuse(AdminStatus::StoreFailed, {}, error);
+  if (!WriteNow({std::move(change)}, &error)) return Refuse(AdminStatus::StoreFailed, {}, error);
   *account = after;
   return {AdminStatus::Ok, {}, {}, entry, added};
 }

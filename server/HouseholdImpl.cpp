@@ -79,11 +79,11 @@ bool Household::Impl::WriteWaiting() {
   const std::chrono::milliseconds now = clocks.sinceBoot();
   if (diskFails && now - lastTry < kTimeBetweenTries) return false;
   lastTry = now;
-  QString error;
-  const bool written = store->Apply(waiting, clocks.bootId, &error);
+  const ApplyResult result = store->Apply(waiting, clocks.bootId, 0);
+  const bool written = result.status == ApplyStatus::Done;
   if (written) waiting.clear();
   if (!written && !diskFails) {
-    Log(error + QStringLiteral("; agents are answered from memory until then"));
+    Log(result.error + QStringLiteral("; agents are answered from memory until then"));
   }
   if (written && diskFails) Log(QStringLiteral("the store takes changes again, all is written"));
   diskFails = !written;
@@ -96,8 +96,11 @@ bool Household::Impl::WriteFirst(QString* error) {
   return false;
 }
 
-bool Household::Impl::WriteNow(StoreChange change, QString* error) {
-  return WriteFirst(error) && store->Apply({std::move(change)}, clocks.bootId, error);
+bool Household::Impl::WriteNow(const std::vector<StoreChange>& changes, QString* error) {
+  if (!WriteFirst(error)) return false;
+  const ApplyResult result = store->Apply(changes, clocks.bootId, 0);
+  if (result.status != ApplyStatus::Done) *error = result.error;
+  return result.status == ApplyStatus::Done;
 }
 
 void Household::Impl::Log(const QString& line) const {

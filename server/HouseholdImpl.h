@@ -27,7 +27,7 @@ struct Account {
   std::uint64_t revision = 0;
   AccountState state;
   std::map<QString, Lane> lanes;  // by host
-  TopUpOptions options;
+  LimitOptions options;
   TopUpMemory topUps;
 };
 
@@ -96,7 +96,7 @@ struct Household::Impl {
   bool HasRoomToBook();
   void Write(StoreChange change);
   bool WriteWaiting();
-  bool WriteNow(StoreChange change, QString* error);
+  bool WriteNow(const std::vector<StoreChange>& changes, QString* error);
   // What waits comes first; false where that cannot be.
   bool WriteFirst(QString* error);
   void Log(const QString& line) const;

@@ -229,9 +229,8 @@ RestoreResult Household::Restore::Finish() {
                           SummaryOf(result.counts));
   changes.push_back(std::move(summary));
 
-  if (!household_.store->ApplyLast(changes, household_.clocks.bootId, &result.message)) {
-    return {AdminStatus::StoreFailed, result.message, {}};
-  }
+  const ApplyResult applied = household_.store->ApplyLast(changes, household_.clocks.bootId);
+  if (applied.status != ApplyStatus::Done) return {AdminStatus::StoreFailed, applied.error, {}};
   for (const LimitsEntry& entry : removed) household_.Forget({entry.user, entry.identifier});
   household_.ForgetHanded();
   for (auto& [name, account] : accounts) {

@@ -79,8 +79,7 @@ bool Household::Impl::TopUp(const std::vector<Name>& names, const TopUpMoment& m
     decided.emplace_back(name, std::move(after));
   }
   QString error;
-  const bool isWritten =
-      changes.empty() || (WriteFirst(&error) && store->Apply(changes, clocks.bootId, &error));
+  const bool isWritten = changes.empty() || WriteNow(changes, &error);
   if (!isWritten && !topUpsWait) Log(error + QStringLiteral("; top-ups wait until then"));
   topUpsWait = !isWritten;
   if (!isWritten) return false;

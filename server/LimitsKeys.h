@@ -7,14 +7,14 @@
 #include <optional>
 
 #include "link/LimitsRecord.h"
-#include "server/TopUps.h"
+#include "server/LimitOptions.h"
 
 namespace vardell::server {
 
 struct LimitsChange {
   LimitsRecord limits;                 // with the keys applied; credit untouched
   std::optional<std::int64_t> credit;  // where "Credit" was among the keys
-  TopUpOptions options;                // as they are to be; no keys change them
+  LimitOptions options;                // as they are to be; no keys change them
 };
 
 struct KeyProblem {

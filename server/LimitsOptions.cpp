@@ -14,7 +14,7 @@ const QLatin1String kRollOverCap("rollOverCap");
 
 }  // namespace
 
-QJsonObject OptionsJson(const TopUpOptions& options) {
+QJsonObject OptionsJson(const LimitOptions& options) {
   return {
       {kRollOver, options.rollOver},
       {kRollOverCap, options.cap ? QJsonValue(qint64{*options.cap}) : QJsonValue(QJsonValue::Null)},
@@ -26,8 +26,8 @@ bool IsOption(const QString& name) {
 }
 
 std::optional<KeyProblem> ApplyOptions(const QString& identifier, const QVariantMap& changes,
-                                       TopUpOptions* options) {
-  TopUpOptions after = *options;
+                                       LimitOptions* options) {
+  LimitOptions after = *options;
   for (auto change = changes.begin(); change != changes.end(); ++change) {
     const QString& name = change.key();
     const QJsonValue value = QJsonValue::fromVariant(*change);

@@ -7,12 +7,12 @@
 #include <QVariant>
 #include <optional>
 
+#include "server/LimitOptions.h"
 #include "server/LimitsKeys.h"
-#include "server/TopUps.h"
 
 namespace vardell::server {
 
-QJsonObject OptionsJson(const TopUpOptions& options);
+QJsonObject OptionsJson(const LimitOptions& options);
 
 bool IsOption(const QString& name);
 
@@ -20,6 +20,6 @@ bool IsOption(const QString& name);
 // is whole minutes from 0 to 2^31-1, or null. The global settings have no options.
 [[nodiscard]] std::optional<KeyProblem> ApplyOptions(const QString& identifier,
                                                      const QVariantMap& changes,
-                                                     TopUpOptions* options);
+                                                     LimitOptions* options);
 
 }  // namespace vardell::server

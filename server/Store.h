@@ -1,10 +1,14 @@
-// The Server's memory on disk: one SQLite file. A change is one transaction, on the disk when Apply
-// returns; no other program can use the file meanwhile. Not thread-safe; every call waits for the
-// disk.
+// Where a Household is kept: what both kinds of store, SQLite and PostgreSQL, have in common. Used
+// by one thread at a time; every call waits for the disk or the database.
 //
-// Tables: migrations, limits, top_ups, removed_limits, credit, lanes, ledger, unfinished_restore,
-// adjustments, audit. The ledger and the audit only ever grow: the database itself refuses to
-// change or delete their rows, but for those of a restore that was not finished.
+// A store of SQLite belongs to one Server: what a change says is what is stored. One of PostgreSQL
+// may be shared: what an agent used is taken from the credit as it is there, whatever the change
+// says of it, and an administrator's change is a conflict where the account has another version
+// than the one it was made from.
+//
+// Changes that may have to be kept elsewhere for a while are numbered, and a number is stored in
+// the transaction of its change: whoever repeats them from number LastNumber() + 1 on repeats none
+// twice.
 #pragma once
 
 #include <QByteArray>
@@ -12,18 +16,16 @@
 #include <QString>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include "server/Household.h"
 
 namespace vardell::server {
 
-class SqliteDatabase;
-
-inline constexpr int kStoreSchemaVersion = 3;
+inline constexpr int kStoreSchemaVersion = 4;
 inline constexpr char kDefaultStorePath[] = "/var/lib/vardell/vardell.sqlite";
 
 // What the Server itself changes of a limit: the revision stays.
@@ -39,12 +41,13 @@ struct CreditRow {
   QString identifier;
   std::int64_t minutes = 0;
   bool spent = false;
+  std::uint64_t version = 0;  // of the account; counts with every change in a shared store, else 0
 };
 
 struct LaneRow {
   QString user;
   QString identifier;
-  QString host;
+  QString host;                            // empty: that of all hosts together
   std::chrono::milliseconds paidUntil{0};  // enforcement time of the boot
 };
 
@@ -77,12 +80,17 @@ struct AuditRow {
   QString after;
 };
 
-// Everything that one event changes; what is absent stays.
+// Everything that one event changes; what is absent stays. All names in it are those of one
+// account.
 struct StoreChange {
+  // The version of the account that this was made from, 0 where it was not there: everything is
+  // stored as it stands, or is a conflict. Absent: an agent's; it has only `credit`, `lane`,
+  // `forgottenLane` and `ledger`.
+  std::optional<std::uint64_t> basedOn;
   std::optional<LimitsEntry> limits;     // without its credit
   std::optional<RemovedLimits> removed;  // their credit, lanes and top-ups go with them
   std::optional<TopUpRow> topUp;         // of limits that are there
-  std::optional<CreditRow> credit;
+  std::optional<CreditRow> credit;       // without a version
   std::optional<LaneRow> lane;
   std::optional<LaneRow> forgottenLane;
   std::optional<LedgerRow> ledger;
@@ -99,48 +107,92 @@ struct StoreContents {
   std::vector<UsageRow> usage;
 };
 
+// What other Servers have changed in a shared store.
+struct StoreNews {
+  bool everything = false;  // so much that all is to be loaded again; the rest is empty then
+  // Of limits that were made or changed in any way: all of `limits`, `topUps` and `credit`; of
+  // those removed `removed`; `usage` is what was added to days. No lanes.
+  StoreContents contents;
+
+  bool IsEmpty() const {
+    return !everything && contents.credit.empty() && contents.removed.empty() &&
+           contents.usage.empty();
+  }
+};
+
+enum class ApplyStatus {
+  Done,
+  Conflict,  // nothing was stored; News() tells what another Server has changed
+  Failed,  // the disk or the database refused, or did not answer in time: LastNumber() tells later
+};
+
+struct ApplyResult {
+  ApplyStatus status = ApplyStatus::Done;
+  QString error;  // of Failed: a line for people that says what to do
+  // Of a shared store: the accounts that were changed, as they are now.
+  std::vector<CreditRow> accounts;
+};
+
+// The store cannot be reached at the moment, and may be later.
+class StoreAway : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 class Store {
  public:
-  // Opens or makes the file, readable by its owner alone, and brings it to this schema. Throws
-  // std::runtime_error with one line for people that says what to do: no folder, no permission,
-  // damaged, in use, not ours, or of a newer version.
-  static std::unique_ptr<Store> Open(const QString& path);
-  ~Store();
+  virtual ~Store() = default;
 
-  // Throws std::runtime_error likewise, also where a credit is not the sum of its ledger.
-  StoreContents Load(const QString& bootId);
+  // For whose sake LastNumber counts; empty until it is said. Of a store that was just opened.
+  virtual void SetServerId(const QString& id) = 0;
+  virtual bool IsShared() const = 0;
+  virtual QString Description() const = 0;  // what and where, without a password
 
-  // All of the changes or none. False, with a line for people, when the disk refused.
-  [[nodiscard]] bool Apply(const std::vector<StoreChange>& changes, const QString& bootId,
-                           QString* error);
+  // Everything as it is now. Throws StoreAway, or std::runtime_error with a line for people, also
+  // where a credit is not the sum of its ledger.
+  virtual StoreContents Load(const QString& bootId) = 0;
+  // The number of the last change that is stored for this Server; 0: none. Throws likewise.
+  virtual std::uint64_t LastNumber() = 0;
+
+  // All of the changes, in their order, or none. `lastNumber`: of the last one of them; 0 where
+  // they have none.
+  [[nodiscard]] virtual ApplyResult Apply(const std::vector<StoreChange>& changes,
+                                          const QString& bootId, std::uint64_t lastNumber) = 0;
+
+  // What others changed since the last News, Load or conflict. Throws StoreAway.
+  virtual StoreNews News() = 0;
+  // Whether a store that failed can be used again; tries to reach it. Not more than a second; an
+  // attempt that takes longer goes on, and the next call asks for its result. `error`: a line for
+  // people.
+  [[nodiscard]] virtual bool Recover(QString* error) = 0;
 
   // --- A restore that is too large for one transaction. Its rows of the ledger, whose source is
   // "restore" and which add no minutes, are written ahead; they count, and are seen, from its last
   // transaction on. What was not finished is forgotten at the latest by Load.
 
-  [[nodiscard]] bool WriteAhead(const std::vector<LedgerRow>& rows, QString* error);
-  [[nodiscard]] bool ApplyLast(const std::vector<StoreChange>& changes, const QString& bootId,
-                               QString* error);
-  bool HasUnfinishedRestore() const { return firstUnfinished_.has_value(); }
+  [[nodiscard]] virtual bool WriteAhead(const std::vector<LedgerRow>& rows, QString* error) = 0;
+  // The changes, whatever versions they are based on.
+  [[nodiscard]] virtual ApplyResult ApplyLast(const std::vector<StoreChange>& changes,
+                                              const QString& bootId) = 0;
+  virtual bool HasUnfinishedRestore() const = 0;
   // Deletes at most `most` of the rows.
-  [[nodiscard]] bool ForgetUnfinished(int most, QString* error);
+  [[nodiscard]] virtual bool ForgetUnfinished(int most, QString* error) = 0;
 
-  // Absent where there is none with this id; throws std::runtime_error when the disk fails.
-  std::optional<AdjustmentRow> Adjustment(const QString& id);
-  // Throws likewise. While a restore `isUnderWay`, rows behind its first one wait for their turn: a
-  // reader who goes on from the last id must not miss any.
-  std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user, const QString& identifier,
-                                int limit, bool isUnderWay = false);
-
-  QString Description() const;
-
- private:
-  Store(std::unique_ptr<SqliteDatabase> database, QString path);
-  bool InOneTransaction(const std::function<void()>& write, QString* error);
-
-  std::unique_ptr<SqliteDatabase> database_;
-  QString path_;
-  std::optional<std::int64_t> firstUnfinished_;  // row of a restore
+  // Absent where there is none with this id; throws std::runtime_error when the store fails.
+  virtual std::optional<AdjustmentRow> Adjustment(const QString& id) = 0;
+  // Rows with an id above `after`, oldest first; empty filters match all. Throws likewise. While a
+  // restore `isUnderWay`, rows behind its first one wait for their turn: a reader who goes on from
+  // the last id must not miss any.
+  virtual std::vector<LedgerRow> Ledger(std::int64_t after, const QString& user,
+                                        const QString& identifier, int limit,
+                                        bool isUnderWay = false) = 0;
 };
+
+// `location`: the file of a SQLite store, or "postgresql://..." (also "postgres://"). Throws
+// StoreAway or std::runtime_error with one line for people that says what to do: no folder, no
+// permission, damaged, in use, not ours, or of a newer version; no answer.
+std::unique_ptr<Store> OpenStore(const QString& location);
+
+bool IsPostgresLocation(const QString& location);
 
 }  // namespace vardell::server

@@ -50,7 +50,7 @@ std::unique_ptr<Household> OpenHousehold(const Options& options) {
   clocks.second = SecondLength();
   clocks.zone = SystemZone;
   clocks.isSet = IsClockSet;
-  return std::make_unique<Household>(Store::Open(options.store), std::move(clocks),
+  return std::make_unique<Household>(OpenStore(options.store), std::move(clocks),
                                      HouseholdHooks{{}, Say});
 }
 

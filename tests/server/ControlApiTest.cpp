@@ -13,7 +13,7 @@ namespace {
 TEST_F(ControlApi, StatusShowsTheServer) {
   EXPECT_EQ(Text(Ask("GET", "/v1/status")),
             R"({"address":"127.0.0.1:40001","agents":3,"limits":1,"published":"Vardell on den",)"
-            R"("schema":3,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
+            R"("schema":4,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
                 StorePath().toStdString() +
                 R"(","users":1,"version":"0.1","waiting":0,"zone":"+01:00"})");
 }

@@ -37,7 +37,7 @@ class HouseholdFixture : public testing::Test {
       return std::nullopt;
     };
     hooks.log = [this](const QString& line) { log_.push_back(line); };
-    household_ = std::make_unique<Household>(Store::Open(StorePath()), clocks, hooks);
+    household_ = std::make_unique<Household>(OpenStore(StorePath()), clocks, hooks);
   }
 
   QString StorePath() const { return folder_.filePath(QStringLiteral("store.sqlite")); }

@@ -165,7 +165,7 @@ TEST_F(HouseholdTest, HostsAreBounded) {
     Start();
   }
   household_.reset();
-  EXPECT_EQ(Store::Open(StorePath())->Load(bootId_).lanes.size(), kMaxLanesPerIdentifier);
+  EXPECT_EQ(OpenStore(StorePath())->Load(bootId_).lanes.size(), kMaxLanesPerIdentifier);
 }
 
 // --- The disk.

@@ -37,7 +37,7 @@ class RestoreProgramTest : public ServerProgramFixture {
   }
 
   bool IsUnfinished() const {
-    return Store::Open(QString::fromStdString(Path("store.sqlite")))->HasUnfinishedRestore();
+    return OpenStore(QString::fromStdString(Path("store.sqlite")))->HasUnfinishedRestore();
   }
   QByteArray State() const { return WriteBackup(OpenHousehold()->MakeBackup(), {}, {}); }
 };

@@ -51,7 +51,7 @@ class ServerProgramFixture : public testing::Test {
   std::unique_ptr<Household> OpenHousehold() const {
     Clocks clocks{[] { return std::chrono::milliseconds(0); }, QStringLiteral("test"),
                   [] { return QDateTime::currentDateTime(); }, std::chrono::milliseconds(1000)};
-    return std::make_unique<Household>(Store::Open(QString::fromStdString(Path("store.sqlite"))),
+    return std::make_unique<Household>(OpenStore(QString::fromStdString(Path("store.sqlite"))),
                                        clocks);
   }
 

@@ -124,7 +124,7 @@ TEST_F(ServerProgramTest, LosesNothingThatItAcknowledgedWhenKilled) {
     server_.End(SIGKILL);
   }
   // Opening it also compares each credit with its ledger.
-  const auto store = Store::Open(QString::fromStdString(Path("store.sqlite")));
+  const auto store = OpenStore(QString::fromStdString(Path("store.sqlite")));
   const StoreContents contents = store->Load(QString());
   ASSERT_EQ(contents.credit.size(), 1u);
   EXPECT_LE(contents.credit[0].minutes, acknowledged);

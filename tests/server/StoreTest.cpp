@@ -9,7 +9,7 @@
 
 #include "Common Sources/FileSystem.h"
 #include "server/Sqlite.h"
-#include "server/StoreSchema.h"
+#include "server/SqliteSchema.h"
 #include "tests/server/HouseholdFixture.h"
 
 namespace vardell::server {
@@ -38,7 +38,7 @@ void Overwrite(const QString& path, const QByteArray& bytes, const std::vector<q
 void ExpectRefused(const QString& path, const char* says) {
   SCOPED_TRACE(says);
   try {
-    (void)Store::Open(path)->Load({});
+    (void)OpenStore(path)->Load({});
     ADD_FAILURE() << "opened";
   } catch (const std::runtime_error& error) {
     const QString complaint = QString::fromUtf8(error.what());
@@ -137,14 +137,14 @@ TEST_F(StoreTest, AStoreOfTheSecondVersionKeepsEverything) {
       INSERT INTO removed_limits VALUES ('ben', 'org.example.game', 9);
       INSERT INTO audit VALUES (1, '', '', '', '', '', '', '');)sql");
   }
-  const auto store = Store::Open(StorePath());
+  const auto store = OpenStore(StorePath());
   const StoreContents contents = store->Load(bootId_);
   ASSERT_EQ(contents.limits.size(), 1u);
   const LimitsEntry& entry = contents.limits[0];
   EXPECT_EQ(entry.revision, 7u);
   EXPECT_EQ(entry.limits.diskQuotaValue, 700);
   EXPECT_EQ(entry.limits.nextTopUpTime, 257922000);
-  EXPECT_EQ(entry.options, TopUpOptions());
+  EXPECT_EQ(entry.options, LimitOptions());
   ASSERT_EQ(contents.credit.size(), 1u);
   EXPECT_EQ(contents.credit[0].minutes, 40);
   EXPECT_TRUE(contents.credit[0].spent);
@@ -157,14 +157,15 @@ TEST_F(StoreTest, AStoreOfTheSecondVersionKeepsEverything) {
 TEST_F(StoreTest, AChangeIsWrittenWholeOrNotAtAll) {
   Limit({{QStringLiteral("Credit"), 5}});
   Close();
-  const auto store = Store::Open(StorePath());
+  const auto store = OpenStore(StorePath());
   StoreChange good;
   good.credit = {anna_, game_, 77, false};
   StoreChange bad;
   bad.credit = {anna_, game_, 12345, false};
-  QString error;
-  EXPECT_FALSE(store->Apply({good, bad}, bootId_, &error));
-  EXPECT_FALSE(error.isEmpty());
+  const ApplyResult result = store->Apply({good, bad}, bootId_, 7);
+  EXPECT_EQ(result.status, ApplyStatus::Failed);
+  EXPECT_FALSE(result.error.isEmpty());
+  EXPECT_EQ(store->LastNumber(), 0u);
   EXPECT_EQ(store->Load(bootId_).credit.at(0).minutes, 5);
 }
 
@@ -202,7 +203,7 @@ TEST_F(StoreTest, SaysInOneLineWhatIsWrongWithIt) {
   for (const auto& row : rows) {
     const QString path = folder_.filePath(QStringLiteral("%1.sqlite").arg(&row - rows));
     Overwrite(path, whole, {0});
-    EXPECT_NO_THROW(Store::Open(path)->Load({})) << "undamaged";
+    EXPECT_NO_THROW(OpenStore(path)->Load({})) << "undamaged";
     row.damage(path);
     ExpectRefused(path, row.says);
   }

@@ -1,4 +1,4 @@
-#include "server/StoreSchema.h"
+#include "server/SqliteSchema.h"
 
 #include <QDateTime>
 #include <stdexcept>
@@ -130,7 +130,33 @@ CREATE TABLE top_ups (
 ) WITHOUT ROWID;
 )sql";
 
-constexpr const char* kMigrations[] = {kVersion1, kVersion2, kVersion3};
+// usage: the sums of the ledger's rows that count, by day. numbers: of the last change that is
+// stored for a Server.
+constexpr char kVersion4[] = R"sql(
+ALTER TABLE limits ADD COLUMN unlimited INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE limits ADD COLUMN parallel TEXT NOT NULL DEFAULT 'sum';
+ALTER TABLE limits ADD COLUMN scope TEXT NOT NULL DEFAULT 'user';
+ALTER TABLE limits ADD COLUMN schedule TEXT NOT NULL DEFAULT '';
+
+CREATE TABLE usage (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  day TEXT NOT NULL,
+  minutes INTEGER NOT NULL,
+  PRIMARY KEY (user, identifier, day)
+) WITHOUT ROWID;
+INSERT INTO usage SELECT user, identifier, day, sum(used) FROM ledger
+  WHERE NOT (source = 'restore' AND id >= coalesce((SELECT first_row FROM unfinished_restore),
+                                                   9223372036854775807))
+  GROUP BY user, identifier, day HAVING sum(used) <> 0;
+
+CREATE TABLE numbers (
+  server TEXT PRIMARY KEY,
+  last INTEGER NOT NULL
+) WITHOUT ROWID;
+)sql";
+
+constexpr const char* kMigrations[] = {kVersion1, kVersion2, kVersion3, kVersion4};
 static_assert(std::size(kMigrations) == kStoreSchemaVersion);
 
 std::int64_t QueryInteger(SqliteDatabase& database, const char* sql) {

@@ -1,4 +1,4 @@
-// The store's tables, version by version.
+// The tables of a store of SQLite, version by version.
 #pragma once
 
 #include <QString>
