@@ -77,6 +77,12 @@ inline constexpr std::size_t kMaxControlReplyBytes = 32u << 20;
 inline constexpr std::size_t kMaxKillConnections = 512;
 inline constexpr std::size_t kMaxKillConnectionsOfUser = 32;
 
+// The Server's log: one text in it, lines of one kind that one user can make appear in a minute,
+// and users whose lines are told apart meanwhile.
+inline constexpr std::size_t kMaxLogTextBytes = 3000;
+inline constexpr int kMaxLogLinesPerMinute = 10;
+inline constexpr std::size_t kMaxLogUsers = 64;
+
 // The Server: what waits for one client that does not read, what is kept of the identifiers that it
 // fetched lately (their number, and the characters of them all), hosts of one user and identifier,
 // changes that wait for a failing disk, and rows of one answer from the ledger.
@@ -86,15 +92,22 @@ inline constexpr std::ptrdiff_t kMaxRecentFetchCharacters = 8192;
 inline constexpr std::size_t kMaxLanesPerIdentifier = 64;
 inline constexpr std::size_t kMaxUnwrittenChanges = 100000;
 inline constexpr int kMaxLedgerRows = 1000;
+// Changes of agents in one transaction, and what is spooled while the store fails: some hundred
+// bytes for each minute of each application.
+inline constexpr std::size_t kMaxChangesInBatch = 2000;
+inline constexpr std::int64_t kMaxSpoolBytes = 1ll << 30;
+inline constexpr std::size_t kMaxSpoolRecordBytes = 64u << 10;
 
 // Top-ups: ranges of dates that are remembered for one limit, and missed dates that roll-over makes
 // good at once.
 inline constexpr std::size_t kMaxTopUpDateRanges = 64;
 inline constexpr int kMaxMissedTopUps = 62;
 
-// Schedules: windows of one day, holidays, and days ahead in which a window's end is looked for.
+// Schedules: windows of one day, holidays, all of it as JSON (a request must hold it, and an answer
+// many of them), and days ahead in which a window's end is looked for.
 inline constexpr std::size_t kMaxScheduleWindows = 8;
 inline constexpr std::size_t kMaxScheduleHolidays = 200;
+inline constexpr std::size_t kMaxScheduleBytes = 32u << 10;
 inline constexpr int kMaxScheduleDaysAhead = 8;
 
 }  // namespace vardell
