@@ -25,11 +25,13 @@ bool IsKeyOf(const LimitsKey& key, const QString& identifier) {
 
 // --- Writing.
 
-// Property lists, as which clients keep backups, have no null.
+// Only what is not usual; so there is no null, which property lists, as which clients keep backups,
+// do not have.
 QJsonObject OptionsOf(const LimitsEntry& entry) {
+  const QJsonObject usual = OptionsJson(LimitOptions());
   QJsonObject options = OptionsJson(entry.options);
-  for (const QString& name : options.keys()) {
-    if (options.value(name).isNull()) options.remove(name);
+  for (const QString& name : usual.keys()) {
+    if (options.value(name) == usual.value(name)) options.remove(name);
   }
   return options;
 }
@@ -45,7 +47,9 @@ QJsonObject LimitsJson(const LimitsEntry& entry) {
                      {QStringLiteral("identifier"), entry.identifier},
                      {QStringLiteral("limits"), keys},
                      {QStringLiteral("credit"), qint64{entry.credit}}};
-  if (entry.options != LimitOptions()) object.insert(kOptions, OptionsOf(entry));
+  if (const QJsonObject options = OptionsOf(entry); !options.isEmpty()) {
+    object.insert(kOptions, options);
+  }
   return object;
 }
 

@@ -1,6 +1,9 @@
 // A backup as the control socket has it: JSON of
-// {"format": 1, "made", "server", "limits": [{"user", "identifier", "limits", "credit"}],
+// {"format": 1, "made", "server",
+//  "limits": [{"user", "identifier", "limits", "credit", "options"}],
 //  "usage": [{"user", "identifier", "days"}]}.
+// "options" are those of server/LimitsOptions.h that are not the usual ones, and left out where
+// there are none.
 // Pure functions, to be called on any thread; a large one takes them a second.
 #pragma once
 

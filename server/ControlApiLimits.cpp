@@ -35,6 +35,10 @@ Precondition ReadPrecondition(const ControlRequest& request) {
                         QStringLiteral("If-Match"), hint)};
 }
 
+QString InOptions(const QString& field) {
+  return QStringLiteral("options.") + field;
+}
+
 std::optional<Problem> CheckChange(const QJsonObject& body) {
   for (const QString& part : body.keys()) {
     if (body.value(part).isObject()) continue;
@@ -45,7 +49,7 @@ std::optional<Problem> CheckChange(const QJsonObject& body) {
                     QStringLiteral("\"limits\", \"options\" or both must be there"));
   }
   for (const QString& name : body.value(QLatin1String("options")).toObject().keys()) {
-    if (!IsOption(name)) return UnknownField(name);
+    if (!IsOption(name)) return UnknownField(InOptions(name));
   }
   return std::nullopt;
 }
@@ -121,9 +125,11 @@ ControlAnswer PatchLimit(const Call& call) {
   const Body body = ReadBody(call.request.body, {"limits", "options"});
   if (body.problem) return MakeAnswer(*body.problem);
   if (const auto problem = CheckChange(body.object)) return MakeAnswer(*problem);
-  const AdminResult result = call.household().ChangeLimits(
+  AdminResult result = call.household().ChangeLimits(
       call.requester.actor, call.user(), call.identifier(), PartOf(body.object, "limits"),
       precondition.revision, PartOf(body.object, "options"));
+  const bool isInOption = IsOption(result.field.section(QLatin1Char('.'), 0, 0));
+  if (isInOption) result.field = InOptions(result.field);
   if (!result.entry) return MakeAnswer(ProblemOf(call, result));
   return AnswerLimit(precondition.revision == 0 ? 201 : 200, *result.entry);
 }

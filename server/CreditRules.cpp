@@ -11,6 +11,7 @@ namespace {
 void Charge(Booking& booking, EnforcementTime paidUntil, std::int64_t minutes) {
   booking.charge = minutes;
   booking.lane.paidUntil = paidUntil + minutes * kMinute;
+  if (booking.account.unlimited) return;
   booking.account =
       WithCredit(booking.account, std::max<std::int64_t>(0, booking.account.credit - minutes));
 }
@@ -19,6 +20,18 @@ void GrantGrace(Booking& booking, EnforcementTime paidUntil) {
   booking.grace = true;
   booking.lane.paidUntil = paidUntil + kMinute;
   booking.account.spent = true;
+}
+
+// How an agent that grants a last minute begins it.
+bool BeginsGrace(const AccountState& account, std::optional<Handed> handed, std::int32_t reported) {
+  const bool isAtEnd = account.credit == 0 && !account.spent && !account.unlimited;
+  return isAtEnd && handed && handed->credit == 0 && reported == 0;
+}
+
+// Nothing is left to begin with.
+bool IsDenied(const AccountState& account, std::optional<std::int32_t> most) {
+  const bool isSpent = account.spent && account.credit == 0 && !account.unlimited;
+  return isSpent || most == 0;
 }
 
 bool StandsForLostReport(const LaneState& lane, const AccountState& account) {
@@ -44,15 +57,20 @@ std::int32_t CreditToSend(std::int64_t credit) {
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(CreditToKeep(credit), 0, most));
 }
 
+std::int32_t CreditToSend(const AccountState& account) {
+  return account.unlimited ? kUnlimitedCredit : CreditToSend(account.credit);
+}
+
 std::int64_t MinutesDue(EnforcementTime now, EnforcementTime paidUntil) {
   const EnforcementTime open = now + kMinute + kReportSlack - paidUntil;
   return open < EnforcementTime::zero() ? 0 : open / kMinute;
 }
 
-std::int64_t MinutesClaimed(std::optional<std::int32_t> handed, std::int32_t reported) {
+std::int64_t MinutesClaimed(std::optional<Handed> handed, std::int32_t reported) {
   if (!handed) return 1;
-  if (*handed <= 0 || *handed == kSpentCredit) return 0;
-  return std::max<std::int64_t>(0, std::int64_t{*handed} - reported);
+  if (handed->credit == kSpentCredit) return 0;
+  if (handed->credit <= 0) return handed->capped && reported == 0 ? 1 : 0;
+  return std::max<std::int64_t>(0, std::int64_t{handed->credit} - reported);
 }
 
 AccountState WithCredit(AccountState account, std::int64_t credit) {
@@ -69,32 +87,34 @@ LaneState AfterStart(EnforcementTime now, LaneState lane) {
 }
 
 Booking AfterReport(EnforcementTime now, LaneState lane, AccountState account,
-                    std::optional<std::int32_t> handed, std::int32_t reported) {
+                    std::optional<Handed> handed, std::int32_t reported) {
   Booking booking{lane, account};
   booking.lane.heardSinceFetch = true;
   if (!account.enabled) return booking;
   const EnforcementTime paidUntil = lane.paidUntil.value_or(now);
   const std::int64_t due = MinutesDue(now, paidUntil);
   const std::int64_t charge = std::clamp<std::int64_t>(MinutesClaimed(handed, reported), 0, due);
-  const bool beginsGrace = handed == 0 && reported == 0 && account.credit == 0 && !account.spent;
   if (charge > 0) {
     Charge(booking, paidUntil, charge);
-  } else if (beginsGrace && due > 0) {
+  } else if (due > 0 && BeginsGrace(account, handed, reported)) {
     GrantGrace(booking, paidUntil);
   }
-  if (reported < 0 && booking.account.credit == 0) booking.account.spent = true;
+  const bool hasEnd = booking.account.credit == 0 && !account.unlimited;
+  if (reported < 0 && hasEnd) booking.account.spent = true;
   return booking;
 }
 
-FetchBooking AfterFetch(EnforcementTime now, LaneState lane, AccountState account) {
+FetchBooking AfterFetch(EnforcementTime now, LaneState lane, AccountState account,
+                        std::optional<std::int32_t> most) {
   FetchBooking booking{{lane, account}};
   if (StandsForLostReport(lane, account)) {
     const std::int64_t due = MinutesDue(now, *lane.paidUntil);
     if (due > 0) Charge(booking, *lane.paidUntil, 1);
   }
-  const bool denied =
-      lane.startedSinceFetch && booking.account.spent && booking.account.credit == 0;
-  booking.answer = denied ? kSpentCredit : CreditToSend(booking.account.credit);
+  const std::int32_t own = CreditToSend(booking.account);
+  booking.capped = most && *most < own;
+  booking.answer = booking.capped ? *most : own;
+  if (lane.startedSinceFetch && IsDenied(booking.account, most)) booking.answer = kSpentCredit;
   booking.lane.heardSinceFetch = false;
   booking.lane.startedSinceFetch = false;
   return booking;

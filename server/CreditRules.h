@@ -35,39 +35,61 @@ struct AccountState {
   std::int64_t credit = 0;  // minutes; never kSpentCredit, never negative
   bool enabled = false;
   bool spent = false;  // had its grace or its end; no more free minutes until the credit exceeds 0
+  bool unlimited = false;  // use is booked and takes nothing from the credit
+};
+
+// What is handed where a limit is unlimited, at each fetch anew. An agent shows it as "999 hours 59
+// minutes", a figure that stands still, is far from any warning, and lasts for six weeks should the
+// Server not be heard of again. It is counted down as any other: reports go on claiming a minute.
+inline constexpr std::int32_t kUnlimitedCredit = 59999;
+
+// What a connection was last given for a lane.
+struct Handed {
+  // NOLINTNEXTLINE(google-explicit-constructor): a credit, usually
+  Handed(std::int32_t itsCredit, bool isCapped = false) : credit(itsCredit), capped(isCapped) {}
+
+  std::int32_t credit;  // as it was sent
+  bool capped;          // the hours allowed less than there was
 };
 
 // The credit as it may be kept, and as it may be sent (0 to 2^31-1): never the value that says
 // "spent", which becomes one less.
 std::int64_t CreditToKeep(std::int64_t credit);
 std::int32_t CreditToSend(std::int64_t credit);
+// The account's own, whatever the hours are.
+std::int32_t CreditToSend(const AccountState& account);
 
 // Whole minutes that may be charged now: those that have begun since `paidUntil`, and the next one
 // when it begins within the slack.
 std::int64_t MinutesDue(EnforcementTime now, EnforcementTime paidUntil);
 
-// What a report says was used. `handed`: what this connection was last given for it; a report
-// without one claims a minute. Nothing can be used of 0 or of "spent".
-std::int64_t MinutesClaimed(std::optional<std::int32_t> handed, std::int32_t reported);
+// What a report says was used. A report without anything handed claims a minute. Nothing can be
+// used of 0 or of "spent"; but where the hours made it 0 all at once, an agent may have granted a
+// last minute, which is reported as 0.
+std::int64_t MinutesClaimed(std::optional<Handed> handed, std::int32_t reported);
 
 LaneState AfterStart(EnforcementTime now, LaneState lane);
 
 struct Booking {
   LaneState lane;
   AccountState account;
-  std::int64_t charge = 0;  // minutes paid for
+  std::int64_t charge = 0;  // minutes of use, paid for unless they are unlimited
   bool grace = false;       // a minute that was used and is not taken from the credit
 };
 
 Booking AfterReport(EnforcementTime now, LaneState lane, AccountState account,
-                    std::optional<std::int32_t> handed, std::int32_t reported);
+                    std::optional<Handed> handed, std::int32_t reported);
 
 struct FetchBooking : Booking {
-  std::int32_t answer = 0;  // the credit to send: kSpentCredit where a start finds it all spent
+  // The credit to send: kSpentCredit where a start finds it all spent, or not a minute allowed.
+  std::int32_t answer = 0;
+  bool capped = false;  // the hours allow less than there is
 };
 
-// A fetch that neither a start nor a report precedes stands for a report that was lost.
-FetchBooking AfterFetch(EnforcementTime now, LaneState lane, AccountState account);
+// A fetch that neither a start nor a report precedes stands for a report that was lost. `most`: the
+// minutes that the hours allow; absent where there are none.
+FetchBooking AfterFetch(EnforcementTime now, LaneState lane, AccountState account,
+                        std::optional<std::int32_t> most = {});
 
 // The account with another credit, which clears `spent` when there is some.
 AccountState WithCredit(AccountState account, std::int64_t credit);

@@ -118,8 +118,33 @@ TEST_F(BackupTest, OptionsComeBackWithTheirLimit) {
   EXPECT_NE(BackupText().find(R"("options":{"rollOver":true})"), std::string::npos);
   EXPECT_EQ(Restored(kBackup),
             R"({"check":false,"limits":{"added":0,"changed":1,"removed":0,"same":2}})");
-  EXPECT_EQ(household_->Limits(anna_, game_)->options, TopUpOptions())
+  EXPECT_EQ(household_->Limits(anna_, game_)->options, LimitOptions())
       << "absent are the usual ones";
+}
+
+TEST_F(BackupTest, ASchedulesProblemIsNamedAndAGoodOneComesBack) {
+  const auto with = [&](const std::string& stop) {
+    std::string days = R"("monday":[{"start":"20:00","stop":")" + stop + R"("}])";
+    for (const char* day : {"saturday", "sunday", "thursday", "tuesday", "wednesday"}) {
+      days += ",\"" + std::string(day) + "\":[]";
+    }
+    std::string backup = kBackup;
+    backup.insert(backup.find(R"("user":"anna"},)", backup.find("org.example.game")),
+                  R"("options":{"parallel":"union","schedule":{"days":{"friday":[],)" + days +
+                      R"(},"holidays":[]},"scope":"user@host","unlimited":true},)");
+    return backup;
+  };
+  const std::string refused = Restored(with("1:00"));
+  EXPECT_NE(refused.find(R"("field":"limits[1].options.schedule.days.monday[0].stop")"),
+            std::string::npos)
+      << refused;
+  EXPECT_EQ(BackupText(), kBackup);
+  EXPECT_EQ(Restored(with("01:00")),
+            R"({"check":false,"limits":{"added":0,"changed":1,"removed":0,"same":2}})");
+  for (const char* when : {"at once", "after a restart"}) {
+    EXPECT_EQ(BackupText(), with("01:00")) << when;
+    Open();
+  }
 }
 
 TEST_F(BackupTest, OnlyAnAdministratorMayHaveItOrPutItBack) {

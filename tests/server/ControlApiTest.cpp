@@ -3,10 +3,26 @@
 #include <array>
 #include <utility>
 
+#include "Common Sources/Caps.h"
 #include "tests/server/ControlApiFixture.h"
 
 namespace vardell::server {
 namespace {
+
+// Monday's windows, and forty holidays of the name.
+QByteArray ScheduleWith(const QByteArray& monday, const QByteArray& holiday = {}) {
+  QByteArray days;
+  for (const char* day : {"friday", "saturday", "sunday", "thursday", "tuesday", "wednesday"}) {
+    days += ",\"" + QByteArray(day) + "\":[]";
+  }
+  QByteArray holidays;
+  for (int number = 0; number < 40 && !holiday.isEmpty(); ++number) {
+    holidays += QByteArray(holidays.isEmpty() ? "" : ",") +
+                R"({"first":"2027-07-01","last":"2027-08-31","name":")" + holiday +
+                R"(","windows":[]})";
+  }
+  return R"({"days":{"monday":)" + monday + days + R"(},"holidays":[)" + holidays + "]}";
+}
 
 // --- What the resources show.
 
@@ -28,8 +44,9 @@ TEST_F(ControlApi, ALimitHasItsKeysItsCreditAndItsRevision) {
             R"("AutoUpdateValue":0,"DQ Enabled":false,"DQ Value":0,"Enabled":true,)"
             R"("NextAutoUpdate":0,"Report Credit":false,"WD Curfew Enabled":false,)"
             R"("WD start":480,"WD stop":1439,"WE Coeff":0,"WE Curfew Enabled":false,)"
-            R"("WE Value":0,"WE start":0,"WE stop":1439},"options":{"rollOver":false,)"
-            R"("rollOverCap":null},"revision":1,"user":"anna"})");
+            R"("WE Value":0,"WE start":0,"WE stop":1439},"options":{"parallel":"sum",)"
+            R"("rollOver":false,"rollOverCap":null,"schedule":null,"scope":"user",)"
+            R"("unlimited":false},"revision":1,"user":"anna"})");
   EXPECT_EQ(Text(Ask("GET", "/v1/users/anna/limits")), "{\"limits\":[" + Text(answer) + "]}");
 }
 
@@ -107,6 +124,22 @@ TEST_F(ControlApi, OptionsChangeBesideTheKeysAndUnderTheSameRevision) {
   EXPECT_EQ(Ask("DELETE", kGame, {}, "\"4\"").status, 200);
   EXPECT_EQ(Ask("PATCH", kGame, R"({"limits":{}})", {}, "*").status, 201);
   EXPECT_EQ(options(), TopUpOptions()) << "are forgotten with the limit";
+}
+
+TEST_F(ControlApi, EveryOptionIsShownAuditedAndThereAfterARestart) {
+  const QByteArray schedule = ScheduleWith(R"([{"start":"22:00","stop":"01:00"}])", "Summer");
+  const QByteArray options = R"({"parallel":"union","rollOver":false,"rollOverCap":null,)"
+                             R"("schedule":)" +
+                             schedule + R"(,"scope":"user@host","unlimited":true})";
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":)" + options + "}", "\"1\"").status, 200);
+  for (const char* when : {"at once", "after a restart"}) {
+    const QJsonValue shown = Json(Ask("GET", kGame)).value(QLatin1String("options"));
+    EXPECT_EQ(shown, QJsonDocument::fromJson(options).object()) << when;
+    Open();
+  }
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"schedule":null}})", "\"2\"").etag, "\"3\"");
+  EXPECT_FALSE(household_->Limits(anna_, game_)->options.schedule);
+  EXPECT_TRUE(household_->Limits(anna_, game_)->options.unlimited) << "was not named";
 }
 
 TEST_F(ControlApi, CreditIsSetOnceForEachId) {
@@ -226,12 +259,19 @@ TEST_F(ControlApi, EachErrorHasItsCodeAndItsField) {
       {"limits that are no object", "PATCH", kGame, R"({"limits":5})", one, none, 422, "bad-value", "limits"},
       {"no change at all", "PATCH", kGame, "{}", one, none, 422, "bad-value", "limits"},
       {"options that are no object", "PATCH", kGame, R"({"options":[]})", one, none, 422, "bad-value", "options"},
-      {"an unknown option", "PATCH", kGame, R"({"options":{"rollover":true}})", one, none, 400, "unknown-field", "rollover"},
-      {"an option of another kind", "PATCH", kGame, R"({"options":{"rollOver":1}})", one, none, 422, "bad-value", "rollOver"},
-      {"a negative cap", "PATCH", kGame, R"({"options":{"rollOverCap":-1}})", one, none, 422, "bad-value", "rollOverCap"},
-      {"a cap above any credit", "PATCH", kGame, R"({"options":{"rollOverCap":2147483648}})", one, none, 422, "bad-value", "rollOverCap"},
+      {"an unknown option", "PATCH", kGame, R"({"options":{"rollover":true}})", one, none, 400, "unknown-field", "options.rollover"},
+      {"an option of another kind", "PATCH", kGame, R"({"options":{"rollOver":1}})", one, none, 422, "bad-value", "options.rollOver"},
+      {"a negative cap", "PATCH", kGame, R"({"options":{"rollOverCap":-1}})", one, none, 422, "bad-value", "options.rollOverCap"},
+      {"a cap above any credit", "PATCH", kGame, R"({"options":{"rollOverCap":2147483648}})", one, none, 422, "bad-value", "options.rollOverCap"},
       {"a good option beside a bad key", "PATCH", kGame, R"({"options":{"rollOver":true},"limits":{"WD stop":1441}})", one, none, 422, "bad-value", "WD stop"},
-      {"an option of the global settings", "PATCH", "/v1/users/anna/limits/com.brenwick.globalSettings", R"({"options":{"rollOver":true}})", none, "*", 422, "bad-value", "rollOver"},
+      {"an option of the global settings", "PATCH", "/v1/users/anna/limits/com.brenwick.globalSettings", R"({"options":{"rollOver":true}})", none, "*", 422, "bad-value", "options.rollOver"},
+      {"a scope of another kind", "PATCH", kGame, R"({"options":{"scope":"host"}})", one, none, 422, "bad-value", "options.scope"},
+      {"a way of counting hosts that is none", "PATCH", kGame, R"({"options":{"parallel":null}})", one, none, 422, "bad-value", "options.parallel"},
+      {"unlimited by a number", "PATCH", kGame, R"({"options":{"unlimited":1}})", one, none, 422, "bad-value", "options.unlimited"},
+      {"a schedule that is a list", "PATCH", kGame, R"({"options":{"schedule":[]}})", one, none, 422, "bad-value", "options.schedule"},
+      {"a schedule of one day", "PATCH", kGame, R"({"options":{"schedule":{"days":{"monday":[]}}}})", one, none, 422, "bad-value", "options.schedule.days.tuesday"},
+      {"a window that ends never, beside a good option", "PATCH", kGame, R"({"options":{"scope":"user","schedule":)" + ScheduleWith(R"([{"start":"08:00","stop":"09:00"},{"start":"10:00","stop":"25:00"}])") + "}}", one, none, 422, "bad-value", "options.schedule.days.monday[1].stop"},
+      {"a schedule larger than a request may be", "PATCH", kGame, R"({"options":{"schedule":)" + ScheduleWith("[]", QByteArray(kMaxScheduleBytes / 40, 'n')) + "}}", one, none, 422, "bad-value", "options.schedule"},
       {"a text for a number", "PATCH", kGame, R"({"limits":{"WD start":"480"}})", one, none, 422, "bad-value", "WD start"},
       {"an unknown key", "PATCH", kGame, R"({"limits":{"WD begin":1}})", one, none, 422, "unknown-key", "WD begin"},
       {"a good key beside a bad one", "PATCH", kGame, R"({"limits":{"Credit":99,"WD stop":1441}})", one, none, 422, "bad-value", "WD stop"},

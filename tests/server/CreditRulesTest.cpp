@@ -4,6 +4,7 @@
 
 #include <QRegularExpression>
 #include <QStringList>
+#include <algorithm>
 #include <optional>
 
 #include "link/LimitsRecord.h"
@@ -14,7 +15,8 @@ namespace {
 using std::chrono::seconds;
 
 // What happens on one lane, in words with times in seconds: start@T, fetch@T=ANSWER and
-// report@T=CLAIM with :CHARGE behind them, grace@T=CLAIM, credit=MINUTES, reconnect, reboot.
+// report@T=CLAIM with :CHARGE behind them, grace@T=CLAIM, credit=MINUTES, reconnect, reboot; from
+// unlimited on it is so, and from hours=MINUTES on they allow that much, less as time goes by.
 class Course {
  public:
   explicit Course(std::int64_t credit) { account_ = WithCredit({0, true, false}, credit); }
@@ -31,7 +33,11 @@ class Course {
     if (what == QLatin1String("start")) {
       lane_ = AfterStart(at, lane_);
     } else if (what == QLatin1String("fetch")) {
-      Fetch(AfterFetch(at, lane_, account_), value, charge);
+      Fetch(AfterFetch(at, lane_, account_, Allowed(at)), value, charge);
+    } else if (what == QLatin1String("hours")) {
+      closing_ = at + std::chrono::minutes(value);
+    } else if (what == QLatin1String("unlimited")) {
+      account_.unlimited = true;
     } else if (what == QLatin1String("credit")) {
       account_ = WithCredit(account_, value);
     } else if (what == QLatin1String("reconnect")) {
@@ -54,7 +60,11 @@ class Course {
     EXPECT_EQ(booking.answer, answer);
     EXPECT_EQ(booking.charge, charge);
     TakeOver(booking);
-    handed_ = booking.answer;
+    handed_ = Handed(booking.answer, booking.capped);
+  }
+  std::optional<std::int32_t> Allowed(seconds at) const {
+    if (!closing_) return std::nullopt;
+    return static_cast<std::int32_t>((std::max(*closing_, at) - at) / std::chrono::minutes(1));
   }
   void TakeOver(const Booking& booking) {
     lane_ = booking.lane;
@@ -63,7 +73,8 @@ class Course {
 
   LaneState lane_;
   AccountState account_;
-  std::optional<std::int32_t> handed_;
+  std::optional<Handed> handed_;
+  std::optional<seconds> closing_;
 };
 
 TEST(CreditRulesTest, WhatIsUsedIsBooked) {
@@ -126,6 +137,24 @@ TEST(CreditRulesTest, WhatIsUsedIsBooked) {
        "start@0 fetch@0=12344", 12344},
       {"credit beyond 31 bits is sent as the most there is", 5000000000,
        "start@0 fetch@0=2147483647 report@1=2147483646:1", 4999999999},
+      {"what is unlimited is booked and costs nothing", 2,
+       "unlimited start@0 fetch@0=59999 report@1=59998:1 fetch@1=59999 report@61=59998:1 fetch@61=59999 fetch@121=59999:1", 2},
+      {"... without credit, too: no grace, no end, and the next launch is as good", 0,
+       "unlimited start@0 fetch@0=59999 report@1=59998:1 fetch@1=59999 report@61=-1:1 start@99 fetch@99=59999", 0},
+      {"hours that end cap what is handed, and what is used is taken from the whole", 200,
+       "hours@0=10 start@0 fetch@0=10 report@1=9:1 fetch@1=9 report@61=8:1 fetch@61=8", 198},
+      {"their end is reported as any other, and takes nothing", 200,
+       "hours@0=1 start@0 fetch@0=1 report@1=0:1 fetch@1=0 report@61=-1:0 fetch@61=0", 199},
+      {"outside of them a start is denied as if all were spent", 200,
+       "hours@0=0 start@0 fetch@0=12345 report@60=0:0 fetch@60=0", 200},
+      {"... which they do not make it, and there is no grace", 0,
+       "hours@0=0 start@0 fetch@0=12345 report@60=0:0 report@61=-1:0 hours@90=9 start@90 fetch@90=12345", 0},
+      {"hours that close all at once let the agent grant a minute, which is paid", 200,
+       "start@0 fetch@0=200 report@1=199:1 hours@1=0 fetch@1=0 report@61=0:1 fetch@61=0 report@121=-1:0", 198},
+      {"hours that are open longer than there is credit cap nothing", 1,
+       "hours@0=9 start@0 fetch@0=1 report@1=0:1 fetch@1=0 report@61=-1:0", 0},
+      {"unlimited within hours", 7,
+       "unlimited hours@0=3 start@0 fetch@0=3 report@1=2:1 fetch@1=2", 7},
       // clang-format on
   };
   for (const auto& row : rows) {
