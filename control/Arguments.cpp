@@ -5,6 +5,7 @@
 #include "Common Sources/Caps.h"
 #include "control/LimitsKeys.h"
 #include "control/Presets.h"
+#include "control/ScheduleText.h"
 #include "limits/WatchedApps.h"
 
 namespace vardell::control {
@@ -123,6 +124,22 @@ QString TakeMinutes(const QString& word, Command* command) {
   return parsed.problem;
 }
 
+bool IsOfSchedule(Verb verb) {
+  return verb == Verb::ScheduleShow || verb == Verb::ScheduleSet || verb == Verb::ScheduleClear;
+}
+
+// One word may be the name of a file instead.
+QString CheckHours(Command* command) {
+  const QString& first = command->hours[0];
+  const bool isName = first == QLatin1String("-") || first.contains(QLatin1Char('/')) ||
+                      !first.contains(QLatin1Char(' '));
+  if (command->hours.size() == 1 && isName && !IsScheduleLine(first)) {
+    command->path = command->hours.takeFirst();
+    return command->path.isEmpty() ? QStringLiteral("the name of the file is empty") : QString();
+  }
+  return ParseScheduleLines(command->hours).problem;
+}
+
 QString TakeWord(const QString& name, const QString& word, Command* command) {
   if (name == QLatin1String("USER")) {
     command->user = word;
@@ -134,6 +151,10 @@ QString TakeWord(const QString& name, const QString& word, Command* command) {
         IsOfCredit(command->verb)) {
       return QStringLiteral("a home folder has no credit; \"limits set\" changes its quota");
     }
+    if (command->identifier == QLatin1String(kGlobalSettingsIdentifier) &&
+        IsOfSchedule(command->verb)) {
+      return QStringLiteral("a home folder has no hours; \"limits set\" changes its quota");
+    }
     return NameProblem(QStringLiteral("identifier"), word);
   }
   if (name == QLatin1String("KEY=VALUE")) return TakePair(word, command);
@@ -144,6 +165,7 @@ QString TakeWord(const QString& name, const QString& word, Command* command) {
     return PresetProblem(word);
   }
   if (name == QLatin1String("WORD")) command->words.append(word);
+  if (name == QLatin1String("HOURS")) command->hours.append(word);
   if (name == QLatin1String("PATH") || name == QLatin1String("FILE")) {
     command->path = word;
     if (word.isEmpty()) return QStringLiteral("the name of the file is empty");
@@ -259,6 +281,7 @@ ArgumentsResult ParseArguments(const QStringList& arguments) {
   if (problem.isEmpty()) {
     problem = TakeWords(split.words.mid(used), *shape, &command);
   }
+  if (problem.isEmpty() && command.verb == Verb::ScheduleSet) problem = CheckHours(&command);
   return problem.isEmpty() ? ArgumentsResult{command, {}, shape}
                            : ArgumentsResult{std::nullopt, problem, shape};
 }

@@ -21,13 +21,14 @@ struct Command {
   QString preset;                   // for LimitsPreset; empty: list them
   QJsonObject limits;               // for LimitsSet and LimitsPreset
   QStringList keys;                 // for LimitsUnset and SettingsUnset
+  QStringList hours;                // for ScheduleSet: lines, where `path` is empty
   QMap<QString, QString> settings;  // for SettingsSet: as they were written
   std::int64_t minutes = 0;         // for CreditSet and CreditAdd
   QString id;                       // for both: made up where --id does not say
   QString reason;
   QString period;          // for Usage; empty: a week
   std::int64_t after = 0;  // for Ledger
-  QString path;            // for AppsAdd, Backup and Restore
+  QString path;            // for AppsAdd, Backup, Restore and ScheduleSet ("-": standard input)
   QStringList words;       // for Complete
   bool rescan = false;     // for AppsList
   bool csv = false;        // for Usage

@@ -6,6 +6,7 @@
 #include "control/CreditCommands.h"
 #include "control/LimitsCommands.h"
 #include "control/RestoreCommands.h"
+#include "control/ScheduleCommands.h"
 #include "control/SettingsCommands.h"
 #include "control/StatusCommands.h"
 #include "control/UsageCommands.h"
@@ -31,6 +32,11 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
       return UnsetLimits(command, server);
     case Verb::LimitsPreset:
       return ApplyPreset(command, server);
+    case Verb::ScheduleShow:
+      return ShowSchedule(command, server);
+    case Verb::ScheduleSet:
+    case Verb::ScheduleClear:
+      return ChangeSchedule(command, server);
     case Verb::CreditSet:
       return SetCredit(command, server);
     case Verb::CreditAdd:

@@ -113,7 +113,9 @@ QStringList KeyNames(const CommandShape& shape, const QStringList& before) {
       names.append(QLatin1String(key.name));
     }
   }
-  return isHome ? names : names + LimitsOptions();
+  QStringList options = LimitsOptions();
+  if (shape.verb != Verb::LimitsUnset) options.removeOne(QStringLiteral("Schedule"));
+  return isHome ? names : names + options;
 }
 
 QStringList ValuesOfKey(const CommandShape& shape, const QString& name,
@@ -122,12 +124,8 @@ QStringList ValuesOfKey(const CommandShape& shape, const QString& name,
     const SettingKey* key = FindSettingKey(name);
     return key ? ValuesOf(*key, sources) : QStringList();
   }
-  if (OptionField(name) == QLatin1String("rollOver")) {
-    return {QStringLiteral("true"), QStringLiteral("false")};
-  }
-  if (OptionField(name) == QLatin1String("rollOverCap")) return {QStringLiteral("none")};
   const LimitsKey* key = FindLimitsKey(name);
-  return key ? ValuesOf(*key) : QStringList();
+  return key ? ValuesOf(*key) : WordsOfOption(name);
 }
 
 QStringList PairWords(const CommandShape& shape, const QStringList& before, const QString& last,
@@ -181,7 +179,8 @@ QStringList ArgumentWords(const CommandShape& shape, const QStringList& before, 
   if (name == QLatin1String("IDENTIFIER")) return IdentifierWords(before.last(), sources);
   if (name == QLatin1String("PRESET")) return PresetNames();
   if (name == QLatin1String("KEY=VALUE")) return PairWords(shape, before, last, sources);
-  if (name == QLatin1String("PATH") || name == QLatin1String("FILE")) {
+  if (name == QLatin1String("PATH") || name == QLatin1String("FILE") ||
+      name == QLatin1String("HOURS")) {
     return {QLatin1String(kFilesMarker)};
   }
   if (name != QLatin1String("KEY")) return {};

@@ -71,6 +71,23 @@ constexpr CommandHelp kCommands[] = {
     {Verb::LimitsPreset, "Keys behind the preset take the place of its own.\n",
      "vardellctl limits preset\nvardellctl limits preset anna computer school-day \"WD "
      "stop=18:00\"\n"},
+    {Verb::ScheduleShow,
+     "What is shown can be kept in a file (put > hours.txt behind the command), changed\n"
+     "there, and set from there.\n",
+     "vardellctl schedule show anna computer\n"},
+    {Verb::ScheduleSet,
+     "HOURS are lines of days with their times, each in quotes, or one FILE of such lines,\n"
+     "or - for standard input. Days are \"monday\", \"monday-friday\", \"saturday,sunday\" or\n"
+     "\"daily\". Times are \"15:00-20:00\" (several are fine, and past midnight:\n"
+     "\"20:00-01:00\"), \"all-day\" or \"closed\". Days that are not named are closed. A holiday\n"
+     "has a name and dates, and counts instead of the days of the week. All that was said\n"
+     "before is replaced. It warns 5 minutes and 1 minute before an end, as when credit ends.\n",
+     "vardellctl schedule set anna computer \"monday-friday 15:00-20:00\" \"weekends 9:00-22:00\"\n"
+     "vardellctl schedule set anna chromium \"daily 15-20\" \"holiday Summer "
+     "2027-07-01..2027-08-31 9-12 20-1\"\n"
+     "vardellctl schedule set anna computer hours.txt\n"},
+    {Verb::ScheduleClear, "The limit stays, with its credit and its other keys.\n",
+     "vardellctl schedule clear anna computer\n"},
     {Verb::CreditShow, "Home folders have no credit.\n",
      "vardellctl credit show anna\nvardellctl credit show anna computer\n"},
     {Verb::CreditSet, "What was left before does not count any more.\n",

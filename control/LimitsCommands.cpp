@@ -162,9 +162,12 @@ Result ShowLimits(const Command& command, const HttpClient& server, Terminal& te
     if (!answer.ok()) {
       return answer.failure;
     }
-    return Done(command.json                       ? JsonText(answer.json)
-                : command.verb == Verb::LimitsShow ? LimitsSheet(answer.json)
-                                                   : CreditTable({answer.json}));
+    const bool isShow = command.verb == Verb::LimitsShow;
+    Result result = Done(command.json ? JsonText(answer.json)
+                         : isShow     ? LimitsSheet(answer.json)
+                                      : CreditTable({answer.json}));
+    if (isShow) result.notice = TopUpNotice(answer.json);
+    return result;
   }
   const Answer answer = CollectLimits(server, command.user, terminal);
   if (!answer.ok()) {

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QTimeZone>
+#include <algorithm>
 #include <optional>
 
 #include "limits/LimitsDictionary.h"
@@ -10,8 +11,33 @@
 namespace vardell::control {
 namespace {
 
-constexpr LimitsKey kRollOver{"Roll Over", LimitsValue::Flag};
-constexpr LimitsKey kRollOverCap{"Roll Over Cap", LimitsValue::Number, 2147483647};
+enum class OptionForm { Flag, Cap, Word, Schedule };
+
+struct OptionKey {
+  const char* name;
+  const char* field;
+  OptionForm form;
+  const char* words = "";  // that it may be, the first one at first
+};
+
+constexpr OptionKey kOptionKeys[] = {
+    {"Roll Over", "rollOver", OptionForm::Flag},
+    {"Roll Over Cap", "rollOverCap", OptionForm::Cap},
+    {"Unlimited", "unlimited", OptionForm::Flag},
+    {"Parallel", "parallel", OptionForm::Word, "sum|union"},
+    {"Scope", "scope", OptionForm::Word, "user|user@host"},
+    {"Schedule", "schedule", OptionForm::Schedule},
+};
+
+const OptionKey* FindOptionKey(const QString& name) {
+  const auto found = std::ranges::find_if(
+      kOptionKeys, [&](const OptionKey& key) { return name == QLatin1String(key.name); });
+  return found == std::end(kOptionKeys) ? nullptr : found;
+}
+
+QStringList WordsOf(const OptionKey& key) {
+  return QString::fromLatin1(key.words).split(QLatin1Char('|'), Qt::SkipEmptyParts);
+}
 
 ParsedValue Refuse(const LimitsKey& key, const QString& text, const QString& orElse = {}) {
   return {QJsonValue(QJsonValue::Undefined),
@@ -81,11 +107,29 @@ ParsedValue ParseNumber(const LimitsKey& key, const QString& text) {
   return fits ? ParsedValue{*number, {}} : Refuse(key, text, orElse);
 }
 
-ParsedValue ParseCap(const QString& text) {
-  if (text.toLower() == QLatin1String("none")) return {QJsonValue::Null, {}};
-  const auto minutes = WholeUpTo(text, kRollOverCap.most);
-  return minutes ? ParsedValue{*minutes, {}}
-                 : Refuse(kRollOverCap, text, QStringLiteral(" of minutes, or none"));
+ParsedValue ParseOption(const OptionKey& key, const QString& text) {
+  const LimitsKey flag{key.name, LimitsValue::Flag};
+  const LimitsKey cap{key.name, LimitsValue::Number, 2147483647};
+  const auto minutes = WholeUpTo(text, cap.most);
+  const QString word = text.toLower();
+  switch (key.form) {
+    case OptionForm::Flag:
+      return ParseFlag(flag, text);
+    case OptionForm::Cap:
+      if (word == QLatin1String("none")) return {QJsonValue::Null, {}};
+      return minutes ? ParsedValue{*minutes, {}}
+                     : Refuse(cap, text, QStringLiteral(" of minutes, or none"));
+    case OptionForm::Word:
+      if (WordsOf(key).contains(word)) return {word, {}};
+      return {QJsonValue(QJsonValue::Undefined),
+              QStringLiteral("\"%1\" cannot be \"%2\": it takes %3")
+                  .arg(QLatin1String(key.name), text, WordsOf(key).join(QStringLiteral(" or ")))};
+    case OptionForm::Schedule:
+      break;
+  }
+  return {QJsonValue(QJsonValue::Undefined),
+          QStringLiteral("\"%1\" is changed by \"schedule set\" and \"schedule clear\"")
+              .arg(QLatin1String(key.name))};
 }
 
 }  // namespace
@@ -98,16 +142,17 @@ ParsedValue ParseLimitsValue(const QString& key, const QString& text) {
   if (const LimitsKey* known = FindLimitsKey(key)) {
     return known->value == LimitsValue::Flag ? ParseFlag(*known, text) : ParseNumber(*known, text);
   }
-  if (key == QLatin1String(kRollOver.name)) return ParseFlag(kRollOver, text);
-  if (key == QLatin1String(kRollOverCap.name)) return ParseCap(text);
+  if (const OptionKey* option = FindOptionKey(key)) return ParseOption(*option, text);
   return {QJsonValue(QJsonValue::Undefined),
           QStringLiteral("there is no key \"%1\"; the keys are: %2")
               .arg(key, LimitsKeys().join(QStringLiteral(", ")))};
 }
 
 QJsonValue FirstLimitsValue(const QString& key) {
-  if (key == QLatin1String(kRollOver.name)) return false;
-  if (key == QLatin1String(kRollOverCap.name)) return QJsonValue::Null;
+  if (const OptionKey* option = FindOptionKey(key)) {
+    if (option->form == OptionForm::Flag) return false;
+    return option->form == OptionForm::Word ? WordsOf(*option)[0] : QJsonValue();
+  }
   const LimitsKey* known = FindLimitsKey(key);
   if (!known || known->value == LimitsValue::Credit) return QJsonValue::Undefined;
   if (key == QLatin1String("Enabled")) return true;
@@ -126,13 +171,21 @@ QStringList LimitsKeys() {
 }
 
 QStringList LimitsOptions() {
-  return {QLatin1String(kRollOver.name), QLatin1String(kRollOverCap.name)};
+  QStringList names;
+  for (const OptionKey& key : kOptionKeys) names.append(QLatin1String(key.name));
+  return names;
 }
 
 QString OptionField(const QString& key) {
-  if (key == QLatin1String(kRollOver.name)) return QStringLiteral("rollOver");
-  if (key == QLatin1String(kRollOverCap.name)) return QStringLiteral("rollOverCap");
-  return {};
+  const OptionKey* option = FindOptionKey(key);
+  return option ? QLatin1String(option->field) : QString();
+}
+
+QStringList WordsOfOption(const QString& key) {
+  const OptionKey* option = FindOptionKey(key);
+  if (!option) return {};
+  if (option->form == OptionForm::Flag) return {QStringLiteral("true"), QStringLiteral("false")};
+  return option->form == OptionForm::Cap ? QStringList{QStringLiteral("none")} : WordsOf(*option);
 }
 
 QString ClockText(int minuteOfDay) {

@@ -2,8 +2,9 @@
 // besides true and false yes/no, on/off and 1/0, for a minute of the day 08:00 (a stop up to
 // 24:00), for a time a local date and time: 2026-12-24T07:00.
 //
-// Among them are two that the Server keeps for itself, its options: "Roll Over" and "Roll Over
-// Cap", minutes or none.
+// Among them are those that the Server keeps for itself, its options: "Roll Over", "Roll Over Cap"
+// (minutes or none), "Unlimited", "Parallel", "Scope", and "Schedule", which can be unset here and
+// is set by a command of its own.
 //
 // Pure functions; nothing blocks.
 #pragma once
@@ -34,6 +35,8 @@ QStringList LimitsKeys();
 // The options among them, and the field of the Server's "options" that one is; empty for a key.
 QStringList LimitsOptions();
 QString OptionField(const QString& key);
+// Words that an option may be, for completion.
+QStringList WordsOfOption(const QString& key);
 
 // Minute of the day as "08:00"; "24:00" for 1440.
 QString ClockText(int minuteOfDay);

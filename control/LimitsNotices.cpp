@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 
+#include <QDate>
 #include <QStringList>
 
 #include "control/Answers.h"
@@ -35,6 +36,16 @@ bool IsEnabled(const QJsonObject& limit) {
   return KeyOf(limit, QStringLiteral("Enabled")).toBool();
 }
 
+QJsonValue OptionOf(const QJsonObject& limit, const char* field) {
+  return limit[QStringLiteral("options")].toObject()[QLatin1String(field)];
+}
+
+// The words of a command that name it.
+QString WordsFor(const QJsonObject& limit) {
+  return ShellWord(UserOf(limit)) + QLatin1Char(' ') +
+         ShellWord(ShownIdentifier(IdentifierOf(limit)));
+}
+
 // Who is not known here may be on another machine; so may what is not installed here.
 QString OfNoAccount(const QJsonObject& limit) {
   if (getpwnam(UserOf(limit).toUtf8().constData()) != nullptr) return {};
@@ -55,10 +66,25 @@ QString OfNoApplication(const QJsonObject& limit) {
 // A new limit begins without credit, which is not what one expects of "may run until eight".
 QString OfNoCredit(const QJsonObject& limit) {
   const bool isSpent = limit[QStringLiteral("credit")].toInteger() == 0;
-  if (IsHome(limit) || !IsEnabled(limit) || !isSpent) return {};
-  return QStringLiteral("%1 has no credit yet. Give some: vardellctl credit add %2 %3 60")
-      .arg(Subject(UserOf(limit), IdentifierOf(limit)), ShellWord(UserOf(limit)),
-           ShellWord(ShownIdentifier(IdentifierOf(limit))));
+  if (IsHome(limit) || !IsEnabled(limit) || !isSpent || OptionOf(limit, "unlimited").toBool()) {
+    return {};
+  }
+  const QString asHours =
+      OptionOf(limit, "schedule").isObject()
+          ? QStringLiteral(", or let the hours alone count: vardellctl limits set %1 Unlimited=yes")
+                .arg(WordsFor(limit))
+          : QString();
+  return QStringLiteral("%1 has no credit yet. Give some: vardellctl credit add %2 60%3")
+      .arg(Subject(UserOf(limit), IdentifierOf(limit)), WordsFor(limit), asHours);
+}
+
+// The Server sends a schedule in place of these keys.
+QString OfTwoHours(const QJsonObject& limit) {
+  const bool hasHours = KeyOf(limit, QStringLiteral("WD Curfew Enabled")).toBool() ||
+                        KeyOf(limit, QStringLiteral("WE Curfew Enabled")).toBool();
+  if (!IsSession(limit) || !hasHours || !OptionOf(limit, "schedule").isObject()) return {};
+  return QStringLiteral("%1 has a schedule, so \"WD start\", \"WE stop\" and so on do not count")
+      .arg(Subject(UserOf(limit), IdentifierOf(limit)));
 }
 
 QString OfNoQuota(const QJsonObject& limit) {
@@ -112,6 +138,15 @@ QString WhenItCounts(const QJsonObject& before, const QJsonObject& after) {
                    "now goes on without it.\n");
 }
 
+QString TopUpNotice(const QJsonObject& limit) {
+  if (!HasNoNextTopUp(limit)) return {};
+  return QStringLiteral(
+             "%1 gets no top-up before it is said when: vardellctl limits set %2 "
+             "NextAutoUpdate=%3T06:00")
+      .arg(Subject(UserOf(limit), IdentifierOf(limit)), WordsFor(limit),
+           QDate::currentDate().addDays(1).toString(Qt::ISODate));
+}
+
 QString LimitNotices(const QJsonObject& before, const QJsonObject& after) {
   QStringList notices;
   if (before.isEmpty()) {
@@ -119,6 +154,8 @@ QString LimitNotices(const QJsonObject& before, const QJsonObject& after) {
   }
   notices.append(OfHours(before, after, QStringLiteral("WD"), QStringLiteral("week day")));
   notices.append(OfHours(before, after, QStringLiteral("WE"), QStringLiteral("week-end")));
+  notices.append(OfTwoHours(after));
+  notices.append(TopUpNotice(after));
   notices.removeAll(QString());
   return notices.join(QLatin1Char('\n'));
 }

@@ -14,4 +14,7 @@ QString WhenItCounts(const QJsonObject& before, const QJsonObject& after);
 // A line each; empty for none.
 QString LimitNotices(const QJsonObject& before, const QJsonObject& after);
 
+// What keeps top-ups from coming, and what to do; empty where nothing does.
+QString TopUpNotice(const QJsonObject& limit);
+
 }  // namespace vardell::control

@@ -6,6 +6,7 @@
 
 #include "control/Answers.h"
 #include "control/LimitsKeys.h"
+#include "control/ScheduleText.h"
 #include "limits/LimitsKeys.h"
 #include "limits/WatchedApps.h"
 
@@ -34,8 +35,20 @@ QString TopUpTime(const QJsonValue& value) {
                             QStringLiteral("yyyy-MM-dd HH:mm:ss"));
 }
 
-QString Hours(const QJsonObject& keys, const QString& day) {
-  if (!keys[day + QStringLiteral(" Curfew Enabled")].toBool()) {
+QJsonValue OptionOf(const QJsonObject& limit, const char* field) {
+  return limit[QStringLiteral("options")].toObject()[QLatin1String(field)];
+}
+
+// A schedule takes the place of the session's hours, and joins those of an application.
+QString Hours(const QJsonObject& limit, const QString& day) {
+  const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
+  const bool hasHours = keys[day + QStringLiteral(" Curfew Enabled")].toBool();
+  const bool isSession =
+      limit[QStringLiteral("identifier")].toString() == QLatin1String(kLoginWindowIdentifier);
+  if (OptionOf(limit, "schedule").isObject() && (isSession || !hasHours)) {
+    return QStringLiteral("by schedule");
+  }
+  if (!hasHours) {
     return QStringLiteral("any time");
   }
   return ClockText(keys[day + QStringLiteral(" start")].toInt()) + QStringLiteral(" to ") +
@@ -56,12 +69,16 @@ QString RollOver(const QJsonObject& options) {
 QString TopUp(const QJsonObject& limit) {
   const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
   const qint64 value = keys[QStringLiteral("AutoUpdateValue")].toInteger();
-  if (value == 0 || keys[QStringLiteral("NextAutoUpdate")].toDouble() == 0) {
-    return QStringLiteral("none");
-  }
+  if (value == 0) return QStringLiteral("none");
+  if (HasNoNextTopUp(limit)) return QStringLiteral("none: no next time");
   const bool isHours = keys[QStringLiteral("AutoUpdateCoeff")].toInt(1) == 60;
   return QString::number(value) + (isHours ? QStringLiteral(" h") : QStringLiteral(" min")) +
          RollOver(limit[QStringLiteral("options")].toObject());
+}
+
+QString CreditCell(const QJsonObject& limit) {
+  return OptionOf(limit, "unlimited").toBool() ? QStringLiteral("unlimited")
+                                               : NumberText(limit[QStringLiteral("credit")]);
 }
 
 QString Quota(const QJsonObject& keys) {
@@ -76,21 +93,31 @@ QStringList KeysOf(const QJsonObject& limit) {
   for (const LimitsKey& key : AllLimitsKeys()) {
     if (key.ofQuota || !IsHome(limit)) keys.append(QLatin1String(key.name));
   }
-  const bool hasOptions = limit.contains(QStringLiteral("options")) && !IsHome(limit);
-  return hasOptions ? keys + LimitsOptions() : keys;
+  const QJsonObject options = limit[QStringLiteral("options")].toObject();
+  for (const QString& key : LimitsOptions()) {
+    if (options.contains(OptionField(key)) && !IsHome(limit)) keys.append(key);
+  }
+  return keys;
+}
+
+QString OptionText(const QString& option, const QJsonValue& value) {
+  if (value.isBool()) return YesNo(value);
+  if (option == QLatin1String("rollOverCap")) return CapText(value);
+  if (value.isObject()) return ScheduleSummary(value.toObject());
+  return value.isString() ? Printable(value.toString()) : QStringLiteral("none");
 }
 
 QString KeyText(const QString& key, const QJsonObject& limit) {
   const QString option = OptionField(key);
-  const QJsonValue value = option.isEmpty() ? limit[QStringLiteral("limits")].toObject()[key]
-                                            : limit[QStringLiteral("options")].toObject()[option];
-  if (option == QLatin1String("rollOver")) return YesNo(value);
-  if (option == QLatin1String("rollOverCap")) return CapText(value);
+  if (!option.isEmpty()) {
+    return OptionText(option, limit[QStringLiteral("options")].toObject()[option]);
+  }
+  const QJsonValue value = limit[QStringLiteral("limits")].toObject()[key];
   if (key == QLatin1String("Credit")) {
     return NumberText(limit[QStringLiteral("credit")]) + QStringLiteral(" min");
   }
   if (key == QLatin1String("NextAutoUpdate")) {
-    return TopUpTime(value);
+    return HasNoNextTopUp(limit) ? QStringLiteral("none: so no top-up comes") : TopUpTime(value);
   }
   if (key == QLatin1String("DQ Value")) {
     return NumberText(value) + QStringLiteral(" MiB");
@@ -135,6 +162,12 @@ QString ApplicationsText(const QJsonArray& applications) {
 
 bool IsHome(const QJsonObject& limit) {
   return limit[QStringLiteral("identifier")].toString() == QLatin1String(kGlobalSettingsIdentifier);
+}
+
+bool HasNoNextTopUp(const QJsonObject& limit) {
+  const QJsonObject keys = limit[QStringLiteral("limits")].toObject();
+  return keys[QStringLiteral("AutoUpdateValue")].toInteger() != 0 &&
+         keys[QStringLiteral("NextAutoUpdate")].toDouble() == 0;
 }
 
 QString StatusText(const QJsonObject& status, const QString& ownVersion) {
@@ -188,11 +221,11 @@ QString LimitsTable(const QJsonArray& limits) {
     const bool isHome = IsHome(limit);
     rows.push_back({Printable(limit[QStringLiteral("user")].toString()),
                     ShownIdentifier(limit[QStringLiteral("identifier")].toString()),
-                    isHome ? none : NumberText(limit[QStringLiteral("credit")]),
+                    isHome ? none : CreditCell(limit),
                     isHome ? none : YesNo(keys[QStringLiteral("Enabled")]),
-                    isHome ? none : Hours(keys, QStringLiteral("WD")),
-                    isHome ? none : Hours(keys, QStringLiteral("WE")), isHome ? none : TopUp(limit),
-                    Quota(keys)});
+                    isHome ? none : Hours(limit, QStringLiteral("WD")),
+                    isHome ? none : Hours(limit, QStringLiteral("WE")),
+                    isHome ? none : TopUp(limit), Quota(keys)});
   }
   return AlignedTable(rows);
 }

@@ -17,6 +17,8 @@ QString LimitsSheet(const QJsonObject& limit);  // one line for each key
 // The keys whose values differ, with both; empty where there is none.
 QString ChangesTable(const QJsonObject& before, const QJsonObject& after);
 bool IsHome(const QJsonObject& limit);  // of the home folder
+// Of top-ups that are to come and have no time.
+bool HasNoNextTopUp(const QJsonObject& limit);
 // Without home folders, which have no credit.
 QString CreditTable(const QJsonArray& limits);
 QString LedgerTable(const QJsonArray& rows);
