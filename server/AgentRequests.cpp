@@ -4,6 +4,7 @@
 #include "Common Sources/PropertyList.h"
 #include "link/MessageEncoding.h"
 #include "server/Household.h"
+#include "server/Metrics.h"
 #include "server/PeerIdentity.h"
 
 namespace vardell::server {
@@ -20,15 +21,18 @@ RequestOutcome Malformed(const RequestFrame& frame, PayloadError error) {
 }
 
 // An agent keeps no more of a reply than kMaxReplyBytes, and would take the rest for no answer.
-RequestOutcome Answer(const QVariantMap& dictionary) {
+RequestOutcome Answer(const QVariantMap& dictionary, std::uint64_t after) {
   std::optional<QByteArray> body = WritePropertyListXml(dictionary);
   if (!body || static_cast<std::size_t>(body->size()) > kMaxReplyBytes - kReplyHeaderBytes) {
     body = WritePropertyListXml(QVariantMap());
   }
-  return {BuildReply(*body), std::nullopt};
+  return {BuildReply(*body), std::nullopt, false, after};
 }
 
-// Waits for the disk where the request changes something.
+RequestOutcome Answer(const FetchReply& reply) {
+  return {reply.frame, std::nullopt, false, reply.after};
+}
+
 RequestOutcome Handle(Household& household, const AgentConnection& connection,
                       const RequestFrame& frame) {
   QString user;
@@ -39,7 +43,7 @@ RequestOutcome Handle(Household& household, const AgentConnection& connection,
     case RequestKind::FetchLimits:
       error = ParseNamesPayload(frame.payload, &user, &identifier);
       if (error != PayloadError::None) return Malformed(frame, error);
-      return Answer(household.FetchLimits(connection, user, identifier));
+      return Answer(household.AnswerFetch(connection, user, identifier));
     case RequestKind::ApplicationStart:
       error = ParseNamesPayload(frame.payload, &user, &identifier);
       if (error != PayloadError::None) return Malformed(frame, error);
@@ -48,11 +52,11 @@ RequestOutcome Handle(Household& household, const AgentConnection& connection,
     case RequestKind::SingleQuery:
       error = ParseSinglePayload(frame.payload, &user);
       if (error != PayloadError::None) return Malformed(frame, error);
-      return Answer(household.LimitsOfUser(connection, user));
+      return Answer(household.LimitsOfUser(connection, user), household.LastChange());
     case RequestKind::DictionaryQuery:
       error = ParseNamesPayload(frame.payload, &user, &identifier);
       if (error != PayloadError::None) return Malformed(frame, error);
-      return Answer(household.UsageByDay(connection, user, identifier));
+      return Answer(household.UsageByDay(connection, user, identifier), household.LastChange());
     case RequestKind::CreditReport:
       error = ParseReportPayload(frame.payload, &user, &identifier, &record);
       if (error != PayloadError::None) return Malformed(frame, error);
@@ -67,8 +71,8 @@ RequestOutcome Handle(Household& household, const AgentConnection& connection,
 }  // namespace
 
 FrameListener ListenForAgents(boost::asio::io_context& network, Household& household,
-                              const QString& address, std::uint16_t port,
-                              std::function<void(const QString& line)> log) {
+                              const QString& address, std::uint16_t port, LogHook log,
+                              Metrics* metrics) {
   FrameListener::Options options;
   options.address = address;
   options.port = port;
@@ -78,13 +82,15 @@ FrameListener ListenForAgents(boost::asio::io_context& network, Household& house
   options.mostConnections = kMaxAgentConnections;
   options.mostOfOnePeer = kMaxConnectionsPerAddress;
   options.userBehind = UserBehind;
-  options.handle = [&](const AgentConnection& from, const RequestFrame& frame) {
+  options.handle = [&household, metrics](const AgentConnection& from, const RequestFrame& frame) {
+    if (metrics) metrics->CountRequest(frame.kind);
     return Handle(household, from, frame);
   };
   options.opened = [&](const AgentConnection& connection) {
     household.ConnectionOpened(connection);
   };
   options.closed = [&](std::uint64_t connection) { household.ConnectionClosed(connection); };
+  if (metrics) options.ended = [metrics](ConnectionEnd end) { metrics->agents.Count(end); };
   options.log = std::move(log);
   return FrameListener(network, std::move(options));
 }

@@ -13,10 +13,11 @@
 namespace vardell::server {
 
 class Household;
+struct Metrics;
 
-// Listens at once; throws as FrameListener does. `household` must outlive it.
+// Listens at once; throws as FrameListener does. `household` and `metrics` must outlive it.
 FrameListener ListenForAgents(boost::asio::io_context& network, Household& household,
-                              const QString& address, std::uint16_t port,
-                              std::function<void(const QString& line)> log);
+                              const QString& address, std::uint16_t port, LogHook log,
+                              Metrics* metrics = nullptr);
 
 }  // namespace vardell::server

@@ -29,6 +29,7 @@ struct Resource {
 const std::vector<Resource>& Resources() {
   static const std::vector<Resource> kResources = {
       {"GET", "v1/status", Verb::Read, Concerns::EveryoneWhoAsks, {}, GetStatus},
+      {"GET", "v1/metrics", Verb::Read, Concerns::EveryoneWhoAsks, {}, GetMetrics},
       {"GET", "v1/agents", Verb::Read, Concerns::EveryoneWhoAsks, {}, GetAgents},
       {"GET", "v1/users", Verb::Read, Concerns::EveryoneWhoAsks, {}, GetUsers},
       {"GET", "v1/users/*/limits", Verb::Read, Concerns::UserInPath, {}, GetLimits},
@@ -128,6 +129,7 @@ ControlOutcome AnswerBy(const Resource& resource, const Call& call) {
 
 ControlOutcome AnswerControlRequest(const ControlResources& resources, const Requester& requester,
                                     const ControlRequest& request) {
+  resources.household.Settle();
   Call call{resources, requester, request, {}, {}};
   if (!SplitPath(request.target, &call.path) || !SplitQuery(request.target, &call.query)) {
     return MakeAnswer(

@@ -46,6 +46,7 @@ using ControlOutcome = std::variant<ControlAnswer, std::unique_ptr<ControlTask>>
 struct ControlResources {
   Household& household;
   std::function<ServerStatus()> status;
+  const Metrics* metrics = nullptr;  // absent: all are 0
 };
 
 ControlOutcome AnswerControlRequest(const ControlResources& resources, const Requester& requester,

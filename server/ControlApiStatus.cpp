@@ -2,11 +2,21 @@
 #include <QJsonArray>
 
 #include "server/ControlCall.h"
+#include "server/Metrics.h"
 
 namespace vardell::server {
 
 ControlAnswer GetStatus(const Call& call) {
   return MakeAnswer(200, ToJson(call.resources.status(), call.household().Facts()));
+}
+
+ControlAnswer GetMetrics(const Call& call) {
+  const ControlResources& resources = call.resources;
+  ControlAnswer answer;
+  answer.contentType = kMetricsContentType;
+  answer.body = MetricsText(resources.metrics ? *resources.metrics : Metrics(), resources.status(),
+                            call.household().Facts());
+  return answer;
 }
 
 ControlAnswer GetUsers(const Call& call) {

@@ -51,6 +51,7 @@ Body ReadBody(const QByteArray& bytes, std::initializer_list<const char*> fields
 // --- ControlApiStatus.cpp
 
 ControlAnswer GetStatus(const Call& call);
+ControlAnswer GetMetrics(const Call& call);
 ControlAnswer GetUsers(const Call& call);
 ControlAnswer GetAgents(const Call& call);
 

@@ -18,6 +18,12 @@ QJsonValue NullWhereEmpty(const QString& text) {
   return text.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(text);
 }
 
+// Never empty while it is away.
+QJsonValue StoreProblem(const StoreFacts& store) {
+  if (!store.isAway) return QJsonValue::Null;
+  return store.problem.isEmpty() ? QStringLiteral("it takes no changes") : store.problem;
+}
+
 }  // namespace
 
 QString ToRfc3339(const QDateTime& time) {
@@ -75,12 +81,18 @@ QJsonObject ToJson(const UsageDays& days) {
 }
 
 QJsonObject ToJson(const ServerStatus& status, const HouseholdFacts& household) {
+  const StoreFacts& store = household.writing;
   return {{QStringLiteral("version"), status.version},
           {QStringLiteral("store"), household.store},
           {QStringLiteral("schema"), household.schema},
           {QStringLiteral("users"), household.users},
           {QStringLiteral("limits"), household.limits},
-          {QStringLiteral("waiting"), household.waiting},
+          {QStringLiteral("waiting"), static_cast<qint64>(store.waiting)},
+          {QStringLiteral("spooled"), static_cast<qint64>(store.spooled)},
+          {QStringLiteral("storeAway"), StoreProblem(store)},
+          {QStringLiteral("storeAwaySince"), store.isAway && store.since.isValid()
+                                                 ? QJsonValue(ToRfc3339(store.since))
+                                                 : QJsonValue(QJsonValue::Null)},
           {QStringLiteral("zone"), household.zone},
           {QStringLiteral("address"), status.address},
           {QStringLiteral("published"), NullWhereEmpty(status.published.value_or(QString()))},

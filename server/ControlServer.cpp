@@ -19,6 +19,7 @@
 #include "server/ControlApi.h"
 #include "server/ControlSocket.h"
 #include "server/Household.h"
+#include "server/Metrics.h"
 
 namespace vardell::server {
 namespace {
@@ -212,8 +213,8 @@ std::size_t ControlServer::Impl::MaxBodyOf(const SessionPtr& session) const {
 
 void ControlServer::Impl::Answer(const SessionPtr& session) {
   const http::request<http::string_body>& message = session->parser->get();
-  ControlOutcome outcome =
-      AnswerControlRequest({household, options.status}, session->requester, RequestFrom(message));
+  ControlOutcome outcome = AnswerControlRequest({household, options.status, options.metrics},
+                                                session->requester, RequestFrom(message));
   if (const auto* answer = std::get_if<ControlAnswer>(&outcome)) {
     return Write(session, *answer, message.keep_alive());
   }
@@ -254,6 +255,7 @@ void ControlServer::Impl::RefuseFraming(const SessionPtr& session, const error_c
 
 void ControlServer::Impl::Write(const SessionPtr& session, const ControlAnswer& answer,
                                 bool keepAlive) {
+  if (options.metrics) options.metrics->CountAnswer(answer.status);
   session->response = ResponseFrom(answer, 11, keepAlive);
   session->stream.expires_after(options.requestLimit);
   http::async_write(session->stream, session->response,

@@ -19,6 +19,7 @@ class io_context;
 namespace vardell::server {
 
 class Household;
+struct Metrics;
 
 // What GET /v1/status shows besides what the Household knows.
 struct ServerStatus {
@@ -27,6 +28,7 @@ struct ServerStatus {
   std::optional<QString> published;  // service name
   int agents = 0;                    // connections
   QDateTime started;
+  int killConnections = 0;  // of those that ask for the end of a process
 };
 
 class ControlServer {
@@ -34,6 +36,7 @@ class ControlServer {
   struct Options {
     QString path;  // of the socket; its folder is made where it is missing
     std::function<ServerStatus()> status;
+    Metrics* metrics = nullptr;                            // borrowed; absent: all are 0
     std::function<Requester(uid_t uid, gid_t gid)> whoIs;  // empty: LookUpRequester
     std::chrono::milliseconds idleLimit{60000};     // for the next request's header to be complete
     std::chrono::milliseconds requestLimit{10000};  // for its body, and for taking the answer

@@ -4,12 +4,17 @@
 //
 // A malformed frame closes the connection; so does a client that leaves more than
 // kMaxUnsentReplyBytes of replies unread, and one of this machine whose user cannot be told. A
-// silent one is never closed. Of too many connections of one address, or of one user of this
-// machine, the oldest goes. Each closing for a reason is a line for the log, up to a few a second.
+// silent one is never closed, but one whose machine has gone without a word is, after about ten
+// minutes. Of too many connections of one address, or of one user of this machine, the oldest goes.
+// Each closing for a reason is a line for the log, up to a few a second.
+//
+// However many frames one connection sends, the others have a turn after a few of them. An idle
+// connection costs some 300 bytes.
 #pragma once
 
 #include <QByteArray>
 #include <QString>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,6 +22,7 @@
 #include <optional>
 
 #include "link/Frame.h"
+#include "server/Log.h"
 
 namespace boost::asio {
 class io_context;
@@ -26,6 +32,8 @@ namespace vardell::server {
 
 struct AgentConnection;
 
+inline constexpr std::chrono::milliseconds kLongestReplyDelay{800};
+
 struct RequestOutcome {
   QByteArray reply;                // whole, with its length; empty where none is due
   std::optional<QString> problem;  // why the connection must be closed
@@ -33,6 +41,18 @@ struct RequestOutcome {
   // The reply shows the change of this number, and is kept back until Release tells that it is
   // stored, but not longer than kLongestReplyDelay; replies keep their order. 0: it goes at once.
   std::uint64_t after = 0;
+};
+
+// Why a connection was closed.
+enum class ConnectionEnd {
+  ByPeer,
+  UnknownUser,    // of this machine, and nobody can tell whose
+  TooMany,        // of all peers: it was not taken
+  TooManyOfPeer,  // the oldest of one peer went for a newer one
+  Malformed,      // a frame
+  Refused,        // the request: RequestOutcome::problem
+  Unread,         // it leaves its replies unread
+  Last = Unread,
 };
 
 class FrameListener {
@@ -49,7 +69,9 @@ class FrameListener {
     std::function<RequestOutcome(const AgentConnection& from, const RequestFrame& frame)> handle;
     std::function<void(const AgentConnection& connection)> opened;  // may be empty
     std::function<void(std::uint64_t connection)> closed;           // may be empty
-    std::function<void(const QString& line)> log;                   // may be empty
+    // Of each connection that was accepted, once, whether or not it was `opened`; may be empty.
+    std::function<void(ConnectionEnd why)> ended;
+    LogHook log;  // may be empty
   };
 
   // Listens at once. Throws std::runtime_error with a line for people when it cannot.
@@ -60,7 +82,8 @@ class FrameListener {
   // Goes on with a connection whose request was under way, if it is still there.
   void ReadOn(std::uint64_t connection);
 
-  // The changes up to this number are stored.
+  // The changes up to this number are stored. May be called by the options' functions; a number
+  // below an earlier one changes nothing.
   void Release(std::uint64_t stored);
 
   std::uint16_t Port() const;

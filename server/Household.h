@@ -1,12 +1,17 @@
 // What the Server knows: limits, credit, lanes and the ledger of every user and identifier,
-// answered from memory and kept in a Store. Every change is on disk before the call that made it
-// returns. Not thread-safe: one thread calls it, the network's. Calls that change something wait
-// for the disk.
+// answered from memory and kept in a Store. Not thread-safe: one thread calls it, the network's.
+// What agents change is stored by a thread of its own (server/StoreThread.h), and nobody waits for
+// it; a call that changes something for administrators, or shows them something, waits until all
+// that it shows is on disk.
+//
+// Several Servers may share a store. What the others change is known a second later; what an
+// administrator changes is decided by what the store has then.
 //
 // Credit is 64-bit minutes inside and 0 to 2^31-1 outside; the ledger's sum is the credit, always.
 //
-// When the disk fails, agents go on being answered from memory, and what they changed is written
-// as soon as the disk takes it again (a bounded number of changes); administrators are refused.
+// When the store fails, agents go on being answered from memory, and what they changed is kept in
+// the spool, or in memory where that fails too, until the store takes it; administrators are
+// refused.
 #pragma once
 
 #include <QDate>
@@ -26,6 +31,7 @@
 
 #include "link/LimitsRecord.h"
 #include "server/LimitOptions.h"
+#include "server/Log.h"
 
 namespace vardell::server {
 
@@ -140,29 +146,62 @@ struct AgentFacts {
   std::vector<Application> applications;  // of that user, fetched in the last two minutes
 };
 
+// Of the writing of changes.
+struct StoreFacts {
+  bool isAway = false;         // the store fails
+  QString problem;             // then: why, for people
+  QDateTime since;             // then: from when on
+  std::uint64_t waiting = 0;   // changes that are not on disk at all yet
+  std::uint64_t spooled = 0;   // that are in the spool alone
+  std::uint64_t batches = 0;   // transactions of agents' changes
+  std::uint64_t changes = 0;   // in them
+  std::uint64_t failures = 0;  // transactions that were refused
+  double seconds = 0;          // that transactions took
+};
+
+// Rows of the ledger since the start, of one source.
+struct LedgerTotals {
+  std::uint64_t rows = 0;
+  std::uint64_t added = 0;  // minutes
+  std::uint64_t taken = 0;
+  std::uint64_t used = 0;
+};
+
 struct HouseholdFacts {
   QString store;  // what and where
+  StoreFacts writing;
+  std::map<QString, LedgerTotals> ledger;  // by source; not what a restore writes ahead
   int schema = 0;
-  int users = 0;    // with limits
-  int limits = 0;   // of all users
-  int waiting = 0;  // changes that the disk has not taken yet
-  QString zone;     // "Europe/Madrid"; an offset, "+01:00", where it has no name
+  int users = 0;   // with limits
+  int limits = 0;  // of all users
+  QString zone;    // "Europe/Madrid"; an offset, "+01:00", where it has no name
 };
 
 // What else the Household asks and tells; each may be empty.
 struct HouseholdHooks {
   // The name of a user of this machine; empty: the account database is asked.
   std::function<std::optional<QString>(std::uint32_t uid)> userOfUid;
-  std::function<void(const QString& line)> log;
+  LogHook log;
+  // On another thread: TakeStored is to be called soon, on the network's.
+  std::function<void()> storeHasNews;
+};
+
+// What answers a fetch on the wire, and the number of the change that it shows: it must not be sent
+// before that one is stored.
+struct FetchReply {
+  QByteArray frame;
+  std::uint64_t after = 0;
 };
 
 class Household {
  public:
   class Restore;
 
-  // Loads everything. Throws std::runtime_error with a line for people when the store is
-  // unreadable.
-  Household(std::unique_ptr<Store> store, Clocks clocks, HouseholdHooks hooks = {});
+  // Loads everything. Throws std::runtime_error with a line for people when the store or the spool
+  // is unreadable. `spool`: the file of server/Spool.h; empty: none.
+  Household(std::unique_ptr<Store> store, Clocks clocks, HouseholdHooks hooks = {},
+            const QString& spool = {});
+  // What is not stored yet is stored or spooled, if it can be.
   ~Household();
 
   // --- Agents. A request for a user that the connection may not speak for (one from this machine
@@ -171,6 +210,9 @@ class Household {
   // The dictionary for a kind-1 reply: never empty, credit as this connection is to see it.
   QVariantMap FetchLimits(const AgentConnection& connection, const QString& user,
                           const QString& identifier);
+  // The same as it goes over the wire; encoded once for all that it is the same for.
+  FetchReply AnswerFetch(const AgentConnection& connection, const QString& user,
+                         const QString& identifier);
   void ApplicationStarted(const AgentConnection& connection, const QString& user,
                           const QString& identifier);
   void CreditReport(const AgentConnection& connection, const QString& user,
@@ -242,8 +284,14 @@ class Household {
   // remembers it are written together: whatever ends the Server, each date has one or none.
   bool TopUpDue();
 
-  // Tries again to write what a failing disk has kept waiting; to be called now and then.
-  void WriteWhatWaits();
+  // --- What agents' changes become; without waiting.
+
+  // Takes over what the store's thread has found; the number up to which changes are stored.
+  std::uint64_t TakeStored();
+  // The number of the last change.
+  std::uint64_t LastChange() const;
+  // Waits until all changes are stored, a short time at most.
+  void Settle();
 
  private:
   struct Impl;

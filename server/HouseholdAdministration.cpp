@@ -71,8 +71,18 @@ void Household::Impl::ForgetHanded() {
 AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
                                     const QString& identifier, const QVariantMap& keys,
                                     std::uint64_t expectedRevision, const QVariantMap& options) {
+  return impl_->Decide([&] {
+    return impl_->TryToChangeLimits(actor, {user, identifier}, keys, expectedRevision, options);
+  });
+}
+
+std::optional<AdminResult> Household::Impl::TryToChangeLimits(const Actor& actor, const Name& name,
+                                                              const QVariantMap& keys,
+                                                              std::uint64_t expectedRevision,
+                                                              const QVariantMap& options) {
+  const auto& [user, identifier] = name;
   if (auto refused = CheckNames(user, identifier)) return *refused;
-  const Account* before = impl_->Find(user, identifier);
+  const Account* before = Find(user, identifier);
   if (auto refused = CheckRevision(before, expectedRevision)) return *refused;
 
   const LimitsRecord limits = before ? before->limits : NewLimits();
@@ -85,38 +95,50 @@ AdminResult Household::ChangeLimits(const Actor& actor, const QString& user,
     return Refuse(status, problem->field, problem->message);
   }
 
-  const Account after =
-      Applied(before ? *before : impl_->NewAccount({user, identifier}), !before, wanted);
+  const Account after = Applied(before ? *before : NewAccount({user, identifier}), !before, wanted);
   const LimitsEntry entry = EntryOf(user, identifier, after);
   const std::int64_t creditBefore = before ? before->state.credit : 0;
-  const QDateTime now = impl_->clocks.now();
+  const QDateTime now = clocks.now();
   StoreChange change = Changed(entry, after);
+  change.basedOn = before ? before->version : 0;
   if (entry.credit != creditBefore) {
     change.ledger =
         AdminRow(actor, now, entry, creditBefore, QStringLiteral("set with the limits"));
   }
   change.audit = Audited(actor, now, "limits", entry, before ? AuditText(*before) : QString(),
                          AuditText(after));
-  QString error;
-  if (!impl_->WriteNow({std::move(change)}, &error)) {
-    return Refuse(AdminStatus::StoreFailed, {}, error);
+  const ApplyResult applied = WriteNow({std::move(change)});
+  if (applied.status == ApplyStatus::Conflict) return std::nullopt;
+  if (applied.status == ApplyStatus::Failed) {
+    return Refuse(AdminStatus::StoreFailed, {}, applied.error);
   }
-  impl_->users[user][identifier] = after;
-  impl_->TopUpsChanged({user, identifier});
-  if (const auto moment = impl_->MomentOfTopUps()) {
-    (void)impl_->TopUp({{user, identifier}}, *moment);  // otherwise it waits for TopUpDue
+  users[user][identifier] = after;
+  TakeVersions(applied);
+  TopUpsChanged({user, identifier});
+  if (const auto moment = MomentOfTopUps()) {
+    (void)TopUp({{user, identifier}}, *moment);  // otherwise it waits for TopUpDue
   }
-  return {AdminStatus::Ok, {}, {}, Limits(user, identifier), 0};
+  return AdminResult{
+      AdminStatus::Ok, {}, {}, EntryOf(user, identifier, *Find(user, identifier)), 0};
 }
 
 AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,
                                     const QString& identifier, std::uint64_t expectedRevision) {
-  const Account* account = impl_->Find(user, identifier);
+  return impl_->Decide([&] {
+    return impl_->TryToRemoveLimits(actor, {user, identifier}, expectedRevision);
+  });
+}
+
+std::optional<AdminResult> Household::Impl::TryToRemoveLimits(const Actor& actor, const Name& name,
+                                                              std::uint64_t expectedRevision) {
+  const auto& [user, identifier] = name;
+  const Account* account = Find(user, identifier);
   if (!account) return Refuse(AdminStatus::NotFound, {}, QStringLiteral("there is no such limit"));
   if (auto refused = CheckRevision(account, expectedRevision)) return *refused;
   const LimitsEntry entry = EntryOf(user, identifier, *account);
-  const QDateTime now = impl_->clocks.now();
+  const QDateTime now = clocks.now();
   StoreChange change = Removed(entry);
+  change.basedOn = account->version;
   if (entry.credit != 0) {
     LimitsEntry without = entry;
     without.credit = 0;
@@ -124,13 +146,14 @@ AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,
         AdminRow(actor, now, without, entry.credit, QStringLiteral("the limit was removed"));
   }
   change.audit = Audited(actor, now, "limits", entry, AuditText(*account), QString());
-  QString error;
-  if (!impl_->WriteNow({std::move(change)}, &error)) {
-    return Refuse(AdminStatus::StoreFailed, {}, error);
+  const ApplyResult applied = WriteNow({std::move(change)});
+  if (applied.status == ApplyStatus::Conflict) return std::nullopt;
+  if (applied.status == ApplyStatus::Failed) {
+    return Refuse(AdminStatus::StoreFailed, {}, applied.error);
   }
-  impl_->Forget({user, identifier});
-  impl_->ForgetHanded();
-  return {AdminStatus::Ok, {}, {}, entry, 0};
+  Forget(name);
+  ForgetHanded();
+  return AdminResult{AdminStatus::Ok, {}, {}, entry, 0};
 }
 
 }  // namespace vardell::server

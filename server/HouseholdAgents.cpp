@@ -5,8 +5,10 @@
 #include <algorithm>
 
 #include "Common Sources/Caps.h"
+#include "Common Sources/PropertyList.h"
 #include "limits/LimitsDictionary.h"
 #include "limits/UsageTotals.h"
+#include "link/Frame.h"
 #include "server/HouseholdImpl.h"
 #include "server/HouseholdRestore.h"
 #include "server/LimitsKeys.h"
@@ -28,9 +30,7 @@ std::optional<QString> NameFromAccountDatabase(std::uint32_t uid) {
   return QString::fromUtf8(found->pw_name);
 }
 
-QVariantMap DictionaryOf(const QString& identifier, const Account& account, std::int32_t credit) {
-  LimitsRecord record = account.limits;
-  record.credit = credit;
+QVariantMap DictionaryOf(const QString& identifier, const LimitsRecord& record) {
   const QVariantMap all = MakeLimitsDictionary(record);
   if (!IsGlobalSettings(identifier)) return all;
   const QString quotaKeys[] = {QStringLiteral("DQ Enabled"), QStringLiteral("DQ Value")};
@@ -39,10 +39,10 @@ QVariantMap DictionaryOf(const QString& identifier, const Account& account, std:
   return quota;
 }
 
-QVariantMap UnknownDictionary(const QString& identifier) {
-  Account nothing;
-  nothing.limits = DefaultLimits();
-  return DictionaryOf(identifier, nothing, 0);
+LimitsRecord LimitsWith(const Account& account, std::int32_t credit) {
+  LimitsRecord limits = account.limits;
+  limits.credit = credit;
+  return limits;
 }
 
 }  // namespace
@@ -103,10 +103,6 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
   row.used = booking.charge + (booking.grace ? 1 : 0);
   row.minutes = account.state.credit - before.credit;
   row.credit = account.state.credit;
-  row.time = clocks.now();
-  const QDate today = row.time.date();
-  if (row.used != 0) usage[{row.user, row.identifier}][today] += row.used;
-  if (row.used != 0 && restoring) restoring->Booked(row.user, row.identifier, today, row.used);
 
   const bool creditChanged =
       account.state.credit != before.credit || account.state.spent != before.spent;
@@ -122,10 +118,22 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
       !isIdle ||
       (row.claimed && (!lane.lastIdleRow || now - *lane.lastIdleRow >= kTimeBetweenIdleRows));
   if (isIdle && isRow) lane.lastIdleRow = now;
-  if (isRow) change.ledger = std::move(row);
-  if (change.credit || change.lane || change.ledger || change.forgottenLane) {
-    Write(std::move(change));
+  if (isRow) {
+    row.time = clocks.now();
+    change.ledger = std::move(row);
   }
+  if (!change.credit && !change.lane && !change.ledger && !change.forgottenLane) return;
+  const std::optional<LedgerRow> written = change.ledger;
+  Write(std::move(change), account);
+  if (written && written->used != 0) BookUse(*written, account.lastChange);
+}
+
+void Household::Impl::BookUse(const LedgerRow& row, std::uint64_t number) {
+  const Name name(row.user, row.identifier);
+  const QDate today = row.time.date();
+  usage[name][today] += row.used;
+  if (restoring) restoring->Booked(row.user, row.identifier, today, row.used);
+  if (keeper.IsShared()) usesUnderWay.push_back({number, name, today, row.used});
 }
 
 std::int32_t Household::Impl::CreditForFetch(const AgentConnection& connection, const QString& user,
@@ -147,22 +155,43 @@ std::int32_t Household::Impl::CreditForFetch(const AgentConnection& connection, 
   return booking.answer;
 }
 
-QVariantMap Household::FetchLimits(const AgentConnection& connection, const QString& user,
-                                   const QString& identifier) {
-  ConnectedAgent* agent = impl_->Speaking(connection, user);
-  if (!agent) return UnknownDictionary(identifier);
-  Account* account = impl_->Counted(connection, user, identifier);
+Household::Impl::Fetched Household::Impl::Fetch(const AgentConnection& connection,
+                                                const QString& user, const QString& identifier) {
+  const Fetched unknownLimits{nullptr, DefaultLimits()};
+  ConnectedAgent* agent = Speaking(connection, user);
+  if (!agent) return unknownLimits;
+  Account* account = Counted(connection, user, identifier);
   if (!account) {
-    agent->fetches.Add({identifier, std::nullopt, impl_->Now()});
-    const Account* settings =
-        IsGlobalSettings(identifier) ? impl_->Find(user, identifier) : nullptr;
-    return settings ? DictionaryOf(identifier, *settings, 0) : UnknownDictionary(identifier);
+    agent->fetches.Add({identifier, std::nullopt, Now()});
+    Account* settings = IsGlobalSettings(identifier) ? Find(user, identifier) : nullptr;
+    return settings ? Fetched{settings, LimitsWith(*settings, 0)} : unknownLimits;
   }
-  const std::int32_t credit = impl_->CreditForFetch(connection, user, identifier, *account);
+  const std::int32_t credit = CreditForFetch(connection, user, identifier, *account);
   agent->handed[{user, identifier}] = credit;
   const bool isEnabled = account->state.enabled;
-  agent->fetches.Add({identifier, isEnabled ? std::optional(credit) : std::nullopt, impl_->Now()});
-  return DictionaryOf(identifier, *account, credit);
+  agent->fetches.Add({identifier, isEnabled ? std::optional(credit) : std::nullopt, Now()});
+  return {account, LimitsWith(*account, credit)};
+}
+
+const QByteArray& Household::Impl::Encoded(const QString& identifier, const Fetched& fetched) {
+  EncodedLimits& none = IsGlobalSettings(identifier) ? unknownSettings : unknown;
+  EncodedLimits& encoded = fetched.account ? fetched.account->encoded : none;
+  if (!encoded.frame.isEmpty() && encoded.limits == fetched.limits) return encoded.frame;
+  encoded.limits = fetched.limits;
+  encoded.frame =
+      BuildReply(WritePropertyListXml(DictionaryOf(identifier, fetched.limits)).value_or(""));
+  return encoded.frame;
+}
+
+QVariantMap Household::FetchLimits(const AgentConnection& connection, const QString& user,
+                                   const QString& identifier) {
+  return DictionaryOf(identifier, impl_->Fetch(connection, user, identifier).limits);
+}
+
+FetchReply Household::AnswerFetch(const AgentConnection& connection, const QString& user,
+                                  const QString& identifier) {
+  const Impl::Fetched fetched = impl_->Fetch(connection, user, identifier);
+  return {impl_->Encoded(identifier, fetched), fetched.account ? fetched.account->lastChange : 0};
 }
 
 void Household::ApplicationStarted(const AgentConnection& connection, const QString& user,
@@ -176,7 +205,7 @@ void Household::ApplicationStarted(const AgentConnection& connection, const QStr
   lane.state = AfterStart(impl_->Now(), lane.state);
   if (lane.state.paidUntil == before) return;
   change.lane = {user, identifier, connection.host, *lane.state.paidUntil};
-  impl_->Write(std::move(change));
+  impl_->Write(std::move(change), *account);
 }
 
 void Household::CreditReport(const AgentConnection& connection, const QString& user,
@@ -215,8 +244,8 @@ QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QSt
   const auto accounts = impl_->users.find(user);
   if (accounts == impl_->users.end() || !impl_->MaySpeakFor(connection, user)) return answer;
   for (const auto& [identifier, account] : accounts->second) {
-    answer.insert(identifier,
-                  DictionaryOf(identifier, account, CreditToSend(account.state.credit)));
+    const std::int32_t credit = CreditToSend(account.state.credit);
+    answer.insert(identifier, DictionaryOf(identifier, LimitsWith(account, credit)));
   }
   return answer;
 }

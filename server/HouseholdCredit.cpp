@@ -39,6 +39,10 @@ QByteArray DigestOf(const CreditChange& change, std::int64_t minutes, const QStr
 }  // namespace
 
 AdminResult Household::Impl::ChangeCredit(const CreditChange& wanted) {
+  return Decide([&] { return TryToChangeCredit(wanted); });
+}
+
+std::optional<AdminResult> Household::Impl::TryToChangeCredit(const CreditChange& wanted) {
   const QString& user = wanted.user;
   const QString& identifier = wanted.identifier;
   if (auto refused = CheckNames(user, identifier)) return *refused;
@@ -50,16 +54,16 @@ AdminResult Household::Impl::ChangeCredit(const CreditChange& wanted) {
   Account* account = Find(user, identifier);
   if (!account) return Refuse(AdminStatus::NotFound, {}, QStringLiteral("there is no such limit"));
 
-  try {
-    if (const auto known = store->Adjustment(wanted.id)) {
-      if (known->digest == wanted.digest) {
-        return {AdminStatus::Ok, {}, {}, EntryOf(user, identifier, *account), known->added};
-      }
-      return Refuse(AdminStatus::IdReused, QStringLiteral("id"),
-                    QStringLiteral("was used for another change"));
-    }
-  } catch (const std::runtime_error& error) {
-    return Refuse(AdminStatus::StoreFailed, {}, QString::fromUtf8(error.what()));
+  QString error;
+  std::optional<AdjustmentRow> known;
+  const auto look = [&](Store& store) { known = store.Adjustment(wanted.id); };
+  if (!keeper.Call(look, &error)) return Refuse(AdminStatus::StoreFailed, {}, error);
+  if (known && known->digest == wanted.digest) {
+    return AdminResult{AdminStatus::Ok, {}, {}, EntryOf(user, identifier, *account), known->added};
+  }
+  if (known) {
+    return Refuse(AdminStatus::IdReused, QStringLiteral("id"),
+                  QStringLiteral("was used for another change"));
   }
 
   const std::int64_t before = account->state.credit;
@@ -69,14 +73,19 @@ AdminResult Household::Impl::ChangeCredit(const CreditChange& wanted) {
   const std::int64_t added = entry.credit - before;
   const QDateTime now = clocks.now();
   StoreChange change;
+  change.basedOn = account->version;
   change.credit = {user, identifier, after.state.credit, after.state.spent};
   change.ledger = AdminRow(wanted.actor, now, entry, before, wanted.reason);
   change.adjustment = AdjustmentRow{wanted.id, wanted.digest, added};
   change.audit = Audited(wanted.actor, now, "credit", entry, AuditText(*account), AuditText(after));
-  QString error;
-  if (!WriteNow({std::move(change)}, &error)) return Refuse(AdminStatus::StoreFailed, {}, error);
-  *account = after;
-  return {AdminStatus::Ok, {}, {}, entry, added};
+  const ApplyResult applied = WriteNow({std::move(change)});
+  if (applied.status == ApplyStatus::Conflict) return std::nullopt;
+  if (applied.status == ApplyStatus::Failed) {
+    return Refuse(AdminStatus::StoreFailed, {}, applied.error);
+  }
+  *Find(user, identifier) = after;
+  TakeVersions(applied);
+  return AdminResult{AdminStatus::Ok, {}, {}, entry, added};
 }
 
 AdminResult Household::SetCredit(const Actor& actor, const QString& user, const QString& identifier,
@@ -108,14 +117,15 @@ AdminResult Household::AddCredit(const Actor& actor, const QString& user, const 
 std::optional<std::vector<LedgerRow>> Household::Ledger(std::int64_t after, const QString& user,
                                                         const QString& identifier,
                                                         int limit) const {
-  (void)impl_->WriteWaiting();
-  try {
-    return impl_->store->Ledger(after, user, identifier, std::clamp(limit, 0, kMaxLedgerRows),
-                                impl_->restoring != nullptr);
-  } catch (const std::runtime_error& error) {
-    impl_->Log(QStringLiteral("the ledger cannot be read: ") + QString::fromUtf8(error.what()));
-    return std::nullopt;
-  }
+  std::vector<LedgerRow> rows;
+  QString error;
+  const auto read = [&](Store& store) {
+    rows = store.Ledger(after, user, identifier, std::clamp(limit, 0, kMaxLedgerRows),
+                        impl_->restoring != nullptr);
+  };
+  if (impl_->keeper.Call(read, &error)) return rows;
+  impl_->Log(QStringLiteral("the ledger cannot be read: ") + error);
+  return std::nullopt;
 }
 
 }  // namespace vardell::server

@@ -68,13 +68,14 @@ QDateTime Household::Now() const {
 
 HouseholdFacts Household::Facts() const {
   HouseholdFacts facts;
-  facts.store = impl_->store->Description();
+  facts.store = impl_->keeper.Description();
+  facts.writing = impl_->keeper.Facts();
+  facts.ledger = impl_->ledgerTotals;
   facts.schema = kStoreSchemaVersion;
   facts.users = static_cast<int>(impl_->users.size());
   for (const auto& [user, accounts] : impl_->users) {
     facts.limits += static_cast<int>(accounts.size());
   }
-  facts.waiting = static_cast<int>(impl_->waiting.size());
   facts.zone = ZoneOf(impl_->clocks.now());
   return facts;
 }

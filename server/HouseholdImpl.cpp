@@ -1,11 +1,15 @@
 #include "server/HouseholdImpl.h"
 
+#include <algorithm>
+
 #include "Common Sources/Caps.h"
 
 namespace vardell::server {
 namespace {
 
-constexpr std::chrono::milliseconds kTimeBetweenTries = std::chrono::seconds(1);
+// Agents wait as long.
+constexpr std::chrono::milliseconds kLongestSettling{500};
+constexpr int kMostAttempts = 5;
 
 }  // namespace
 
@@ -14,40 +18,11 @@ LimitsEntry EntryOf(const QString& user, const QString& identifier, const Accoun
           account.options};
 }
 
-Household::Impl::Impl(std::unique_ptr<Store> itsStore, Clocks itsClocks, HouseholdHooks itsHooks)
-    : store(std::move(itsStore)), clocks(std::move(itsClocks)), hooks(std::move(itsHooks)) {}
-
-void Household::Impl::Load() {
-  const StoreContents contents = store->Load(clocks.bootId);
-  for (const LimitsEntry& entry : contents.limits) {
-    Account& account = users[entry.user][entry.identifier];
-    account.limits = entry.limits;
-    account.revision = entry.revision;
-    account.state.enabled = entry.limits.enabled != 0;
-    account.options = entry.options;
-  }
-  for (const TopUpRow& row : contents.topUps) {
-    Account* account = Find(row.user, row.identifier);
-    if (account) account->topUps = row.memory;
-  }
-  for (const LimitsEntry& entry : contents.limits) TopUpsChanged({entry.user, entry.identifier});
-  for (const RemovedLimits& limits : contents.removed) {
-    removedRevisions[{limits.user, limits.identifier}] = limits.revision;
-  }
-  for (const CreditRow& credit : contents.credit) {
-    Account* account = Find(credit.user, credit.identifier);
-    if (!account) continue;
-    account->state.credit = credit.minutes;
-    account->state.spent = credit.spent;
-  }
-  for (const LaneRow& lane : contents.lanes) {
-    Account* account = Find(lane.user, lane.identifier);
-    if (account) account->lanes[lane.host].state.paidUntil = lane.paidUntil;
-  }
-  for (const UsageRow& row : contents.usage) {
-    usage[{row.user, row.identifier}][row.day] = row.minutes;
-  }
-}
+Household::Impl::Impl(std::unique_ptr<Store> store, Clocks itsClocks, HouseholdHooks itsHooks,
+                      const QString& spool)
+    : clocks(std::move(itsClocks)),
+      hooks(std::move(itsHooks)),
+      keeper(std::move(store), {spool, clocks.bootId, hooks.storeHasNews}) {}
 
 Account* Household::Impl::Find(const QString& user, const QString& identifier) {
   const auto accounts = users.find(user);
@@ -61,63 +36,86 @@ EnforcementTime Household::Impl::Now() const {
 }
 
 bool Household::Impl::HasRoomToBook() {
-  if (waiting.size() < kMaxUnwrittenChanges) return true;
-  (void)WriteWaiting();
-  const bool hasRoom = waiting.size() < kMaxUnwrittenChanges;
+  const bool hasRoom = keeper.Submitted() - keeper.Stored() < kMaxUnwrittenChanges;
   if (!hasRoom && !fullSaid) Log(QStringLiteral("too much waits for the disk: nothing is counted"));
   fullSaid = !hasRoom;
   return hasRoom;
 }
 
-void Household::Impl::Write(StoreChange change) {
-  waiting.push_back(std::move(change));
-  (void)WriteWaiting();
+void Household::Impl::Write(StoreChange change, Account& account) {
+  Count(change);
+  account.lastChange = keeper.Submit(std::move(change));
 }
 
-bool Household::Impl::WriteWaiting() {
-  if (waiting.empty()) return true;
-  const std::chrono::milliseconds now = clocks.sinceBoot();
-  if (diskFails && now - lastTry < kTimeBetweenTries) return false;
-  lastTry = now;
-  const ApplyResult result = store->Apply(waiting, clocks.bootId, 0);
-  const bool written = result.status == ApplyStatus::Done;
-  if (written) waiting.clear();
-  if (!written && !diskFails) {
-    Log(result.error + QStringLiteral("; agents are answered from memory until then"));
+void Household::Impl::CatchUp() {
+  if (!keeper.Facts().isAway) (void)keeper.Settle(kLongestSettling);
+  (void)TakeStored();
+}
+
+ApplyResult Household::Impl::WriteNow(const std::vector<StoreChange>& changes) {
+  ApplyResult result = keeper.ApplyNow(changes);
+  if (result.status == ApplyStatus::Done) {
+    for (const StoreChange& change : changes) Count(change);
   }
-  if (written && diskFails) Log(QStringLiteral("the store takes changes again, all is written"));
-  diskFails = !written;
-  return written;
+  (void)TakeStored();
+  return result;
 }
 
-bool Household::Impl::WriteFirst(QString* error) {
-  if (WriteWaiting()) return true;
-  *error = QStringLiteral("the store cannot be written at the moment; see the Server's log");
-  return false;
+void Household::Impl::TakeVersions(const ApplyResult& result) {
+  for (const CreditRow& row : result.accounts) {
+    Account* account = Find(row.user, row.identifier);
+    if (account) account->version = row.version;
+  }
 }
 
-bool Household::Impl::WriteNow(const std::vector<StoreChange>& changes, QString* error) {
-  if (!WriteFirst(error)) return false;
-  const ApplyResult result = store->Apply(changes, clocks.bootId, 0);
-  if (result.status != ApplyStatus::Done) *error = result.error;
-  return result.status == ApplyStatus::Done;
+AdminResult Household::Impl::Decide(const std::function<std::optional<AdminResult>()>& attempt) {
+  for (int i = 0; i < kMostAttempts; ++i) {
+    CatchUp();
+    if (const auto result = attempt()) return *result;
+  }
+  return {AdminStatus::StoreFailed,
+          {},
+          QStringLiteral("other Servers change the same at the same time; try again"),
+          std::nullopt};
 }
 
-void Household::Impl::Log(const QString& line) const {
-  if (hooks.log) hooks.log(line);
+void Household::Impl::Log(const LogEvent& event) const {
+  if (hooks.log) hooks.log(event);
 }
 
-Household::Household(std::unique_ptr<Store> store, Clocks clocks, HouseholdHooks hooks)
-    : impl_(std::make_unique<Impl>(std::move(store), std::move(clocks), std::move(hooks))) {
-  impl_->Load();
+void Household::Impl::Count(const StoreChange& change) {
+  if (!change.ledger) return;
+  const LedgerRow& row = *change.ledger;
+  LedgerTotals& totals = ledgerTotals[row.source];
+  ++totals.rows;
+  (row.minutes > 0 ? totals.added : totals.taken) +=
+      static_cast<std::uint64_t>(row.minutes > 0 ? row.minutes : -row.minutes);
+  totals.used += static_cast<std::uint64_t>(std::max<std::int64_t>(row.used, 0));
 }
 
-Household::~Household() {
-  (void)impl_->WriteWaiting();
+Household::Household(std::unique_ptr<Store> store, Clocks clocks, HouseholdHooks hooks,
+                     const QString& spool)
+    : impl_(std::make_unique<Impl>(std::move(store), std::move(clocks), std::move(hooks), spool)) {
+  const StoreContents contents = impl_->keeper.Load();
+  impl_->TakeEverything(contents, 0);
+  for (const LaneRow& lane : contents.lanes) {
+    Account* account = impl_->Find(lane.user, lane.identifier);
+    if (account) account->lanes[lane.host].state.paidUntil = lane.paidUntil;
+  }
 }
 
-void Household::WriteWhatWaits() {
-  (void)impl_->WriteWaiting();
+Household::~Household() = default;
+
+std::uint64_t Household::TakeStored() {
+  return impl_->TakeStored();
+}
+
+std::uint64_t Household::LastChange() const {
+  return impl_->keeper.Submitted();
+}
+
+void Household::Settle() {
+  impl_->CatchUp();
 }
 
 }  // namespace vardell::server

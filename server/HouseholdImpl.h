@@ -13,6 +13,7 @@
 #include "server/CreditRules.h"
 #include "server/Household.h"
 #include "server/Store.h"
+#include "server/StoreThread.h"
 #include "server/TopUpQueue.h"
 
 namespace vardell::server {
@@ -22,6 +23,12 @@ struct Lane {
   std::optional<EnforcementTime> lastIdleRow;  // of a report that booked nothing
 };
 
+// What was last sent, to be sent again while it is the same.
+struct EncodedLimits {
+  LimitsRecord limits;
+  QByteArray frame;  // empty: nothing yet
+};
+
 struct Account {
   LimitsRecord limits;
   std::uint64_t revision = 0;
@@ -29,6 +36,9 @@ struct Account {
   std::map<QString, Lane> lanes;  // by host
   LimitOptions options;
   TopUpMemory topUps;
+  std::uint64_t version = 0;     // in a shared store
+  std::uint64_t lastChange = 0;  // number of the last one by an agent
+  EncodedLimits encoded;
 };
 
 // A change of one credit that is applied once.
@@ -45,9 +55,19 @@ struct CreditChange {
 struct Household::Impl {
   using Name = std::pair<QString, QString>;  // user, identifier
 
-  Impl(std::unique_ptr<Store> itsStore, Clocks itsClocks, HouseholdHooks itsHooks);
+  Impl(std::unique_ptr<Store> store, Clocks itsClocks, HouseholdHooks itsHooks,
+       const QString& spool);
 
-  void Load();
+  // --- What the store has (HouseholdStored.cpp).
+
+  void TakeLimits(const StoreContents& contents);
+  void TakeCredit(const CreditRow& credit);
+  void TakeNews(const StoreNews& news);
+  // In place of everything but lanes, and of what agents changed after `through`.
+  void TakeEverything(const StoreContents& contents, std::uint64_t through);
+  std::uint64_t TakeStored();
+  void Reload();
+
   Account* Find(const QString& user, const QString& identifier);
   EnforcementTime Now() const;
 
@@ -59,6 +79,13 @@ struct Household::Impl {
   // The account whose credit the request concerns; none for the global settings.
   Account* Counted(const AgentConnection& connection, const QString& user,
                    const QString& identifier);
+  // What a fetch is answered with, apart from its form; books what it says.
+  struct Fetched {
+    Account* account = nullptr;  // whose limits they are; null: of an unknown identifier
+    LimitsRecord limits;         // with the credit
+  };
+  Fetched Fetch(const AgentConnection& connection, const QString& user, const QString& identifier);
+  const QByteArray& Encoded(const QString& identifier, const Fetched& fetched);
   // What a fetch is answered with, and what it books.
   std::int32_t CreditForFetch(const AgentConnection& connection, const QString& user,
                               const QString& identifier, Account& account);
@@ -66,10 +93,18 @@ struct Household::Impl {
   // Takes over what a rule decided, and puts the difference into the change.
   void TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
                 StoreChange change);
+  void BookUse(const LedgerRow& row, std::uint64_t number);
 
   // --- Administrators.
 
   AdminResult ChangeCredit(const CreditChange& wanted);
+  std::optional<AdminResult> TryToChangeCredit(const CreditChange& wanted);
+  std::optional<AdminResult> TryToChangeLimits(const Actor& actor, const Name& name,
+                                               const QVariantMap& keys,
+                                               std::uint64_t expectedRevision,
+                                               const QVariantMap& options);
+  std::optional<AdminResult> TryToRemoveLimits(const Actor& actor, const Name& name,
+                                               std::uint64_t expectedRevision);
   // What a new limit begins with.
   Account NewAccount(const Name& name) const;
   // In memory alone: an account; what connections were handed of accounts that are gone.
@@ -88,22 +123,27 @@ struct Household::Impl {
   void TopUpsChanged(const Name& name);
   // Where the wall clock or its zone were changed, nothing that was decided holds.
   void NoticeJump(const TopUpMoment& moment);
-  // What is due for these, in one transaction; false where the disk fails.
-  bool TopUp(const std::vector<Name>& names, const TopUpMoment& moment);
+  // What is due for these, in one transaction. After a conflict it is to be decided anew.
+  ApplyStatus TopUp(const std::vector<Name>& names, const TopUpMoment& moment);
 
-  // --- The disk. Changes of agents wait where it fails; those of administrators do not begin.
+  // --- Writing. Changes of agents wait for nothing; those of administrators for the store.
 
   bool HasRoomToBook();
-  void Write(StoreChange change);
-  bool WriteWaiting();
-  bool WriteNow(const std::vector<StoreChange>& changes, QString* error);
-  // What waits comes first; false where that cannot be.
-  bool WriteFirst(QString* error);
-  void Log(const QString& line) const;
+  void Write(StoreChange change, Account& account);
+  // Until all that was written is stored, a short time at most; then takes over what is known.
+  void CatchUp();
+  // Of accounts that CatchUp has made sure of. Takes over what others have changed in a conflict;
+  // the accounts' versions are to be taken over last.
+  ApplyResult WriteNow(const std::vector<StoreChange>& changes);
+  void TakeVersions(const ApplyResult& result);
+  // `attempt` decides by what is known, again where another Server was faster: absent then.
+  AdminResult Decide(const std::function<std::optional<AdminResult>()>& attempt);
+  void Log(const LogEvent& event) const;
+  void Count(const StoreChange& change);
 
-  std::unique_ptr<Store> store;
   Clocks clocks;
   HouseholdHooks hooks;
+  StoreThread keeper;
   std::map<QString, std::map<QString, Account>> users;
   std::map<Name, std::uint64_t> removedRevisions;  // a limit made again goes on from there
   std::map<Name, UsageDays> usage;                 // also of names without an account
@@ -113,12 +153,20 @@ struct Household::Impl {
   // Of the last TopUpDue: the wall clock less the boot's, and the zone.
   std::optional<std::chrono::milliseconds> wallOffset;
   QTimeZone wallZone;
-  bool topUpsWait = false;  // for the disk
-  std::vector<StoreChange> waiting;
+  bool topUpsWait = false;       // for the disk
   Restore* restoring = nullptr;  // the one that is under way
-  bool diskFails = false;
+  struct Use {
+    std::uint64_t number = 0;
+    Name name;
+    QDate day;
+    std::int64_t minutes = 0;
+  };
+  std::deque<Use> usesUnderWay;      // of changes that a shared store may not have yet
+  std::uint64_t appliedThrough = 0;  // changes in a shared store whose results are known
+  EncodedLimits unknown;
+  EncodedLimits unknownSettings;
   bool fullSaid = false;
-  std::chrono::milliseconds lastTry{0};
+  std::map<QString, LedgerTotals> ledgerTotals;  // by source
 };
 
 LimitsEntry EntryOf(const QString& user, const QString& identifier, const Account& account);

@@ -93,17 +93,20 @@ Household::Restore::~Restore() {
 }
 
 std::optional<RestoreResult> Household::Restore::Step() {
-  Store& store = *household_.store;
+  if (phase_ == Phase::Finishing) return Finish();
   QString error;
-  bool isWritten = household_.WriteFirst(&error);
-  if (isWritten && phase_ == Phase::Finishing) return Finish();
-  if (isWritten && phase_ == Phase::Forgetting) {
-    isWritten = store.ForgetUnfinished(kRowsInStep, &error);
-    if (isWritten && !store.HasUnfinishedRestore()) phase_ = Phase::WritingAhead;
-  } else if (isWritten) {
-    const std::vector<LedgerRow> rows = NextRows();
-    isWritten = rows.empty() || store.WriteAhead(rows, &error);
-  }
+  QString unreached;
+  bool isWritten = false;
+  const auto write = [&](Store& store) {
+    if (phase_ == Phase::Forgetting) {
+      isWritten = store.ForgetUnfinished(kRowsInStep, &error);
+      if (isWritten && !store.HasUnfinishedRestore()) phase_ = Phase::WritingAhead;
+    } else {
+      const std::vector<LedgerRow> rows = NextRows();
+      isWritten = rows.empty() || store.WriteAhead(rows, &error);
+    }
+  };
+  if (!household_.keeper.Call(write, &unreached)) error = unreached;
   if (!isWritten) return RestoreResult{AdminStatus::StoreFailed, error, {}};
   return std::nullopt;
 }
@@ -201,6 +204,7 @@ StoreChange Household::Restore::Setting(const LimitsEntry& entry, const Account*
 }
 
 RestoreResult Household::Restore::Finish() {
+  household_.CatchUp();
   RestoreResult result;
   std::vector<StoreChange> changes;
   std::map<Name, Account> accounts;
@@ -229,8 +233,17 @@ RestoreResult Household::Restore::Finish() {
                           SummaryOf(result.counts));
   changes.push_back(std::move(summary));
 
-  const ApplyResult applied = household_.store->ApplyLast(changes, household_.clocks.bootId);
+  ApplyResult applied;
+  const auto apply = [&](Store& store) {
+    applied = store.ApplyLast(changes, household_.clocks.bootId);
+  };
+  if (!household_.keeper.Call(apply, &result.message)) {
+    return {AdminStatus::StoreFailed, result.message, {}};
+  }
   if (applied.status != ApplyStatus::Done) return {AdminStatus::StoreFailed, applied.error, {}};
+  household_.Log(
+      {"restore", LogPriority::Notice, QStringLiteral("%1 restored a backup").arg(actor_.name)});
+  for (const StoreChange& change : changes) household_.Count(change);
   for (const LimitsEntry& entry : removed) household_.Forget({entry.user, entry.identifier});
   household_.ForgetHanded();
   for (auto& [name, account] : accounts) {
@@ -238,6 +251,7 @@ RestoreResult Household::Restore::Finish() {
     household_.TopUpsChanged(name);
   }
   household_.usage = std::move(usage_);
+  if (household_.keeper.IsShared()) household_.Reload();
   return result;
 }
 

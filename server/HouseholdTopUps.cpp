@@ -7,6 +7,7 @@ namespace {
 
 // Of one transaction: some twenty milliseconds.
 constexpr std::size_t kLimitsAtOnce = 500;
+constexpr std::size_t kMaxTopUpLines = 10;
 constexpr std::int64_t kAtOnce = 0;
 // What clocks drift apart in a while is no jump.
 constexpr std::chrono::milliseconds kJump = std::chrono::minutes(1);
@@ -26,13 +27,35 @@ LedgerRow RowOf(const std::pair<QString, QString>& name, const DueTopUp& due,
 }
 
 void AppendChanges(const std::pair<QString, QString>& name, const TopUpOutcome& outcome,
-                   const AccountState& after, const QDateTime& now,
+                   const AccountState& after, std::uint64_t version, const QDateTime& now,
                    std::vector<StoreChange>* changes) {
-  for (const DueTopUp& due : outcome.due) changes->emplace_back().ledger = RowOf(name, due, now);
+  for (const DueTopUp& due : outcome.due) {
+    StoreChange& booked = changes->emplace_back();
+    booked.basedOn = version;
+    booked.ledger = RowOf(name, due, now);
+  }
   StoreChange& state = changes->emplace_back();
+  state.basedOn = version;
   state.topUp = {name.first, name.second, outcome.nextTime, outcome.memory};
   if (outcome.due.empty()) return;
   state.credit = {name.first, name.second, after.credit, after.spent};
+}
+
+// A line for each, or one for many.
+std::vector<LogEvent> EventsOf(const std::vector<StoreChange>& changes) {
+  std::vector<LogEvent> events;
+  for (const StoreChange& change : changes) {
+    if (!change.ledger) continue;
+    const LedgerRow& row = *change.ledger;
+    LogEvent event("top-up", LogPriority::Info,
+                   QStringLiteral("%1 for %2, %3: %4 minutes are left")
+                       .arg(row.reason, row.user, row.identifier, QString::number(row.credit)));
+    event.user = row.user;
+    event.identifier = row.identifier;
+    events.push_back(event);
+  }
+  if (events.size() <= kMaxTopUpLines) return events;
+  return {{"top-up", LogPriority::Info, QStringLiteral("%1 top-ups").arg(events.size())}};
 }
 
 }  // namespace
@@ -59,7 +82,7 @@ void Household::Impl::NoticeJump(const TopUpMoment& moment) {
   wallZone = moment.zone;
 }
 
-bool Household::Impl::TopUp(const std::vector<Name>& names, const TopUpMoment& moment) {
+ApplyStatus Household::Impl::TopUp(const std::vector<Name>& names, const TopUpMoment& moment) {
   const QDateTime now = clocks.now();
   std::vector<StoreChange> changes;
   std::vector<std::pair<Name, Account>> decided;
@@ -75,28 +98,35 @@ bool Household::Impl::TopUp(const std::vector<Name>& names, const TopUpMoment& m
     if (!outcome.due.empty()) after.state = WithCredit(account->state, outcome.credit);
     const bool isAsBefore =
         outcome.due.empty() && after.topUps == account->topUps && after.limits == account->limits;
-    if (!isAsBefore) AppendChanges(name, outcome, after.state, now, &changes);
+    if (!isAsBefore) AppendChanges(name, outcome, after.state, after.version, now, &changes);
     decided.emplace_back(name, std::move(after));
   }
-  QString error;
-  const bool isWritten = changes.empty() || WriteNow(changes, &error);
-  if (!isWritten && !topUpsWait) Log(error + QStringLiteral("; top-ups wait until then"));
-  topUpsWait = !isWritten;
-  if (!isWritten) return false;
+  const ApplyResult applied = changes.empty() ? ApplyResult() : WriteNow(changes);
+  const bool isAway = applied.status == ApplyStatus::Failed;
+  if (isAway && !topUpsWait) Log(applied.error + QStringLiteral("; top-ups wait until then"));
+  topUpsWait = isAway;
+  if (applied.status != ApplyStatus::Done) return applied.status;
+  for (const LogEvent& event : EventsOf(changes)) Log(event);
   for (auto& [name, account] : decided) {
     const auto next = TopUpInstant(account.limits.nextTopUpTime);
     next ? topUps.Set(name, *next) : topUps.Remove(name);
     users[name.first][name.second] = std::move(account);
   }
-  return true;
+  TakeVersions(applied);
+  return ApplyStatus::Done;
 }
 
 bool Household::TopUpDue() {
   const std::optional<Impl::TopUpMoment> moment = impl_->MomentOfTopUps();
   if (!moment) return false;
   impl_->NoticeJump(*moment);
-  const std::vector<Impl::Name> names = impl_->topUps.Due(moment->now, kLimitsAtOnce);
-  return impl_->TopUp(names, *moment) && names.size() == kLimitsAtOnce;
+  const auto due = [&] { return impl_->topUps.Due(moment->now, kLimitsAtOnce); };
+  if (due().empty()) return false;
+  impl_->CatchUp();
+  const std::vector<Impl::Name> names = due();
+  const ApplyStatus status = impl_->TopUp(names, *moment);
+  return status == ApplyStatus::Conflict ||
+         (status == ApplyStatus::Done && names.size() == kLimitsAtOnce);
 }
 
 }  // namespace vardell::server

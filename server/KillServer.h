@@ -3,10 +3,13 @@
 // a thread of its own, one request after the other. No reply is ever sent.
 //
 // A connection whose user cannot be told, another kind of request or a malformed frame closes the
-// connection; a text that is not a pid is refused and logged. Each request becomes one line.
+// connection; a text that is not a pid is refused. Each request is logged with who asked, for what,
+// and the verdict: "kill-done", "kill-refused" or "kill-failed"; of a flood the first ones of each
+// user, and how many there were (server/LogLimit.h).
 #pragma once
 
 #include <QString>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -14,6 +17,7 @@
 #include <optional>
 
 #include "link/VardellLoader.h"
+#include "server/Log.h"
 #include "server/PeerIdentity.h"
 #include "server/SafeKill.h"
 
@@ -23,6 +27,8 @@ class io_context;
 
 namespace vardell::server {
 
+struct Metrics;
+
 class KillServer {
  public:
   struct Options {
@@ -30,7 +36,9 @@ class KillServer {
     std::function<KillResult(pid_t pid, uid_t requester)>
         kill;  // on the other thread; empty: KillOnRequest
     std::function<std::optional<std::uint32_t>(int socket)> userBehind = UserBehind;
-    std::function<void(const QString& line)> log;  // on the io_context's thread
+    LogHook log;                 // on the io_context's thread
+    Metrics* metrics = nullptr;  // borrowed; may be absent
+    std::chrono::milliseconds logMinute{60000};
   };
 
   // Listens at once. Throws std::runtime_error with a line for people when the port is taken.
@@ -39,6 +47,7 @@ class KillServer {
   ~KillServer();
 
   std::uint16_t Port() const;
+  int Connections() const;
 
  private:
   struct Impl;

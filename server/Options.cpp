@@ -13,8 +13,11 @@ constexpr char kHelp[] =
     "Keeps limits and credit, answers the agents, and ends processes on request.\n"
     "\n"
     "  --listen ADDR:PORT  where agents are answered (default 0.0.0.0:0; port 0: any)\n"
-    "  --store FILE        where limits and credit are kept\n"
+    "  --store FILE|URL    where limits and credit are kept: a file, or a database that\n"
+    "                      several Servers may share, postgresql://USER@HOST/DATABASE\n"
     "                      (default /var/lib/vardell/vardell.sqlite)\n"
+    "  --spool FILE        what the store cannot take at the moment\n"
+    "                      (default: the store's FILE.spool, /var/lib/vardell/spool for a URL)\n"
     "  --control PATH      socket for vardellctl (default /run/vardell/control.sock)\n"
     "  --no-publish        do not announce the service to the network\n"
     "  --kill-only         only end processes on request: for machines of a network\n"
@@ -47,6 +50,11 @@ std::optional<QString> TakeValue(const std::optional<QString>& attached, QString
   if (attached) return attached;
   if (rest->isEmpty()) return std::nullopt;
   return rest->takeFirst();
+}
+
+QString SpoolOf(const QString& store) {
+  if (IsPostgresLocation(store)) return ProductPath(QLatin1String(kDefaultSpoolPath));
+  return store + QStringLiteral(".spool");
 }
 
 bool IsSwitch(const QString& name, Options* options) {
@@ -85,7 +93,7 @@ OptionsResult ParseOptions(const QStringList& arguments, Options* options, QStri
     if (!attached && IsSwitch(name, &parsed)) continue;
 
     const bool takesValue = name == QLatin1String("--listen") || name == QLatin1String("--store") ||
-                            name == QLatin1String("--control");
+                            name == QLatin1String("--spool") || name == QLatin1String("--control");
     if (!takesValue) return Misuse(QStringLiteral("unknown option \"%1\"").arg(argument), text);
     const std::optional<QString> value = TakeValue(attached, &rest);
     if (!value || value->isEmpty()) {
@@ -93,6 +101,8 @@ OptionsResult ParseOptions(const QStringList& arguments, Options* options, QStri
     }
     if (name == QLatin1String("--store")) {
       parsed.store = *value;
+    } else if (name == QLatin1String("--spool")) {
+      parsed.spool = *value;
     } else if (name == QLatin1String("--control")) {
       parsed.control = *value;
     } else if (!ParseEndpoint(*value, &parsed)) {
@@ -101,6 +111,7 @@ OptionsResult ParseOptions(const QStringList& arguments, Options* options, QStri
           text);
     }
   }
+  if (parsed.spool.isEmpty()) parsed.spool = SpoolOf(parsed.store);
   *options = parsed;
   return OptionsResult::Run;
 }

@@ -10,7 +10,8 @@ namespace vardell::server {
 struct Options {
   QString listenAddress = QStringLiteral("0.0.0.0");
   std::uint16_t listenPort = 0;  // 0: any
-  QString store;                 // a file
+  QString store;                 // a file, or "postgresql://..."
+  QString spool;                 // a file
   QString control;               // a socket
   bool publish = true;
   bool killOnly = false;

@@ -109,15 +109,15 @@ bool IsWhollyOf(const ProcessFacts& facts, uid_t user) {
                      [user](uid_t uid) { return uid == user; });
 }
 
-// Killed where it may be. A session's leader belongs to root or to the session's user.
+// Killed where it may be. A session's leader is wholly root's or wholly the user's; what has uids
+// of both is a program of root's that the user has started.
 KillResult Judge(pid_t pid, const ProcessFacts& facts, uid_t requester,
                  const IsSessionLeader& isSessionLeader) {
   if (facts.isKernelThread || HoldsTheSystemUp(facts)) return KillResult::Protected;
   if (IsWhollyOf(facts, requester)) return KillResult::Killed;
-  for (const uid_t uid : facts.uids) {
-    if (uid == 0 || uid == requester) continue;
-    return IsSystemAccount(uid) ? KillResult::Protected : KillResult::NotTheirs;
-  }
+  const auto isOfSystem = [](uid_t uid) { return uid != 0 && IsSystemAccount(uid); };
+  if (std::any_of(facts.uids.begin(), facts.uids.end(), isOfSystem)) return KillResult::Protected;
+  if (!IsWhollyOf(facts, 0)) return KillResult::NotTheirs;
   return isSessionLeader(pid, requester) ? KillResult::Killed : KillResult::NotTheirs;
 }
 

@@ -1,5 +1,5 @@
 // Ending a process for a user who asks for it: only a process that is wholly that user's, or the
-// leader of one of that user's sessions (which often belongs to root), and never a process that was
+// leader of one of that user's sessions (which is often wholly root's), and never a process that was
 // given the same pid in the meantime.
 #pragma once
 
@@ -23,6 +23,7 @@ enum class KillResult {
   Protected,  // pid 1, a kernel thread, a system account's, the service manager, the bus, ourselves
   Denied,     // the kernel said EPERM
   Failed,     // anything else the kernel said
+  Last = Failed,
 };
 QString ToString(KillResult result);
 

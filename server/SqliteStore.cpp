@@ -389,9 +389,8 @@ std::uint64_t SqliteStore::LastNumber() {
   }
 }
 
-// Whether the disk takes changes again shows the next one.
-bool SqliteStore::Recover(QString*) {
-  return true;
+bool SqliteStore::Recover(QString* error) {
+  return InOneTransaction([&] { WriteNumber(*database_, serverId_, LastNumber()); }, error);
 }
 
 bool SqliteStore::InOneTransaction(const std::function<void()>& write, QString* error) {

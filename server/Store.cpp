@@ -1,5 +1,6 @@
 #include "server/Store.h"
 
+#include "server/PostgresStore.h"
 #include "server/SqliteStore.h"
 
 namespace vardell::server {
@@ -10,6 +11,7 @@ bool IsPostgresLocation(const QString& location) {
 }
 
 std::unique_ptr<Store> OpenStore(const QString& location) {
+  if (IsPostgresLocation(location)) return std::make_unique<PostgresStore>(location);
   return std::make_unique<SqliteStore>(location);
 }
 

@@ -27,6 +27,8 @@ namespace vardell::server {
 
 inline constexpr int kStoreSchemaVersion = 4;
 inline constexpr char kDefaultStorePath[] = "/var/lib/vardell/vardell.sqlite";
+// Of a store that is no file; that of a file is beside it.
+inline constexpr char kDefaultSpoolPath[] = "/var/lib/vardell/spool";
 
 // What the Server itself changes of a limit: the revision stays.
 struct TopUpRow {

@@ -19,17 +19,6 @@
 
 namespace vardell::server {
 
-struct StoreThreadFacts {
-  bool isAway = false;         // the store fails
-  QString problem;             // then: why, for people
-  std::uint64_t waiting = 0;   // changes that are not on disk at all yet
-  std::uint64_t spooled = 0;   // that are in the spool alone
-  std::uint64_t batches = 0;   // transactions of agents' changes
-  std::uint64_t changes = 0;   // in them
-  std::uint64_t failures = 0;  // transactions that were refused
-  double seconds = 0;          // that transactions took
-};
-
 class StoreThread {
  public:
   struct Options {
@@ -39,18 +28,19 @@ class StoreThread {
     std::function<void()> hasNews;
   };
 
-  // What it was found that the network's thread does not know yet, in order.
+  // What the network's thread does not know yet.
   struct News {
-    // Shared stores: what the accounts are after changes of this Server. `done`: how many of its
-    // changes of an account are stored now, so many fewer are under way.
-    struct Stored {
-      CreditRow account;
-      int done = 0;
+    // Shared stores: accounts as they are after changes of this Server, up to that number.
+    struct Applied {
+      std::vector<CreditRow> accounts;
+      std::uint64_t through = 0;
     };
-    std::vector<Stored> stored;
-    std::vector<StoreNews> others;            // what other Servers have changed
-    std::optional<StoreContents> everything;  // in place of what is known: all was loaded anew
-    std::vector<QString> lines;               // for the log
+    std::vector<Applied> applied;
+    std::vector<StoreNews> others;  // what other Servers have changed, in order
+    // In place of all that is known, but for lanes and what agents changed after that number.
+    std::optional<StoreContents> everything;
+    std::uint64_t everythingThrough = 0;
+    std::vector<LogEvent> lines;  // for the log
   };
 
   // Throws std::runtime_error with a line for people where the spool cannot be used.
@@ -69,18 +59,18 @@ class StoreThread {
   std::uint64_t Submitted() const;
   std::uint64_t Stored() const;
   News TakeNews();
-  StoreThreadFacts Facts() const;
+  StoreFacts Facts() const;
 
   // --- These wait: for all that was submitted before, and then for themselves. They fail at once
   // while the store is away.
 
-  // In one transaction.
-  ApplyResult ApplyNow(std::vector<StoreChange> changes);
+  // In one transaction. After a conflict, TakeNews tells what others have changed.
+  ApplyResult ApplyNow(const std::vector<StoreChange>& changes);
   // Runs on the store's thread. False, with a line for people, where it was not run, or threw
   // std::runtime_error.
   [[nodiscard]] bool Call(const std::function<void(Store&)>& action, QString* error);
-  // Until all that was submitted is stored, or this long.
-  void Settle(std::chrono::milliseconds most);
+  // Until all that was submitted is stored, or this long. Whether it is.
+  bool Settle(std::chrono::milliseconds most);
 
   bool IsShared() const;
   QString Description() const;

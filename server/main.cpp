@@ -18,6 +18,8 @@
 #include "server/ControlServer.h"
 #include "server/Household.h"
 #include "server/KillServer.h"
+#include "server/Log.h"
+#include "server/Metrics.h"
 #include "server/Options.h"
 #include "server/Publisher.h"
 #include "server/Store.h"
@@ -27,9 +29,7 @@ namespace {
 
 namespace asio = boost::asio;
 
-void Say(const QString& line) {
-  std::fprintf(stderr, "vardell-server: %s\n", qUtf8Printable(line));
-}
+constexpr std::chrono::seconds kTimeBetweenTries{2};
 
 // One descriptor for each agent.
 void RaiseDescriptorLimit() {
@@ -39,7 +39,7 @@ void RaiseDescriptorLimit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-std::unique_ptr<Household> OpenHousehold(const Options& options) {
+std::unique_ptr<Household> OpenHousehold(const Options& options, const HouseholdHooks& hooks) {
   if (options.store == ProductPath(QLatin1String(kDefaultStorePath))) {
     (void)QDir().mkpath(QFileInfo(options.store).path());
   }
@@ -50,17 +50,29 @@ std::unique_ptr<Household> OpenHousehold(const Options& options) {
   clocks.second = SecondLength();
   clocks.zone = SystemZone;
   clocks.isSet = IsClockSet;
-  return std::make_unique<Household>(OpenStore(options.store), std::move(clocks),
-                                     HouseholdHooks{{}, Say});
+  return std::make_unique<Household>(OpenStore(options.store), std::move(clocks), hooks,
+                                     options.spool);
 }
 
-void WriteWhatWaits(asio::steady_timer& timer, Household& household) {
-  timer.expires_after(std::chrono::seconds(5));
-  timer.async_wait([&](const boost::system::error_code& error) {
-    if (error) return;
-    household.WriteWhatWaits();
-    WriteWhatWaits(timer, household);
-  });
+// Waits for a store that cannot be reached yet, having told; null where the Server is to end.
+std::unique_ptr<Household> WaitForHousehold(asio::io_context& network, const Options& options,
+                                            const HouseholdHooks& hooks,
+                                            const std::function<void()>& isAway) {
+  asio::steady_timer pause(network);
+  for (bool isSaid = false; !network.stopped(); isSaid = true) {
+    try {
+      return OpenHousehold(options, hooks);
+    } catch (const StoreAway& problem) {
+      const QString line = QString::fromUtf8(problem.what()) + QStringLiteral("; waiting for it");
+      if (!isSaid) hooks.log(LogEvent("store-away", LogPriority::Error, line));
+      if (!isSaid) isAway();
+    }
+    bool isOver = false;
+    pause.expires_after(kTimeBetweenTries);
+    pause.async_wait([&](const boost::system::error_code&) { isOver = true; });
+    while (!isOver && network.run_one() > 0) continue;
+  }
+  return nullptr;
 }
 
 void TopUpWhenDue(asio::steady_timer& timer, Household& household) {
@@ -71,53 +83,70 @@ void TopUpWhenDue(asio::steady_timer& timer, Household& household) {
   });
 }
 
-void ServeEverything(asio::io_context& network, const Options& options) {
-  const std::unique_ptr<Household> household = OpenHousehold(options);
+void ServeEverything(asio::io_context& network, const Options& options, const LogHook& say) {
+  Metrics metrics;
+  std::unique_ptr<KillServer> killServer;
+  const auto serveKillRequests = [&] {
+    KillServer::Options killOptions;
+    killOptions.log = say;
+    killOptions.metrics = &metrics;
+    killServer = std::make_unique<KillServer>(network, killOptions);
+  };
+  std::unique_ptr<FrameListener> agents;
+  Household* stored = nullptr;
+  const auto takeStored = [&] {
+    if (stored && agents) agents->Release(stored->TakeStored());
+  };
+  const std::unique_ptr<Household> household = WaitForHousehold(
+      network, options, {{}, say, [&] { asio::post(network, takeStored); }}, serveKillRequests);
+  if (!household) return;
+  if (!killServer) serveKillRequests();
+  stored = household.get();
   while (household->TopUpDue()) continue;
   const QDateTime started = QDateTime::currentDateTime();
   std::optional<QString> published;
-  KillServer::Options killOptions;
-  killOptions.log = Say;
-  KillServer killServer(network, killOptions);
-  const FrameListener agents =
-      ListenForAgents(network, *household, options.listenAddress, options.listenPort, Say);
+  agents.reset(new FrameListener(ListenForAgents(network, *household, options.listenAddress,
+                                                 options.listenPort, say, &metrics)));
+  takeStored();
   const auto status = [&] {
-    return ServerStatus{QStringLiteral(VARDELL_VERSION), agents.Address(), published,
-                        agents.Connections(), started};
+    return ServerStatus{
+        QStringLiteral(VARDELL_VERSION), agents->Address(), published,
+        agents->Connections(),           started,           killServer->Connections()};
   };
   ControlServer::Options controlOptions;
   controlOptions.path = options.control;
   controlOptions.status = status;
+  controlOptions.metrics = &metrics;
   ControlServer control(network, *household, controlOptions);
   std::unique_ptr<Publisher> publisher;
   if (options.publish) {
     const auto changed = [&](const std::optional<QString>& name, const QString& message) {
-      asio::post(network, [&published, name, message] {
+      asio::post(network, [&published, &say, name, message] {
         published = name;
-        Say(message);
+        say(message);
       });
     };
-    publisher = std::make_unique<Publisher>(agents.Port(), QString(), changed);
+    publisher = std::make_unique<Publisher>(agents->Port(), QString(), changed);
   }
-  asio::steady_timer timer(network);
-  WriteWhatWaits(timer, *household);
   asio::steady_timer topUpTimer(network);
   TopUpWhenDue(topUpTimer, *household);
-  Say(QStringLiteral("ending processes on request at 127.0.0.1:%1").arg(killServer.Port()));
-  Say(QStringLiteral("taking commands at %1").arg(options.control));
-  Say(QStringLiteral("answering agents at %1").arg(agents.Address()));
+  say(QStringLiteral("ending processes on request at 127.0.0.1:%1").arg(killServer->Port()));
+  say(QStringLiteral("taking commands at %1").arg(options.control));
+  say(QStringLiteral("answering agents at %1").arg(agents->Address()));
   network.run();
 }
 
-void ServeKillRequests(asio::io_context& network) {
+void ServeKillRequests(asio::io_context& network, const LogHook& say) {
   KillServer::Options options;
-  options.log = Say;
+  options.log = say;
   KillServer killServer(network, options);
-  Say(QStringLiteral("ending processes on request at 127.0.0.1:%1").arg(killServer.Port()));
+  say(QStringLiteral("ending processes on request at 127.0.0.1:%1").arg(killServer.Port()));
   network.run();
 }
 
 int Main(const QStringList& arguments) {
+  const Log log;
+  const LogHook say = [&log](const LogEvent& event) { log.Write(event); };
   Options options;
   QString text;
   switch (ParseOptions(arguments, &options, &text)) {
@@ -125,7 +154,7 @@ int Main(const QStringList& arguments) {
       std::fputs(qUtf8Printable(text), stdout);
       return 0;
     case OptionsResult::Misused:
-      Say(text);
+      say(text);
       return 2;
     case OptionsResult::Run:
       break;
@@ -136,10 +165,10 @@ int Main(const QStringList& arguments) {
   asio::signal_set signals(network, SIGTERM, SIGINT);
   signals.async_wait([&](const boost::system::error_code&, int) { network.stop(); });
   try {
-    options.killOnly ? ServeKillRequests(network) : ServeEverything(network, options);
+    options.killOnly ? ServeKillRequests(network, say) : ServeEverything(network, options, say);
     return 0;
   } catch (const std::runtime_error& error) {
-    Say(QString::fromUtf8(error.what()));
+    say({"start-failed", LogPriority::Error, QString::fromUtf8(error.what())});
     return 1;
   }
 }

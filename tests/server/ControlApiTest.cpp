@@ -27,11 +27,29 @@ QByteArray ScheduleWith(const QByteArray& monday, const QByteArray& holiday = {}
 // --- What the resources show.
 
 TEST_F(ControlApi, StatusShowsTheServer) {
-  EXPECT_EQ(Text(Ask("GET", "/v1/status")),
-            R"({"address":"127.0.0.1:40001","agents":3,"limits":1,"published":"Vardell on den",)"
-            R"("schema":4,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
-                StorePath().toStdString() +
-                R"(","users":1,"version":"0.1","waiting":0,"zone":"+01:00"})");
+  EXPECT_EQ(
+      Text(Ask("GET", "/v1/status")),
+      R"({"address":"127.0.0.1:40001","agents":3,"limits":1,"published":"Vardell on den",)"
+      R"("schema":4,"spooled":0,"started":"2009-03-05T18:00:00.000+01:00","store":"SQLite, )" +
+          StorePath().toStdString() +
+          R"(","storeAway":null,"storeAwaySince":null,"users":1,"version":"0.1","waiting":0,"zone":"+01:00"})");
+}
+
+TEST_F(ControlApi, StatusSaysWhyTheStoreIsAwayAndSinceWhen) {
+  HouseholdFacts facts;
+  facts.writing = {.isAway = true,
+                   .problem = QStringLiteral("no answer"),
+                   .since = now_,
+                   .waiting = 3,
+                   .spooled = 4};
+  const QJsonObject away = ToJson(status_, facts);
+  EXPECT_EQ(away.value(QLatin1String("storeAway")), QStringLiteral("no answer"));
+  EXPECT_EQ(away.value(QLatin1String("storeAwaySince")),
+            QStringLiteral("2009-03-05T18:00:00.000+01:00"));
+  EXPECT_EQ(away.value(QLatin1String("waiting")), 3);
+  EXPECT_EQ(away.value(QLatin1String("spooled")), 4);
+  facts.writing.problem.clear();
+  EXPECT_TRUE(ToJson(status_, facts).value(QLatin1String("storeAway")).isString());
 }
 
 TEST_F(ControlApi, ALimitHasItsKeysItsCreditAndItsRevision) {

@@ -7,6 +7,7 @@
 #include "link/LimitsRecord.h"
 #include "tests/server/FullDisk.h"
 #include "tests/server/HouseholdFixture.h"
+#include "tests/support/Waiting.h"
 
 namespace vardell::server {
 namespace {
@@ -188,7 +189,8 @@ TEST_F(HouseholdTest, AgentsAreAnsweredWhileTheDiskFailsAndNothingIsLost) {
     EXPECT_EQ(log_.size(), 1u);
   }
   At(200);
-  household_->WriteWhatWaits();
+  EXPECT_TRUE(
+      test::WaitUntil([&] { return household_->TakeStored() == household_->LastChange(); }));
   EXPECT_EQ(log_.size(), 2u);
   Open();
   EXPECT_EQ(Credit(), 6);

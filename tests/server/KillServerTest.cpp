@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QRegularExpression>
 #include <atomic>
 #include <vector>
 
@@ -27,7 +28,8 @@ class KillServerTest : public testing::Test {
   void Start(bool real = false) {
     KillServer::Options options;
     options.port = 0;
-    options.log = [this](const QString& line) { lines_.push_back(line); };
+    options.log = [this](const LogEvent& event) { events_.push_back(event); };
+    options.logMinute = logMinute_;
     if (!real) {
       options.kill = [this](pid_t pid, uid_t uid) {
         requests_.emplace_back(pid, uid);
@@ -57,13 +59,18 @@ class KillServerTest : public testing::Test {
     return copy;
   }
   std::vector<Request> Requests(std::size_t count) { return Await(requests_, count); }
-  std::vector<QString> Lines(std::size_t count) { return Await(lines_, count); }
+  std::vector<LogEvent> Events(std::size_t count) { return Await(events_, count); }
+  std::vector<QString> Lines(std::size_t count) {
+    const std::vector<LogEvent> events = Events(count);
+    return {events.begin(), events.end()};
+  }
 
   NetworkThread network_;
   std::unique_ptr<KillServer> server_;
   std::uint16_t port_ = 0;
   std::vector<Request> requests_;
-  std::vector<QString> lines_;
+  std::vector<LogEvent> events_;
+  std::chrono::milliseconds logMinute_{60000};
   std::atomic<bool> unknown_{false};
 };
 
@@ -74,7 +81,11 @@ TEST_F(KillServerTest, HandsPidAndUserOnAndLogsOneLineForEach) {
   client.Send(KillFrame(QStringLiteral("4712")) + KillFrame(QStringLiteral("4713")));
   const uid_t me = geteuid();
   EXPECT_EQ(Requests(3), (std::vector<Request>{{4711, me}, {4712, me}, {4713, me}}));
-  EXPECT_EQ(Lines(3).at(0), QStringLiteral("kill request of uid %1 for pid 4711: killed").arg(me));
+  const LogEvent first = Events(3).at(0);
+  EXPECT_EQ(first.message, QStringLiteral("kill request of uid %1 for pid 4711: killed").arg(me));
+  EXPECT_STREQ(first.name, "kill-done");
+  EXPECT_EQ(first.peerUid, me);
+  EXPECT_EQ(first.pid, 4711);
   EXPECT_FALSE(client.HasSomethingToRead()) << "no reply is ever sent";
   EXPECT_FALSE(Client(port_, "127.0.0.2").IsConnected()) << "one loopback address only";
 }
@@ -99,13 +110,36 @@ TEST_F(KillServerTest, EndsARealProcessOfTheConnectedUserOnly) {
 TEST_F(KillServerTest, ATextThatIsNoPidIsRefusedAndTheConnectionGoesOn) {
   Start();
   const Client client(port_);
-  const char* const kTexts[] = {"", "abc", "12x", " 12", "-12", "0", "+12", "1e3", "99999999999"};
+  const char* const kTexts[] = {"", "abc", "12x", " 12", "-12", "0", "+12", "1e3", "2147483648"};
   for (const char* text : kTexts) client.Send(KillFrame(QString::fromLatin1(text)));
   client.Send(KillFrame(QStringLiteral("4711")));
   EXPECT_EQ(Requests(1), (std::vector<Request>{{4711, geteuid()}}));
   const auto lines = Lines(std::size(kTexts) + 1);
   EXPECT_EQ(lines.size(), std::size(kTexts) + 1);
   EXPECT_TRUE(lines.front().endsWith(QStringLiteral("for what is no pid: refused")));
+}
+
+TEST_F(KillServerTest, OfAFloodTheFirstLinesAndTheCountAreLogged) {
+  constexpr int kRequests = 100;
+  logMinute_ = std::chrono::seconds(1);
+  Start();
+  const Client client(port_);
+  client.Send(KillFrame(QStringLiteral("none")).repeated(kRequests));
+  const QRegularExpression sum(
+      QStringLiteral("^uid %1: (\\d+) more lines like these \\(kill-refused\\)").arg(geteuid()));
+  std::size_t lines = 0;
+  const auto counted = [&] {
+    int count = 0;
+    const std::vector<QString> all = Lines(0);
+    lines = all.size();
+    for (const QString& line : all) {
+      const auto match = sum.match(line);
+      count += match.hasMatch() ? match.captured(1).toInt() : 1;
+    }
+    return count;
+  };
+  EXPECT_TRUE(WaitUntil([&] { return counted() == kRequests; })) << counted();
+  EXPECT_LT(lines, std::size_t{kRequests});
 }
 
 TEST_F(KillServerTest, WhatIsNoKillRequestOrNobodysClosesTheConnection) {

@@ -72,6 +72,8 @@ TEST(SafeKillRules, EndOnlyWhatIsTheRequestersOrLeadsTheirSession) {
       {"root's, leads the requester's session", Of(0u), kAnna, true, KillResult::Killed},
       {"started by the requester, runs as root", Of({kAnna, 0, 0, 0}), kAnna, false,
        KillResult::NotTheirs},
+      {"the same, and leads the requester's session", Of({kAnna, 0, 0, 0}), kAnna, true,
+       KillResult::NotTheirs},
       {"only its saved uid is another's", Of({kAnna, kAnna, kBert, kAnna}), kAnna, false,
        KillResult::NotTheirs},
       {"only its file system uid is another's", Of({kAnna, kAnna, kAnna, kBert}), kAnna, false,

@@ -1,0 +1,90 @@
+// The part of the Household that takes over what the store has.
+#include "server/HouseholdImpl.h"
+
+namespace vardell::server {
+
+void Household::Impl::TakeLimits(const StoreContents& contents) {
+  for (const RemovedLimits& limits : contents.removed) {
+    removedRevisions[{limits.user, limits.identifier}] = limits.revision;
+  }
+  for (const LimitsEntry& entry : contents.limits) {
+    Account& account = users[entry.user][entry.identifier];
+    account.limits = entry.limits;
+    account.revision = entry.revision;
+    account.state.enabled = entry.limits.enabled != 0;
+    account.options = entry.options;
+  }
+  for (const TopUpRow& row : contents.topUps) {
+    Account* account = Find(row.user, row.identifier);
+    if (account) account->topUps = row.memory;
+  }
+  for (const LimitsEntry& entry : contents.limits) TopUpsChanged({entry.user, entry.identifier});
+  for (const CreditRow& credit : contents.credit) TakeCredit(credit);
+}
+
+// What agents have changed here since then comes with the result of that.
+void Household::Impl::TakeCredit(const CreditRow& credit) {
+  Account* account = Find(credit.user, credit.identifier);
+  if (!account || credit.version < account->version) return;
+  account->version = credit.version;
+  if (account->lastChange > appliedThrough) return;
+  account->state.credit = credit.minutes;
+  account->state.spent = credit.spent;
+}
+
+void Household::Impl::TakeNews(const StoreNews& news) {
+  for (const RemovedLimits& removed : news.contents.removed) {
+    Forget({removed.user, removed.identifier});
+  }
+  TakeLimits(news.contents);
+  for (const UsageRow& row : news.contents.usage) {
+    usage[{row.user, row.identifier}][row.day] += row.minutes;
+  }
+  if (!news.contents.removed.empty()) ForgetHanded();
+}
+
+void Household::Impl::TakeEverything(const StoreContents& contents, std::uint64_t through) {
+  appliedThrough = std::max(appliedThrough, through);
+  const auto before = std::exchange(users, {});
+  topUps = TopUpQueue();
+  removedRevisions.clear();
+  usage.clear();
+  for (const UsageRow& row : contents.usage) {
+    usage[{row.user, row.identifier}][row.day] = row.minutes;
+  }
+  for (const Use& use : usesUnderWay) {
+    if (use.number > through) usage[use.name][use.day] += use.minutes;
+  }
+  for (const LimitsEntry& entry : contents.limits) {
+    const auto accounts = before.find(entry.user);
+    if (accounts == before.end()) continue;
+    const auto account = accounts->second.find(entry.identifier);
+    if (account != accounts->second.end()) users[entry.user][entry.identifier] = account->second;
+  }
+  TakeLimits(contents);
+  ForgetHanded();
+}
+
+std::uint64_t Household::Impl::TakeStored() {
+  const std::uint64_t stored = keeper.Stored();
+  const StoreThread::News news = keeper.TakeNews();
+  for (const LogEvent& line : news.lines) Log(line);
+  if (news.everything) TakeEverything(*news.everything, news.everythingThrough);
+  for (const StoreNews& others : news.others) TakeNews(others);
+  for (const StoreThread::News::Applied& applied : news.applied) {
+    appliedThrough = std::max(appliedThrough, applied.through);
+    for (const CreditRow& credit : applied.accounts) TakeCredit(credit);
+  }
+  while (!usesUnderWay.empty() && usesUnderWay.front().number <= stored) usesUnderWay.pop_front();
+  return stored;
+}
+
+void Household::Impl::Reload() {
+  StoreContents contents;
+  QString error;
+  const auto load = [&](Store& store) { contents = store.Load(clocks.bootId); };
+  if (keeper.Call(load, &error)) return TakeEverything(contents, keeper.Submitted());
+  Log(error);
+}
+
+}  // namespace vardell::server

@@ -1,0 +1,439 @@
+#include "server/StoreThread.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "Common Sources/Caps.h"
+#include "server/Spool.h"
+
+namespace vardell::server {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kTimeBetweenTries{1};
+constexpr std::chrono::seconds kTimeBetweenNews{1};
+
+}  // namespace
+
+struct StoreThread::Impl {
+  Impl(std::unique_ptr<Store> itsStore, Options itsOptions);
+
+  void Run();
+  // What came in; false where the thread is to end.
+  bool Wait();
+  void Write();
+  bool WriteToStore();
+  void WriteToSpool();
+  void RunTask();
+  void LookForNews();
+  void TryToComeBack();
+  bool Replay(QString* error);
+  bool DropSpool(QString* error);
+  void DropStored(std::uint64_t last);
+  ApplyResult Apply(const std::vector<StoreChange>& changes, std::uint64_t lastNumber);
+  void Fail(const QString& error);
+  void MarkStored(std::uint64_t number);
+  void Say(const LogEvent& line);
+  void Notify();
+
+  // Runs `action` on the thread, after all that was submitted.
+  void OnThread(const std::function<void()>& action);
+
+  std::unique_ptr<Store> store;
+  const Options options;
+  std::optional<Spool> spool;
+
+  mutable std::mutex mutex;
+  std::condition_variable wake;      // for the thread
+  std::condition_variable progress;  // from it
+  std::vector<NumberedChange> incoming;
+  std::function<void()> task;  // at most one: who asks for it waits
+  bool isTaskDone = false;
+  bool isStopping = false;
+  News news;
+  StoreFacts facts;
+  std::atomic<std::uint64_t> stored{0};
+  std::uint64_t submitted = 0;  // the network's thread's
+
+  // The thread's own.
+  std::vector<NumberedChange> unwritten;  // neither in the store nor in the spool
+  std::function<void()> todo;             // after what came in before it
+  bool isAway = false;
+  bool spoolFails = false;
+  std::uint64_t applied = 0;  // in the store
+  SteadyClock::time_point nextTry;
+  SteadyClock::time_point nextNews;
+  std::thread thread;
+};
+
+StoreThread::Impl::Impl(std::unique_ptr<Store> itsStore, Options itsOptions)
+    : store(std::move(itsStore)), options(std::move(itsOptions)) {
+  if (options.spool.isEmpty()) return;
+  spool.emplace(options.spool);
+  store->SetServerId(spool->ServerId());
+  if (spool->WasDamaged()) {
+    news.lines.push_back(QStringLiteral("the end of the spool %1 was damaged and is left out; a "
+                                        "copy is in %1.damaged")
+                             .arg(options.spool));
+  }
+}
+
+void StoreThread::Impl::Notify() {
+  progress.notify_all();
+  if (options.hasNews) options.hasNews();
+}
+
+void StoreThread::Impl::Say(const LogEvent& line) {
+  {
+    const std::lock_guard lock(mutex);
+    news.lines.push_back(line);
+  }
+  Notify();
+}
+
+void StoreThread::Impl::MarkStored(std::uint64_t number) {
+  {
+    const std::lock_guard lock(mutex);
+    stored = std::max(stored.load(), number);
+    facts.spooled = spool ? spool->Count() : 0;
+  }
+  Notify();
+}
+
+void StoreThread::Impl::Fail(const QString& error) {
+  {
+    const std::lock_guard lock(mutex);
+    ++facts.failures;
+    facts.problem = error;
+    if (!isAway) facts.since = QDateTime::currentDateTime();
+    facts.isAway = true;
+  }
+  if (!isAway) {
+    Say({"store-away", LogPriority::Error,
+         error + QStringLiteral("; agents are answered from memory until then")});
+  }
+  isAway = true;
+  nextTry = SteadyClock::now() + kTimeBetweenTries;
+}
+
+ApplyResult StoreThread::Impl::Apply(const std::vector<StoreChange>& changes,
+                                     std::uint64_t lastNumber) {
+  const SteadyClock::time_point begin = SteadyClock::now();
+  ApplyResult result = store->Apply(changes, options.bootId, lastNumber);
+  const std::chrono::duration<double> took = SteadyClock::now() - begin;
+  const std::lock_guard lock(mutex);
+  facts.seconds += took.count();
+  if (result.status == ApplyStatus::Done && lastNumber != 0) {
+    ++facts.batches;
+    facts.changes += changes.size();
+  }
+  return result;
+}
+
+bool StoreThread::Impl::WriteToStore() {
+  std::size_t done = 0;
+  while (done < unwritten.size()) {
+    const std::size_t size = std::min(unwritten.size() - done, kMaxChangesInBatch);
+    const std::uint64_t last = unwritten[done + size - 1].number;
+    std::vector<StoreChange> changes;
+    changes.reserve(size);
+    for (std::size_t i = done; i < done + size; ++i) changes.push_back(unwritten[i].change);
+    ApplyResult result = Apply(changes, last);
+    if (result.status != ApplyStatus::Done) {
+      unwritten.erase(unwritten.begin(), unwritten.begin() + static_cast<std::ptrdiff_t>(done));
+      Fail(result.error);
+      return false;
+    }
+    applied = last;
+    done += size;
+    if (!result.accounts.empty()) {
+      const std::lock_guard lock(mutex);
+      news.applied.push_back({std::move(result.accounts), last});
+    }
+    if (done == unwritten.size()) unwritten.clear();
+    MarkStored(last);
+  }
+  return true;
+}
+
+void StoreThread::Impl::WriteToSpool() {
+  if (unwritten.empty()) return;
+  const std::uint64_t last = unwritten.back().number;
+  QString error;
+  if (!spool || !spool->Append(unwritten, &error)) {
+    if (spool && !spoolFails) Say(error + QStringLiteral("; changes wait in memory alone"));
+    spoolFails = true;
+    return MarkStored(0);
+  }
+  spoolFails = false;
+  unwritten.clear();
+  MarkStored(last);
+}
+
+void StoreThread::Impl::Write() {
+  if (!isAway && !unwritten.empty()) (void)WriteToStore();
+  if (isAway) WriteToSpool();
+}
+
+void StoreThread::Impl::DropStored(std::uint64_t last) {
+  std::erase_if(unwritten, [last](const NumberedChange& one) { return one.number <= last; });
+}
+
+bool StoreThread::Impl::DropSpool(QString* error) {
+  return !spool || spool->Count() == 0 || spool->Clear(error);
+}
+
+// What comes in meanwhile is spooled behind it, so that nobody waits longer for that.
+bool StoreThread::Impl::Replay(QString* error) {
+  applied = store->LastNumber();
+  if (spool) spool->Rewind();
+  while (spool) {
+    const std::vector<NumberedChange> next = spool->Next(kMaxChangesInBatch, error);
+    if (!error->isEmpty()) return false;
+    if (next.empty()) break;
+    std::vector<StoreChange> changes;
+    for (const NumberedChange& one : next) {
+      if (one.number > applied) changes.push_back(one.change);
+    }
+    if (changes.empty()) continue;
+    const ApplyResult result = Apply(changes, next.back().number);
+    if (result.status != ApplyStatus::Done) {
+      *error = result.error;
+      return false;
+    }
+    applied = next.back().number;
+    {
+      const std::lock_guard lock(mutex);
+      for (NumberedChange& one : incoming) unwritten.push_back(std::move(one));
+      incoming.clear();
+    }
+    WriteToSpool();
+  }
+  DropStored(applied);
+  return DropSpool(error);
+}
+
+void StoreThread::Impl::TryToComeBack() {
+  nextTry = SteadyClock::now() + kTimeBetweenTries;
+  QString error;
+  std::optional<StoreContents> everything;
+  try {
+    if (!store->Recover(&error) || !Replay(&error)) return Fail(error);
+    if (store->IsShared()) everything = store->Load(options.bootId);
+  } catch (const std::runtime_error& problem) {
+    return Fail(QString::fromUtf8(problem.what()));
+  }
+  if (!WriteToStore()) return;
+  isAway = false;
+  {
+    const std::lock_guard lock(mutex);
+    facts.isAway = false;
+    facts.problem.clear();
+    if (everything) {
+      news.others.clear();
+      news.everything = std::move(everything);
+      news.everythingThrough = applied;
+    }
+  }
+  Say({"store-back", LogPriority::Notice,
+       QStringLiteral("the store takes changes again, all is written")});
+  MarkStored(applied);
+}
+
+void StoreThread::Impl::LookForNews() {
+  nextNews = SteadyClock::now() + kTimeBetweenNews;
+  try {
+    StoreNews found = store->News();
+    if (found.IsEmpty()) return;
+    std::optional<StoreContents> everything;
+    if (found.everything) everything = store->Load(options.bootId);
+    {
+      const std::lock_guard lock(mutex);
+      if (everything) {
+        news.others.clear();
+        news.everything = std::move(everything);
+        news.everythingThrough = applied;
+      } else {
+        news.others.push_back(std::move(found));
+      }
+    }
+    Notify();
+  } catch (const std::runtime_error& problem) {
+    Fail(QString::fromUtf8(problem.what()));
+  }
+}
+
+bool StoreThread::Impl::Wait() {
+  std::unique_lock lock(mutex);
+  const auto isReady = [this] { return !incoming.empty() || task || isStopping; };
+  if (isAway) {
+    wake.wait_until(lock, nextTry, isReady);
+  } else if (store->IsShared()) {
+    wake.wait_until(lock, nextNews, isReady);
+  } else {
+    wake.wait(lock, isReady);
+  }
+  if (unwritten.empty()) {
+    unwritten.swap(incoming);
+  } else {
+    std::move(incoming.begin(), incoming.end(), std::back_inserter(unwritten));
+    incoming.clear();
+  }
+  todo = std::exchange(task, nullptr);
+  return !isStopping || todo || !unwritten.empty();
+}
+
+void StoreThread::Impl::RunTask() {
+  if (!todo) return;
+  todo();
+  todo = nullptr;
+  const std::lock_guard lock(mutex);
+  isTaskDone = true;
+  progress.notify_all();
+}
+
+void StoreThread::Impl::Run() {
+  while (Wait()) {
+    const bool isLast = [this] {
+      const std::lock_guard lock(mutex);
+      return isStopping;
+    }();
+    Write();
+    if (isAway && (SteadyClock::now() >= nextTry || (isLast && !unwritten.empty()))) {
+      TryToComeBack();
+    }
+    RunTask();
+    if (!isAway && store->IsShared() && SteadyClock::now() >= nextNews) LookForNews();
+    if (isLast) break;
+  }
+}
+
+void StoreThread::Impl::OnThread(const std::function<void()>& action) {
+  std::unique_lock lock(mutex);
+  isTaskDone = false;
+  task = action;
+  wake.notify_one();
+  progress.wait(lock, [this] { return isTaskDone; });
+}
+
+StoreThread::StoreThread(std::unique_ptr<Store> store, Options options)
+    : impl_(std::make_unique<Impl>(std::move(store), std::move(options))) {}
+
+StoreThread::~StoreThread() {
+  if (!impl_->thread.joinable()) return;
+  {
+    const std::lock_guard lock(impl_->mutex);
+    impl_->isStopping = true;
+  }
+  impl_->wake.notify_one();
+  impl_->thread.join();
+}
+
+// Lanes of the spool are left out: they may be of another boot, and are made anew.
+StoreContents StoreThread::Load() {
+  Impl& impl = *impl_;
+  QString error;
+  impl.applied = impl.store->LastNumber();
+  while (impl.spool) {
+    std::vector<NumberedChange> next = impl.spool->Next(kMaxChangesInBatch, &error);
+    if (!error.isEmpty()) throw std::runtime_error(error.toStdString());
+    if (next.empty()) break;
+    std::vector<StoreChange> changes;
+    for (NumberedChange& one : next) {
+      one.change.lane.reset();
+      if (one.number > impl.applied) changes.push_back(std::move(one.change));
+    }
+    if (changes.empty()) continue;
+    const ApplyResult result = impl.Apply(changes, next.back().number);
+    if (result.status != ApplyStatus::Done) throw StoreAway(result.error.toStdString());
+    impl.applied = next.back().number;
+  }
+  if (!impl.DropSpool(&error)) throw std::runtime_error(error.toStdString());
+  StoreContents contents = impl.store->Load(impl.options.bootId);
+  impl.submitted = impl.applied;
+  impl.stored = impl.applied;
+  impl.thread = std::thread([&impl] { impl.Run(); });
+  return contents;
+}
+
+std::uint64_t StoreThread::Submit(StoreChange change) {
+  const std::lock_guard lock(impl_->mutex);
+  impl_->incoming.push_back({++impl_->submitted, std::move(change)});
+  if (impl_->incoming.size() == 1) impl_->wake.notify_one();
+  return impl_->submitted;
+}
+
+std::uint64_t StoreThread::Submitted() const {
+  return impl_->submitted;
+}
+
+std::uint64_t StoreThread::Stored() const {
+  return impl_->stored;
+}
+
+StoreThread::News StoreThread::TakeNews() {
+  const std::lock_guard lock(impl_->mutex);
+  return std::exchange(impl_->news, News());
+}
+
+StoreFacts StoreThread::Facts() const {
+  const std::lock_guard lock(impl_->mutex);
+  StoreFacts facts = impl_->facts;
+  facts.waiting = impl_->submitted - impl_->stored;
+  return facts;
+}
+
+ApplyResult StoreThread::ApplyNow(const std::vector<StoreChange>& changes) {
+  ApplyResult result;
+  Impl& impl = *impl_;
+  impl.OnThread([&] {
+    if (impl.isAway && !impl.store->IsShared()) impl.TryToComeBack();
+    if (impl.isAway) {
+      result = {ApplyStatus::Failed, Facts().problem, {}};
+      return;
+    }
+    result = impl.Apply(changes, 0);
+    if (result.status == ApplyStatus::Failed) impl.Fail(result.error);
+    if (result.status == ApplyStatus::Conflict) impl.LookForNews();
+  });
+  return result;
+}
+
+bool StoreThread::Call(const std::function<void(Store&)>& action, QString* error) {
+  bool isDone = false;
+  Impl& impl = *impl_;
+  impl.OnThread([&] {
+    if (impl.isAway && !impl.store->IsShared()) impl.TryToComeBack();
+    if (impl.isAway) {
+      *error = Facts().problem;
+      return;
+    }
+    try {
+      action(*impl.store);
+      isDone = true;
+    } catch (const std::runtime_error& problem) {
+      *error = QString::fromUtf8(problem.what());
+    }
+  });
+  return isDone;
+}
+
+bool StoreThread::Settle(std::chrono::milliseconds most) {
+  std::unique_lock lock(impl_->mutex);
+  return impl_->progress.wait_for(lock, most, [this] { return impl_->stored >= impl_->submitted; });
+}
+
+bool StoreThread::IsShared() const {
+  return impl_->store->IsShared();
+}
+
+QString StoreThread::Description() const {
+  return impl_->store->Description();
+}
+
+}  // namespace vardell::server
