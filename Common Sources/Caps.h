@@ -56,6 +56,9 @@ inline constexpr std::size_t kMaxScannedProcesses = 65536;
 inline constexpr int kMaxAncestors = 256;
 inline constexpr std::size_t kMaxProcessDescriptors = 256;
 
+// Applications that the agent remembers to pay for when a Server that was lost is back.
+inline constexpr std::size_t kMaxLostApps = 256;
+
 // Sessions whose applications are listed at once, and what one of them may tell.
 inline constexpr std::size_t kMaxSessionAgents = 64;
 inline constexpr std::size_t kMaxSessionViewBytes = 4u << 20;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "core/TickTimer.h"
 #include "limits/DiskQuota.h"
@@ -56,6 +57,13 @@ struct UserInterface {
   std::function<void(bool enabled, std::uint64_t limitBytes, std::uint64_t usageBytes)> setDiskLine;
 };
 
+// An application that is unwatched because the Server did not answer, and still is to be paid for.
+struct LostApp {
+  WatchedAppPtr entry;
+  std::uint32_t seconds = 0;  // that it was used since its last minute boundary
+  bool ended = false;
+};
+
 struct Agent {
   Agent(const Platform& seams, TickTimer::Clock monotonicClock, std::chrono::milliseconds second);
 
@@ -85,6 +93,7 @@ struct Agent {
   // pause after that, in seconds; 0: nothing was missed.
   std::chrono::milliseconds serverRetryAt{0};
   int serverRetryPause = 0;
+  std::vector<LostApp> lostApps;  // at most kMaxLostApps
 };
 
 // Ticks of a sixtieth of a second, by the agent's monotonic clock.

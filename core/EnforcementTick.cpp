@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <thread>
 
+#include "Common Sources/Caps.h"
 #include "Common Sources/TimeZones.h"
 #include "limits/Curfew.h"
 #include "link/MessageEncoding.h"
@@ -109,6 +110,10 @@ void CheckDiskQuotaOf(Agent& agent, const WatchedAppPtr& entry) {
   CheckDiskQuota(entry, agent.diskQuota, actions);
 }
 
+void RememberLost(Agent& agent, const WatchedAppPtr& entry) {
+  if (agent.lostApps.size() < kMaxLostApps) agent.lostApps.push_back({entry});
+}
+
 // True when the entry is to be removed.
 bool CheckMinute(Agent& agent, const WatchedAppPtr& entry) {
   if (IsGlobalSettings(*entry)) CheckDiskQuotaOf(agent, entry);
@@ -137,8 +142,9 @@ bool CheckMinute(Agent& agent, const WatchedAppPtr& entry) {
     remove = true;
   }
   --credit;
-  if (!IsGlobalSettings(*entry) && ReportAndRefresh(agent, *entry)) remove = true;
-  return remove;
+  if (IsGlobalSettings(*entry) || !ReportAndRefresh(agent, *entry)) return remove;
+  if (!remove && agent.link.replyMissed) RememberLost(agent, entry);
+  return true;
 }
 
 void CountSecond(Agent& agent, std::size_t index) {
@@ -162,6 +168,38 @@ bool ReachesServer(Agent& agent) {
   return ConnectToServer(agent.link) == 0;
 }
 
+void CountLostSeconds(Agent& agent) {
+  for (LostApp& lost : agent.lostApps) {
+    lost.ended = lost.ended || !IsWatchedProcessAlive(agent, *lost.entry);
+    if (!lost.ended) ++lost.seconds;
+  }
+}
+
+// Never -1, which would say that the application had its end.
+void ClaimMinutes(Agent& agent, const LostApp& lost) {
+  LimitsRecord record = lost.entry->limits;
+  const std::int64_t begun = lost.seconds / 60 + 1;
+  record.credit = static_cast<std::int32_t>(std::max<std::int64_t>(0, record.credit - begun));
+  const QByteArray payload =
+      AppendLimitsRecordToData(agent.currentUserName, lost.entry->identifier, record);
+  (void)SendRequest(agent.link, RequestKind::CreditReport, payload, kReportTimeout, false, nullptr);
+}
+
+// The minutes that were used while nobody answered; the Server takes no more than have passed. To
+// be done before the applications are offered: a start that is announced when the paid time is long
+// over begins anew. False where the Server still does not answer; what is left is tried again.
+bool ClaimLostMinutes(Agent& agent) {
+  while (!agent.lostApps.empty()) {
+    const LostApp& lost = agent.lostApps.back();
+    agent.link.replyMissed = false;
+    const bool unwatched = RefreshWatchedApp(MakeWatchContext(agent), *lost.entry, false);
+    if (agent.link.replyMissed) return false;
+    if (!unwatched && lost.entry->limits.credit != kSpentCredit) ClaimMinutes(agent, lost);
+    agent.lostApps.pop_back();
+  }
+  return true;
+}
+
 void WaitBeforeNextLook(Agent& agent) {
   agent.serverRetryAt = agent.monotonic() + agent.serverRetryPause * agent.secondLength;
 }
@@ -178,7 +216,7 @@ void LookForLostServer(Agent& agent) {
     WaitBeforeNextLook(agent);
   }
   if (agent.monotonic() < agent.serverRetryAt) return;
-  if (ReachesServer(agent)) {
+  if (ReachesServer(agent) && ClaimLostMinutes(agent)) {
     agent.link.offerAgain = false;
     OfferRunningApplications(agent);
   }
@@ -239,6 +277,7 @@ void EnforcementTick(Agent& agent) {
     --agent.statusRefreshCountdown;
   }
   for (std::size_t i = 0; i < agent.watchedApps.size(); ++i) CountSecond(agent, i);
+  CountLostSeconds(agent);
   Tell(agent.ui.countDownOverlay);
   LookForLostServer(agent);
 }

@@ -312,13 +312,17 @@ TEST_F(HomeFolderTest, IsNotCheckedSoonerBecauseTheServerCameAndWent) {
 
 // --- a Server that was lost
 
-TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
+ApplicationInfo ToyInfo() {
   ApplicationInfo info;
   info.path = QStringLiteral("/usr/share/applications/toy.desktop");
   info.isBundle = true;
   info.identifier = kToy;
   info.displayName = QStringLiteral("Toy");
-  processes.Run(info, getpid());
+  return info;
+}
+
+TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
+  processes.Run(ToyInfo(), getpid());
   server.AnswerCredit(kToy, 30);
   agent.link.replyMissed = true;
   Tick(5);
@@ -328,6 +332,46 @@ TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
   EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
   EXPECT_FALSE(agent.link.replyMissed);
 }
+
+struct Outage {
+  const char* behaviour;
+  int usedFor;  // seconds of it
+  int credit;   // that the Server has when it is back
+  QString claim;
+};
+
+class OutageTest : public EnforcementTickTest, public testing::WithParamInterface<Outage> {};
+
+TEST_P(OutageTest, IsPaidForBeforeApplicationsAreOfferedAgain) {
+  SCOPED_TRACE(GetParam().behaviour);
+  processes.Run(ToyInfo(), 42);
+  Watch(kToy, 30, 42);
+  Tick();
+  const auto there = agent.link.pinnedServer;
+  agent.link.pinnedServer = [] { return std::optional(QStringLiteral("127.0.0.1:1")); };
+  DropServerConnection(agent.link);
+  Tick(60);
+  ASSERT_FALSE(IsWatched(kToy));
+  Tick(GetParam().usedFor);
+  processes.SetAlive(42, false);
+  Tick(130 - GetParam().usedFor);
+  (void)Frames();
+
+  agent.link.pinnedServer = there;
+  server.AnswerCredit(kToy, GetParam().credit);
+  Tick(10);
+  const QStringList frames = Frames();
+  EXPECT_EQ((QStringList{QStringLiteral("1"), GetParam().claim, QStringLiteral("3")}),
+            frames.mid(0, 3));
+  EXPECT_TRUE(agent.lostApps.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Uses, OutageTest,
+    testing::Values(Outage{"every minute that had begun", 130, 29, QStringLiteral("6:26")},
+                    Outage{"up to the application's end", 70, 29, QStringLiteral("6:27")},
+                    Outage{"no more than there is, and no end", 130, 2, QStringLiteral("6:0")}),
+    [](const auto& row) { return "Case" + std::to_string(row.index); });
 
 TEST_F(EnforcementTickTest, OffersThatNobodyAnswersGrowRarer) {
   agent.link.pinnedServer = [] { return std::optional(QStringLiteral("127.0.0.1:1")); };
