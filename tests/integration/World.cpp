@@ -24,7 +24,10 @@ void WriteFile(const std::string& path, const QByteArray& contents) {
 
 }  // namespace
 
-World::World() : root_(folder_.path().toStdString()), user_(getpwuid(getuid())->pw_name) {
+World::World(int secondMs)
+    : secondMs_(secondMs),
+      root_(folder_.path().toStdString()),
+      user_(getpwuid(getuid())->pw_name) {
   for (const char* path : {"usr/share/applications", "apps", "Library/Preferences",
                            "var/lib/vardell", "run/vardell"}) {
     QDir(folder_.path()).mkpath(QString::fromLatin1(path));
@@ -41,7 +44,7 @@ World::~World() {
 
 std::map<std::string, std::string> World::Environment() const {
   return {{"VARDELL_TEST_ROOT", root_},
-          {"VARDELL_TEST_SECOND_MS", std::to_string(kSecondMs)},
+          {"VARDELL_TEST_SECOND_MS", std::to_string(secondMs_)},
           {"LC_ALL", "C.UTF-8"},
           {"LANGUAGE", ""}};
 }

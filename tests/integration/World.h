@@ -17,7 +17,7 @@ inline constexpr int kSecondMs = 100;
 
 class World {
  public:
-  World();
+  explicit World(int secondMs = kSecondMs);
   ~World();
 
   // An application with a desktop entry of its own; `command` is copied, so that each application
@@ -49,7 +49,7 @@ class World {
                      std::chrono::milliseconds patience = kPatience);
 
   std::chrono::milliseconds Seconds(int number) const {
-    return std::chrono::milliseconds(number * kSecondMs);
+    return std::chrono::milliseconds(number * secondMs_);
   }
   // A pipe that nobody ever writes into: "never" in this folder.
   const std::string& user() const { return user_; }
@@ -63,6 +63,7 @@ class World {
   Program witness;
 
  private:
+  const int secondMs_;
   QTemporaryDir folder_;
   std::string root_;
   std::string user_;
