@@ -228,6 +228,7 @@ void StoreThread::Impl::TryToComeBack() {
   } catch (const std::runtime_error& problem) {
     return Fail(QString::fromUtf8(problem.what()));
   }
+  const std::uint64_t loadedThrough = applied;
   if (!WriteToStore()) return;
   isAway = false;
   {
@@ -237,7 +238,7 @@ void StoreThread::Impl::TryToComeBack() {
     if (everything) {
       news.others.clear();
       news.everything = std::move(everything);
-      news.everythingThrough = applied;
+      news.everythingThrough = loadedThrough;
     }
   }
   Say({"store-back", LogPriority::Notice,
