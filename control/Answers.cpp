@@ -49,6 +49,32 @@ Result Unanswered(const HttpReply& reply, const QString& path) {
   return {ExitStatus::Unreachable, {}, text.arg(path, reply.trouble)};
 }
 
+Answer AnswerOf(const HttpReply& reply, const QString& path, bool isJson) {
+  Answer answer;
+  answer.wasReached = reply.outcome != HttpOutcome::Unreachable;
+  answer.trouble = reply.trouble;
+  if (reply.outcome == HttpOutcome::Unreachable || reply.outcome == HttpOutcome::NoAnswer) {
+    answer.failure = Unanswered(reply, path);
+    return answer;
+  }
+  QJsonParseError parsing;
+  const QJsonDocument document = QJsonDocument::fromJson(reply.body, &parsing);
+  answer.status = reply.status;
+  answer.body = reply.body;
+  answer.json = document.object();
+  const QString notUnderstood = QStringLiteral("the Server cannot be understood: ");
+  if (reply.outcome == HttpOutcome::BadAnswer) {
+    answer.failure = Failed(notUnderstood + answer.trouble);
+  } else if (reply.status < 300 && isJson &&
+             (parsing.error != QJsonParseError::NoError || !document.isObject())) {
+    answer.trouble = QStringLiteral("no JSON object");
+    answer.failure = Failed(notUnderstood + answer.trouble);
+  } else if (reply.status >= 300) {
+    answer.failure = Refused(reply.status, answer.json);
+  }
+  return answer;
+}
+
 }  // namespace
 
 Result Done(const QString& output) {
@@ -64,33 +90,15 @@ Result Misused(const QString& error) {
 }
 
 Answer Ask(const HttpClient& server, const HttpRequest& request) {
-  const HttpReply reply = server.Ask(request);
-  Answer answer;
-  answer.wasReached = reply.outcome != HttpOutcome::Unreachable;
-  answer.trouble = reply.trouble;
-  if (reply.outcome == HttpOutcome::Unreachable || reply.outcome == HttpOutcome::NoAnswer) {
-    answer.failure = Unanswered(reply, server.socketPath());
-    return answer;
-  }
-  QJsonParseError parsing;
-  const QJsonDocument document = QJsonDocument::fromJson(reply.body, &parsing);
-  answer.status = reply.status;
-  answer.json = document.object();
-  const QString notUnderstood = QStringLiteral("the Server cannot be understood: ");
-  if (reply.outcome == HttpOutcome::BadAnswer) {
-    answer.failure = Failed(notUnderstood + answer.trouble);
-  } else if (reply.status < 300 &&
-             (parsing.error != QJsonParseError::NoError || !document.isObject())) {
-    answer.trouble = QStringLiteral("no JSON object");
-    answer.failure = Failed(notUnderstood + answer.trouble);
-  } else if (reply.status >= 300) {
-    answer.failure = Refused(reply.status, answer.json);
-  }
-  return answer;
+  return AnswerOf(server.Ask(request), server.socketPath(), true);
 }
 
 Answer Get(const HttpClient& server, const QByteArray& target) {
   return Ask(server, {"GET", target, {}, {}});
+}
+
+Answer GetText(const HttpClient& server, const QByteArray& target) {
+  return AnswerOf(server.Ask({"GET", target, {}, {}}), server.socketPath(), false);
 }
 
 QByteArray Segment(const QString& text) {

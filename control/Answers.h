@@ -27,6 +27,7 @@ struct Answer {
   int status = 0;  // 0: it may or may not have been done, unless nobody was there
   bool wasReached = true;
   QString trouble;  // for people: why there is no answer, in a few words; empty where there is one
+  QByteArray body;
   QJsonObject json;
   Result failure;
   bool ok() const { return failure.status == ExitStatus::Done && status < 300; }
@@ -35,6 +36,8 @@ struct Answer {
 // Each blocks until the answer is there.
 Answer Ask(const HttpClient& server, const HttpRequest& request);
 Answer Get(const HttpClient& server, const QByteArray& target);
+// Of what is no JSON: `body` alone.
+Answer GetText(const HttpClient& server, const QByteArray& target);
 
 // A name as a part of a target.
 QByteArray Segment(const QString& text);

@@ -14,6 +14,7 @@ struct Line {
 // Capitals are arguments, [brackets] may be left out, three dots may be repeated.
 constexpr Line kLines[] = {
     {Verb::Status, "status", "the Server, its store, its publication, and the connected agents"},
+    {Verb::Metrics, "metrics", "what the Server has counted, for a monitoring system"},
     {Verb::AppsList, "apps list [--rescan]", "the installed applications and their identifiers"},
     {Verb::AppsAdd, "apps add PATH", "puts one more application on that list"},
     {Verb::AppsRunning, "apps running [USER]", "what people are running now, as the agents see it"},

@@ -12,6 +12,7 @@ enum class Verb {
   Help,
   Version,
   Status,
+  Metrics,
   AppsList,
   AppsAdd,
   AppsRunning,

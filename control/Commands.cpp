@@ -17,6 +17,8 @@ Result Run(const Command& command, const HttpClient& server, Terminal& terminal)
   switch (command.verb) {
     case Verb::Status:
       return ShowStatus(command, server);
+    case Verb::Metrics:
+      return ShowMetrics(command, server);
     case Verb::AppsList:
       return ListApplications(command);
     case Verb::AppsAdd:

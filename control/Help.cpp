@@ -45,9 +45,13 @@ struct CommandHelp {
 
 constexpr CommandHelp kCommands[] = {
     {Verb::Status,
-     "Tells which Server answers, where it keeps what it knows, whether it is announced on the\n"
-     "network, and which agents are connected with which applications.\n",
+     "Tells which Server answers, where it keeps what it knows and whether that can be reached,\n"
+     "whether the Server is announced on the network, and which agents are connected with which\n"
+     "applications.\n",
      "vardellctl status\nvardellctl --json status\n"},
+    {Verb::Metrics,
+     "Prints the text format of Prometheus. No user and no identifier is named in it.\n",
+     "vardellctl metrics\nvardellctl --json metrics\n"},
     {Verb::AppsList,
      "IDENTIFIER is what the other commands take. The list is made once and kept.\n",
      "vardellctl apps list\nvardellctl apps list --rescan\n"},

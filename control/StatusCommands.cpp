@@ -36,8 +36,25 @@ Result ShowStatus(const Command& command, const HttpClient& server) {
     return Done(JsonText(json));
   }
   QString text = StatusText(status.json, QStringLiteral(VARDELL_VERSION));
+  text += AwayText(status.json);
   if (!connected.isEmpty()) text += QLatin1Char('\n') + AgentsTable(connected);
   return Done(text);
+}
+
+Result ShowMetrics(const Command& command, const HttpClient& server) {
+  const Answer metrics = GetText(server, "/v1/metrics");
+  if (!metrics.ok()) {
+    return metrics.failure;
+  }
+  const QStringList lines = QString::fromUtf8(metrics.body).split(u'\n', Qt::SkipEmptyParts);
+  QString text;
+  QJsonObject json;
+  for (const QString& line : lines) {
+    text += Printable(line) + u'\n';
+    const qsizetype space = line.lastIndexOf(u' ');
+    if (!line.startsWith(u'#')) json[line.left(space)] = line.mid(space + 1).toDouble();
+  }
+  return Done(command.json ? JsonText(json) : text);
 }
 
 Result ShowLedger(const Command& command, const HttpClient& server, Terminal& terminal) {

@@ -1,4 +1,4 @@
-// status and ledger.
+// status, metrics and ledger.
 #pragma once
 
 #include "control/Commands.h"
@@ -6,6 +6,7 @@
 namespace vardell::control {
 
 Result ShowStatus(const Command& command, const HttpClient& server);
+Result ShowMetrics(const Command& command, const HttpClient& server);
 Result ShowLedger(const Command& command, const HttpClient& server, Terminal& terminal);
 
 }  // namespace vardell::control

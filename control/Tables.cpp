@@ -134,6 +134,28 @@ QString StoreText(const QJsonObject& status) {
   return schema.isDouble() ? QStringLiteral("%1, schema %2").arg(store, NumberText(schema)) : store;
 }
 
+bool IsAway(const QJsonObject& status) {
+  return status[QStringLiteral("storeAway")].isString();
+}
+
+QString ReachText(const QJsonObject& status) {
+  if (!IsAway(status)) return QStringLiteral("up");
+  const QJsonValue since = status[QStringLiteral("storeAwaySince")];
+  const QString when =
+      since.isString() ? QStringLiteral(" since %1").arg(Printable(LocalTime(since))) : QString();
+  return QStringLiteral("AWAY%1: %2")
+      .arg(when, Printable(status[QStringLiteral("storeAway")].toString()));
+}
+
+QString SpooledText(const QJsonObject& status) {
+  const qint64 spooled = status[QStringLiteral("spooled")].toInteger();
+  if (spooled == 0) return QStringLiteral("nothing");
+  return QStringLiteral("%1 %2 on disk until the store takes %3")
+      .arg(spooled)
+      .arg(spooled == 1 ? QStringLiteral("change is kept") : QStringLiteral("changes are kept"),
+           spooled == 1 ? QStringLiteral("it") : QStringLiteral("them"));
+}
+
 QString WaitingText(const QJsonObject& status) {
   const qint64 waiting = status[QStringLiteral("waiting")].toInteger();
   if (waiting == 0) return QStringLiteral("nothing");
@@ -181,6 +203,9 @@ QString StatusText(const QJsonObject& status, const QString& ownVersion) {
                     ownVersion + QStringLiteral(", another version than the Server's")});
   }
   rows.push_back({QStringLiteral("Store:"), StoreText(status)});
+  // An older Server does not tell.
+  const bool tellsOfStore = status.contains(QStringLiteral("storeAway"));
+  if (tellsOfStore) rows.push_back({QStringLiteral("Store is:"), ReachText(status)});
   rows.push_back({QStringLiteral("Address:"), text("address")});
   rows.push_back({QStringLiteral("Published:"), status[QStringLiteral("published")].isString()
                                                     ? text("published")
@@ -191,8 +216,20 @@ QString StatusText(const QJsonObject& status, const QString& ownVersion) {
   rows.push_back({QStringLiteral("Users:"), number("users")});
   rows.push_back({QStringLiteral("Limits:"), number("limits")});
   rows.push_back({QStringLiteral("Waiting:"), WaitingText(status)});
+  if (tellsOfStore) rows.push_back({QStringLiteral("Spooled:"), SpooledText(status)});
   rows.push_back({QStringLiteral("Agents:"), number("agents")});
   return AlignedTable(rows);
+}
+
+QString AwayText(const QJsonObject& status) {
+  if (!IsAway(status)) return {};
+  return QStringLiteral(
+      "\n"
+      "The store is away. Agents go on, and what they use is kept until it is back; limits and "
+      "credit\n"
+      "cannot be changed until then. See to its database or its disk as said above: the Server "
+      "finds\n"
+      "it again by itself within seconds. journalctl -u vardell-server tells more.\n");
 }
 
 QString AgentsTable(const QJsonArray& agents) {

@@ -11,6 +11,8 @@
 namespace vardell::control {
 
 QString StatusText(const QJsonObject& status, const QString& ownVersion);
+// What a store that is away means, and what to do; empty while it is not.
+QString AwayText(const QJsonObject& status);
 QString AgentsTable(const QJsonArray& agents);
 QString LimitsTable(const QJsonArray& limits);  // one line for each limit
 QString LimitsSheet(const QJsonObject& limit);  // one line for each key

@@ -146,6 +146,40 @@ TEST(Vardellctl, AnswersAreShownAsTablesInLocalTime) {
        "USER  IDENTIFIER   MINUTES\nanna  x\uFFFD]0;evil\uFFFD\uFFFD        1\n",
        "GET /v1/users/anna/limits HTTP/1.1"},
       {"status",
+       {R"({"version":")" VARDELL_VERSION
+        R"(","store":"PostgreSQL, db","schema":4,"address":"127.0.0.1:4",)"
+        R"("storeAway":"no answer;\u001b[2J start the database","spooled":12,"waiting":0,)"
+        R"("storeAwaySince":"2026-01-01T00:00:00Z","published":"V","agents":0,"users":1,)"
+        R"("limits":5,"zone":"Europe/Oslo","started":"2026-01-01T00:00:00Z"})",
+        R"({"agents":[]})"},
+       "Server:     " VARDELL_VERSION "\n"
+       "Store:      PostgreSQL, db, schema 4\n"
+       "Store is:   AWAY since 2026-01-01 01:00:00: no answer;\uFFFD[2J start the database\n"
+       "Address:    127.0.0.1:4\n"
+       "Published:  V\n"
+       "Started:    2026-01-01 01:00:00\n"
+       "Time zone:  Europe/Oslo\n"
+       "Users:      1\n"
+       "Limits:     5\n"
+       "Waiting:    nothing\n"
+       "Spooled:    12 changes are kept on disk until the store takes them\n"
+       "Agents:     0\n"
+       "\n"
+       "The store is away. Agents go on, and what they use is kept until it is back; limits and "
+       "credit\n"
+       "cannot be changed until then. See to its database or its disk as said above: the Server "
+       "finds\n"
+       "it again by itself within seconds. journalctl -u vardell-server tells more.\n",
+       "GET /v1/agents HTTP/1.1"},
+      {"metrics",
+       {"# HELP a b\n# TYPE a counter\na{k=\"x y\"} 3\nup\x1b 1\n"},
+       "# HELP a b\n# TYPE a counter\na{k=\"x y\"} 3\nup\uFFFD 1\n",
+       "GET /v1/metrics HTTP/1.1"},
+      {"--json|metrics",
+       {"# HELP a b\n# TYPE a counter\na{k=\"x y\"} 3\n\nup 1\n"},
+       "{\n    \"a{k=\\\"x y\\\"}\": 3,\n    \"up\": 1\n}\n",
+       "GET /v1/metrics HTTP/1.1"},
+      {"status",
        {R"({"version":"9.9","store":"SQLite /x","schema":3,"address":"127.0.0.1:4",)"
         R"("published":null,"agents":2,"users":1,"limits":5,"waiting":1,"zone":"Europe/Oslo",)"
         R"("started":"2026-01-01T00:00:00Z"})",
