@@ -1,7 +1,7 @@
 #include "server/Postgres.h"
 
-#include <poll.h>
 #include <libpq-fe.h>
+#include <poll.h>
 
 #include <QtEndian>
 #include <algorithm>
@@ -11,6 +11,7 @@ namespace vardell::server {
 namespace {
 
 constexpr int kBinary = 1;
+constexpr std::chrono::milliseconds kRollingBack{200};
 
 template <typename Number>
 void AppendNumber(QByteArray& bytes, Number number) {
@@ -270,10 +271,10 @@ void PostgresConnection::Execute(const char* statements, PostgresDeadline deadli
   if (error) throw *error;
 }
 
-void PostgresConnection::RollBack(PostgresDeadline deadline) noexcept {
+void PostgresConnection::RollBack() noexcept {
   if (!handle_ || PQtransactionStatus(handle_) == PQTRANS_IDLE) return;
   try {
-    Execute("ROLLBACK", deadline);
+    Execute("ROLLBACK", In(kRollingBack));
   } catch (const PostgresError&) {
     Close();
   }

@@ -24,6 +24,10 @@ namespace vardell::server {
 using PostgresClock = std::chrono::steady_clock;
 using PostgresDeadline = PostgresClock::time_point;
 
+inline PostgresDeadline In(std::chrono::milliseconds time) {
+  return PostgresClock::now() + time;
+}
+
 class PostgresError : public std::runtime_error {
  public:
   PostgresError(const std::string& message, const QByteArray& itsState)
@@ -120,8 +124,9 @@ class PostgresConnection {
                                        PostgresDeadline deadline);
   // Statements without parameters, whose results do not matter.
   void Execute(const char* statements, PostgresDeadline deadline);
-  // Ends the transaction that a failure has left open, if any.
-  void RollBack(PostgresDeadline deadline) noexcept;
+  // Ends the transaction that a failure has left open, if any; closes the connection where that
+  // takes long.
+  void RollBack() noexcept;
 
   bool IsOpen() const { return handle_ != nullptr; }
   QString Setting(const char* name) const;  // that the server reports by itself: "server_encoding"

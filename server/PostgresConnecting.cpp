@@ -1,7 +1,7 @@
 #include "server/PostgresConnecting.h"
 
-#include <poll.h>
 #include <libpq-fe.h>
+#include <poll.h>
 
 #include <QRegularExpression>
 #include <condition_variable>
@@ -36,7 +36,7 @@ SET jit = off;
 
 // libpq tells the SQLSTATE of a refused connection only within its text.
 PostgresError ErrorOf(PGconn* handle) {
-  static const QRegularExpression kWithState(QStringLiteral(":\\s+([0-9A-Z]{5}): ([^\n]*)"));
+  static const QRegularExpression kWithState(QStringLiteral(":  ([0-9A-Z]{5}): ([^\n]*)"));
   const QString text = QString::fromUtf8(PQerrorMessage(handle));
   const QRegularExpressionMatch match = kWithState.match(text);
   if (match.hasMatch()) {

@@ -13,7 +13,7 @@ constexpr int kFirstVersion = 4;
 
 constexpr char kVersion4[] = R"sql(
 CREATE TABLE state (
-  only boolean PRIMARY KEY DEFAULT true CHECK (only),
+  one boolean PRIMARY KEY DEFAULT true CHECK (one),
   version bigint NOT NULL,
   epoch bigint NOT NULL
 );
@@ -162,6 +162,13 @@ CREATE TRIGGER audit_is_not_changed BEFORE UPDATE OR DELETE OR TRUNCATE ON audit
 constexpr const char* kMigrations[] = {kVersion4};
 static_assert(std::size(kMigrations) == kStoreSchemaVersion - kFirstVersion + 1);
 
+// Not by to_regclass: after waiting for an advisory lock it may still say what was before.
+constexpr char kHasMigrations[] =
+    "SELECT EXISTS (SELECT 1 FROM pg_tables "
+    "WHERE schemaname = 'vardell' AND tablename = 'migrations')";
+constexpr char kHasSchema[] =
+    "SELECT EXISTS (SELECT 1 FROM pg_namespace WHERE nspname = 'vardell')";
+
 std::runtime_error ForPeople(const QString& line) {
   return std::runtime_error(line.toStdString());
 }
@@ -186,7 +193,7 @@ void RefuseUnusable(PostgresConnection& connection, const QString& what,
 
 // 0: there are no tables yet.
 std::int64_t VersionFound(PostgresConnection& connection, PostgresDeadline deadline) {
-  if (!Asks(connection, "SELECT to_regclass('vardell.migrations') IS NOT NULL", deadline)) return 0;
+  if (!Asks(connection, kHasMigrations, deadline)) return 0;
   constexpr char query[] = "SELECT coalesce(max(version), 0) FROM migrations";
   return connection.Exchange({{query}}, deadline).at(0).Integer(0, 0);
 }
@@ -201,7 +208,7 @@ void RefuseNewer(std::int64_t found, const QString& what) {
 }
 
 void MakeSchema(PostgresConnection& connection, PostgresDeadline deadline) {
-  if (!Asks(connection, "SELECT to_regnamespace('vardell') IS NOT NULL", deadline)) {
+  if (!Asks(connection, kHasSchema, deadline)) {
     connection.Execute("CREATE SCHEMA vardell", deadline);
   }
   connection.Execute("CREATE TABLE migrations (version bigint PRIMARY KEY, applied text NOT NULL)",

@@ -1,6 +1,5 @@
 #include "server/PostgresStore.h"
 
-#include <QUuid>
 #include <algorithm>
 #include <limits>
 
@@ -13,16 +12,12 @@ namespace {
 using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
-constexpr milliseconds kOrdinary = 500ms;
-constexpr milliseconds kRollingBack = 200ms;
 constexpr milliseconds kConnecting = 700ms;  // of Recover's second
 constexpr milliseconds kChecking = 200ms;    // likewise
 constexpr milliseconds kReadingLedger = 2s;
 constexpr milliseconds kPreparing = 10s;
 constexpr milliseconds kLoading = 60s;
-constexpr milliseconds kRestoring = 60s;
 
-constexpr std::size_t kOrdinaryChanges = 1000;
 // More of them are loaded anew.
 constexpr std::int64_t kMostLedgerNews = 200000;
 
@@ -72,26 +67,8 @@ constexpr char kNewUsage[] =
     "SELECT \"user\", identifier, day::text, sum(used)::bigint FROM ledger "
     "WHERE id > $1 AND server <> $2 AND used <> 0 GROUP BY \"user\", identifier, day";
 
-constexpr char kForgetRows[] =
-    "WITH gone AS (DELETE FROM restore_rows WHERE number IN (SELECT number FROM restore_rows "
-    "WHERE server = $1 LIMIT $2) RETURNING 1) SELECT count(*) FROM gone";
 constexpr char kForgetOldRows[] =
     "DELETE FROM restore_rows WHERE server = $1 OR written < now() - interval '1 day'";
-constexpr char kCountRows[] =
-    "SELECT count(*) FROM restore_rows WHERE server = $1 AND restore = $2";
-constexpr char kTakeRows[] =
-    "INSERT INTO ledger (time, day, \"user\", identifier, host, source, minutes, credit, used, "
-    "claimed, actor, reason, server) "
-    "SELECT time, day, \"user\", identifier, host, source, minutes, credit, used, claimed, actor, "
-    "reason, server FROM restore_rows WHERE server = $1 AND restore = $2 ORDER BY number";
-constexpr char kTakeUsage[] =
-    "INSERT INTO usage SELECT \"user\", identifier, day, sum(used) FROM restore_rows "
-    "WHERE server = $1 AND restore = $2 GROUP BY \"user\", identifier, day "
-    "ON CONFLICT (\"user\", identifier, day) DO UPDATE SET "
-    "minutes = usage.minutes + excluded.minutes";
-constexpr char kDropRows[] = "DELETE FROM restore_rows WHERE server = $1";
-constexpr char kRaiseEpoch[] = "UPDATE state SET epoch = epoch + 1";
-
 constexpr char kAdjustment[] = "SELECT digest, added FROM adjustments WHERE id = $1";
 constexpr char kLedgerQuery[] =
     "SELECT " VARDELL_LEDGER_COLUMNS
@@ -101,10 +78,6 @@ constexpr char kLedgerQuery[] =
 constexpr char kLedgerOfOne[] =
     "SELECT " VARDELL_LEDGER_COLUMNS
     "WHERE id > $1 AND \"user\" = $2 AND identifier = $3 ORDER BY id LIMIT $4";
-
-PostgresDeadline In(milliseconds time) {
-  return PostgresClock::now() + time;
-}
 
 // What the database itself may take: a little less, so that it says so in time.
 PostgresCall LimitsOf(milliseconds most) {
@@ -116,11 +89,6 @@ PostgresCall LimitsOf(milliseconds most) {
 
 PostgresCall Lock() {
   return {kLock, {PostgresParameter(kPostgresLock)}};
-}
-
-milliseconds TimeFor(std::size_t changes) {
-  const std::size_t more = changes > kOrdinaryChanges ? changes - kOrdinaryChanges : 0;
-  return std::min(kOrdinary + milliseconds(more / 2), kRestoring);
 }
 
 PostgresTable IdsOf(const std::vector<StoreChange>& changes) {
@@ -148,7 +116,8 @@ std::runtime_error Unbalanced(const QString& where, const PostgresResult& rows) 
 
 }  // namespace
 
-PostgresStore::PostgresStore(const QString& location) : address_(ReadPostgresAddress(location)) {
+PostgresStore::PostgresStore(const QString& location, milliseconds ordinary)
+    : address_(ReadPostgresAddress(location)), ordinary_(ordinary) {
   Guarded([this] {
     PostgresConnecting connecting(address_);
     connection_ = connecting.Wait(6s);
@@ -159,6 +128,12 @@ PostgresStore::PostgresStore(const QString& location) : address_(ReadPostgresAdd
 
 PostgresStore::~PostgresStore() = default;
 
+milliseconds PostgresStore::TimeFor(std::size_t changes) const {
+  constexpr std::size_t usual = 1000;
+  const std::size_t more = changes > usual ? changes - usual : 0;
+  return std::min(ordinary_ + milliseconds(more / 2), kRestoring);
+}
+
 PostgresConnection& PostgresStore::Connection() {
   if (!connection_) throw PostgresError("the connection was lost", {});
   return *connection_;
@@ -166,7 +141,7 @@ PostgresConnection& PostgresStore::Connection() {
 
 void PostgresStore::Guarded(const std::function<void()>& action) {
   const auto cleanUp = [this] {
-    if (connection_) connection_->RollBack(In(kRollingBack));
+    if (connection_) connection_->RollBack();
     if (connection_ && !connection_->IsOpen()) connection_.reset();
   };
   try {
@@ -231,7 +206,7 @@ std::uint64_t PostgresStore::LastNumber() {
   std::uint64_t last = 0;
   Guarded([&] {
     const auto results =
-        Transaction(kBegin, {Lock(), {kReadNumber, {PostgresParameter(serverId_)}}}, kOrdinary);
+        Transaction(kBegin, {Lock(), {kReadNumber, {PostgresParameter(serverId_)}}}, ordinary_);
     const PostgresResult& number = results.at(1);
     if (number.Rows() != 0) last = static_cast<std::uint64_t>(number.Integer(0, 0));
   });
@@ -293,7 +268,7 @@ void PostgresStore::Commit(std::vector<PostgresCall> calls, const Found& found,
 // News is to tell of these accounts, whether or not it did already.
 ApplyResult PostgresStore::Conflict(const std::set<AccountName>& names, const QString& why) {
   untold_.insert(names.begin(), names.end());
-  connection_->RollBack(In(kRollingBack));
+  connection_->RollBack();
   return {ApplyStatus::Conflict, why, {}};
 }
 
@@ -311,7 +286,7 @@ ApplyResult PostgresStore::WriteChanges(const std::vector<StoreChange>& changes,
   }
   const auto batch = DecideBatch(changes, BatchKind::Ordinary, found.accounts);
   if (!batch) {
-    connection_->RollBack(In(kRollingBack));
+    connection_->RollBack();
     return Failed(
         QStringLiteral("a change whose credit would not be the sum of its ledger was not "
                        "stored; report this as an error of vardell-server"));
@@ -337,7 +312,7 @@ ApplyResult PostgresStore::Apply(const std::vector<StoreChange>& changes, const 
 }
 
 StoreNews PostgresStore::ReadNews() {
-  const PostgresResult state = Query({kState}, kOrdinary);
+  const PostgresResult state = Query({kState}, ordinary_);
   const std::int64_t version = state.Integer(0, 0);
   StoreNews news;
   news.everything = seenVersion_ == 0 || state.Integer(0, 1) != seenEpoch_ ||
@@ -357,7 +332,7 @@ StoreNews PostgresStore::ReadNews() {
                    {kUntoldAccounts, NameParameters(untold_)},
                    {kUntoldRemoved, NameParameters(untold_)},
                    {kNewUsage, {PostgresParameter(seenLedger_), PostgresParameter(serverId_)}}},
-                  kOrdinary);
+                  ordinary_);
   const PostgresResult& now = results.at(0);
   news.everything = now.Integer(0, 1) != seenEpoch_;
   if (news.everything) return news;
@@ -404,91 +379,10 @@ bool PostgresStore::Recover(QString* error) {
   }
 }
 
-bool PostgresStore::WriteAhead(const std::vector<LedgerRow>& rows, QString* error) {
-  if (restoreId_.isEmpty()) {
-    restoreId_ = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    restoreRows_ = 0;
-  }
-  try {
-    Guarded(
-        [&] { (void)Query(CallToWriteAhead(rows, serverId_, restoreId_), TimeFor(rows.size())); });
-  } catch (const std::runtime_error& problem) {
-    *error = QString::fromUtf8(problem.what());
-    return false;
-  }
-  restoreRows_ += static_cast<std::int64_t>(rows.size());
-  return true;
-}
-
-ApplyResult PostgresStore::Finish(const std::vector<StoreChange>& changes, const QString& bootId) {
-  const PostgresDeadline deadline = In(kRestoring);
-  const QByteArray server = PostgresParameter(serverId_);
-  const QByteArray restore = PostgresParameter(restoreId_);
-  const Found found = Begin(changes, kRestoring, deadline);
-  if (found.epoch != seenEpoch_ && seenEpoch_ != 0) {
-    return Conflict({}, QStringLiteral("another Server has restored a backup meanwhile"));
-  }
-  const auto counted = Connection().Exchange({{kCountRows, {server, restore}}}, deadline);
-  if (counted.at(0).Integer(0, 0) != restoreRows_) {
-    return Conflict({}, QStringLiteral("rows of the restore are gone; restore the backup again"));
-  }
-  if (found.isIdUsed) {
-    return Conflict({}, QStringLiteral("an adjustment with this id was stored meanwhile"));
-  }
-  // Whatever it was before: nothing that it decides can be out of balance.
-  const auto batch = DecideBatch(changes, BatchKind::Restore, found.accounts);
-  if (!batch) {
-    connection_->RollBack(In(kRollingBack));
-    return Failed(QStringLiteral("the backup's credit and the ledger do not fit together"));
-  }
-  std::vector<PostgresCall> calls = {{kTakeRows, {server, restore}},
-                                     {kTakeUsage, {server, restore}},
-                                     {kDropRows, {server}},
-                                     {kRaiseEpoch}};
-  for (PostgresCall& call : CallsFor(*batch, {serverId_, bootId, found.version})) {
-    calls.push_back(std::move(call));
-  }
-  Commit(std::move(calls), found, *batch, deadline);
-  if (seenEpoch_ != 0) ++seenEpoch_;
-  restoreId_.clear();
-  restoreRows_ = 0;
-  return {ApplyStatus::Done, {}, After(*batch, found)};
-}
-
-ApplyResult PostgresStore::ApplyLast(const std::vector<StoreChange>& changes,
-                                     const QString& bootId) {
-  ApplyResult result;
-  try {
-    Guarded([&] { result = Finish(changes, bootId); });
-  } catch (const std::runtime_error& error) {
-    return Failed(QString::fromUtf8(error.what()));
-  }
-  return result;
-}
-
-bool PostgresStore::ForgetUnfinished(int most, QString* error) {
-  try {
-    Guarded([&] {
-      const std::int64_t limit = most;
-      const PostgresResult gone =
-          Query({kForgetRows, {PostgresParameter(serverId_), PostgresParameter(limit)}},
-                TimeFor(static_cast<std::size_t>(most)));
-      if (gone.Integer(0, 0) == limit) return;
-      mayHaveOldRestore_ = false;
-      restoreId_.clear();
-      restoreRows_ = 0;
-    });
-    return true;
-  } catch (const std::runtime_error& problem) {
-    *error = QString::fromUtf8(problem.what());
-    return false;
-  }
-}
-
 std::optional<AdjustmentRow> PostgresStore::Adjustment(const QString& id) {
   std::optional<AdjustmentRow> row;
   Guarded([&] {
-    const PostgresResult found = Query({kAdjustment, {PostgresParameter(id)}}, kOrdinary);
+    const PostgresResult found = Query({kAdjustment, {PostgresParameter(id)}}, ordinary_);
     if (found.Rows() != 0) row = AdjustmentRow{id, found.Blob(0, 0), found.Integer(0, 1)};
   });
   return row;

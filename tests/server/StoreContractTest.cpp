@@ -14,7 +14,8 @@ class StoreContractTest : public StoreTestBase, public testing::TestWithParam<co
   }
   void Open() {
     store_.reset();
-    store_ = OpenStore(location_);
+    store_ = IsPostgresLocation(location_) ? std::make_unique<PostgresStore>(location_, kUnhurried)
+                                           : OpenStore(location_);
     store_->SetServerId(QStringLiteral("one"));
     contents_ = store_->Load(kBoot);
   }

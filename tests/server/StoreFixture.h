@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "server/LimitsKeys.h"
-#include "server/PostgresConnecting.h"
+#include "server/PostgresStore.h"
 #include "server/Store.h"
 #include "tests/support/PostgresCluster.h"
 
@@ -17,7 +17,7 @@ namespace vardell::server {
 
 using Name = std::pair<QString, QString>;
 
-// One for the whole test program; a database for each test.
+// One for the whole test program.
 class StoreTestBase {
  protected:
   static test::PostgresCluster& Cluster() {
@@ -29,6 +29,7 @@ class StoreTestBase {
     PostgresConnecting connecting(ReadPostgresAddress(uri));
     const auto connection = connecting.Wait(10s);
     if (!connection) throw std::runtime_error("no answer");
+    connection->Execute("SET statement_timeout = 0", PostgresClock::now() + 10s);
     connection->Execute(statements.toUtf8().constData(), PostgresClock::now() + 10s);
   }
   static QString NewDatabase(const QString& with = {}) {
@@ -38,8 +39,16 @@ class StoreTestBase {
         QStringLiteral("CREATE DATABASE %1 %2").arg(name, with));
     return name;
   }
-  static QString NewStore() { return Cluster().Uri(NewDatabase()); }
+  // The same one again, emptied.
+  static QString NewStore() {
+    const QString uri = Cluster().Uri(QStringLiteral("postgres"));
+    Sql(uri, QStringLiteral("DROP SCHEMA IF EXISTS vardell CASCADE"));
+    return uri;
+  }
 };
+
+// Of tests that are not about a database that does not answer.
+inline constexpr std::chrono::seconds kUnhurried{10};
 
 inline const QString kBoot = QStringLiteral("boot-1");
 inline const Name kGame{QStringLiteral("anna"), QStringLiteral("org.example.game")};
