@@ -175,7 +175,9 @@ QString ApplicationsText(const QJsonArray& applications) {
   for (const QJsonValue& application : applications) {
     texts.append(QStringLiteral("%1 (%2)").arg(
         ShownIdentifier(application[QStringLiteral("identifier")].toString()),
-        CreditText(application[QStringLiteral("credit")])));
+        application[QStringLiteral("unlimited")].toBool()
+            ? QStringLiteral("unlimited")
+            : CreditText(application[QStringLiteral("credit")])));
   }
   return texts.isEmpty() ? QStringLiteral("-") : texts.join(QStringLiteral(", "));
 }

@@ -1,5 +1,7 @@
 #include "server/Authorisation.h"
 
+#include "server/HostAccounts.h"
+
 #include <grp.h>
 #include <pwd.h>
 
@@ -100,7 +102,8 @@ bool Authorise(const Requester& requester, Verb verb, const QString& user) {
   if (requester.role == Role::Admin) return true;
   if (verb == Verb::ChangeLimits || verb == Verb::BackUp) return false;
   if (requester.role == Role::TopUp) return true;
-  return verb == Verb::Read && !user.isEmpty() && user == requester.userName;
+  if (verb != Verb::Read || requester.userName.isEmpty()) return false;
+  return user == requester.userName || UserOfHostAccount(user) == requester.userName;
 }
 
 }  // namespace vardell::server

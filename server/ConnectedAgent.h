@@ -37,7 +37,7 @@ struct ConnectedAgent {
   QString user;           // whom it last spoke for, and might; empty: nobody yet
   RecentFetches fetches;  // of that user
   // What it was last given for a user and identifier; 12345 as it was sent.
-  std::map<std::pair<QString, QString>, std::int32_t> handed;
+  std::map<std::pair<QString, QString>, Handed> handed;
 };
 
 }  // namespace vardell::server

@@ -64,7 +64,8 @@ QJsonObject ToJson(const AgentFacts& agent) {
     applications.append(
         QJsonObject{{QStringLiteral("identifier"), application.identifier},
                     {QStringLiteral("credit"), application.credit ? QJsonValue(*application.credit)
-                                                                  : QJsonValue(QJsonValue::Null)}});
+                                                                  : QJsonValue(QJsonValue::Null)},
+                    {QStringLiteral("unlimited"), application.unlimited}});
   }
   return {{QStringLiteral("host"), agent.host},
           {QStringLiteral("user"), NullWhereEmpty(agent.user)},

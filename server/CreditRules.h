@@ -46,7 +46,7 @@ inline constexpr std::int32_t kUnlimitedCredit = 59999;
 // What a connection was last given for a lane.
 struct Handed {
   // NOLINTNEXTLINE(google-explicit-constructor): a credit, usually
-  Handed(std::int32_t itsCredit, bool isCapped = false) : credit(itsCredit), capped(isCapped) {}
+  Handed(std::int32_t itsCredit = 0, bool isCapped = false) : credit(itsCredit), capped(isCapped) {}
 
   std::int32_t credit;  // as it was sent
   bool capped;          // the hours allowed less than there was

@@ -58,9 +58,10 @@ struct LedgerRow {
   QDate day;  // whose use it books; not valid until it is stored: that of the time
   QString user;
   QString identifier;
-  QString host;    // of an agent's row; empty otherwise
-  QString source;  // "report", "fetch" (a lost report), "grace", "admin", "top-up", "restore";
-                   // "presence" is kept free
+  QString host;  // of an agent's row; empty otherwise
+  // "report", "fetch" (a lost report), "grace", "admin", "top-up", "restore", "scope" (of the hosts
+  // of a shared account); "presence" is kept free
+  QString source;
   std::int64_t minutes = 0;  // what was added to the credit; negative when spent, 0 for grace
   std::int64_t credit = 0;   // afterwards
   std::int64_t used = 0;     // minutes of use that it books, whether or not there was credit
@@ -139,6 +140,7 @@ struct AgentFacts {
   struct Application {
     QString identifier;
     std::optional<std::int32_t> credit;  // as sent; none without an enabled limit
+    bool unlimited = false;
   };
   QString host;
   QString user;  // whom it last spoke for; empty: nobody yet
@@ -206,6 +208,10 @@ class Household {
 
   // --- Agents. A request for a user that the connection may not speak for (one from this machine
   // speaks for its own user only) changes nothing and is answered as an unknown identifier.
+  // Where the limit's scope is the user at a host, a request concerns the account of its host, by
+  // the name "USER@HOST"; the first one makes it, with the limit's credit, and waits for the store.
+  // A host that cannot get one, because there are kMaxLanesPerIdentifier or the store fails, is
+  // answered as if all were spent.
 
   // The dictionary for a kind-1 reply: never empty, credit as this connection is to see it.
   QVariantMap FetchLimits(const AgentConnection& connection, const QString& user,
@@ -233,7 +239,7 @@ class Household {
   // Changes some keys (as in limits/LimitsDictionary.h) and options (as in server/LimitsOptions.h).
   // `expectedRevision`: 0 where it must be new. All or nothing. "Credit" among the keys books the
   // difference in the ledger. A new identifier is Enabled unless the keys say otherwise. A top-up
-  // that is due then is booked besides, and in `entry`.
+  // that is due then is booked besides, and in `entry`. The accounts of hosts follow it.
   AdminResult ChangeLimits(const Actor& actor, const QString& user, const QString& identifier,
                            const QVariantMap& keys, std::uint64_t expectedRevision,
                            const QVariantMap& options = {});

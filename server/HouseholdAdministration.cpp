@@ -1,4 +1,5 @@
 // The part of the Household that shows administrators what there is, and lets them change limits.
+#include "server/HostAccounts.h"
 #include "server/HouseholdChanges.h"
 #include "server/LimitsKeys.h"
 #include "server/LimitsOptions.h"
@@ -96,6 +97,13 @@ std::optional<AdminResult> Household::Impl::TryToChangeLimits(const Actor& actor
   }
 
   const Account after = Applied(before ? *before : NewAccount({user, identifier}), !before, wanted);
+  const bool isKept = before && before->revision == after.revision;
+  if (!isKept && SharedBy(name)) {
+    return Refuse(AdminStatus::BadValue, QStringLiteral("user"),
+                  QStringLiteral("is one host of a shared account, and only its credit is its own: "
+                                 "change the limit of \"%1\"")
+                      .arg(UserOfHostAccount(user)));
+  }
   const LimitsEntry entry = EntryOf(user, identifier, after);
   const std::int64_t creditBefore = before ? before->state.credit : 0;
   const QDateTime now = clocks.now();
@@ -107,12 +115,15 @@ std::optional<AdminResult> Household::Impl::TryToChangeLimits(const Actor& actor
   }
   change.audit = Audited(actor, now, "limits", entry, before ? AuditText(*before) : QString(),
                          AuditText(after));
-  const ApplyResult applied = WriteNow({std::move(change)});
+  HostChanges hosts = FollowedBy(actor, name, before, after);
+  hosts.changes.push_back(std::move(change));
+  const ApplyResult applied = WriteNow(hosts.changes);
   if (applied.status == ApplyStatus::Conflict) return std::nullopt;
   if (applied.status == ApplyStatus::Failed) {
     return Refuse(AdminStatus::StoreFailed, {}, applied.error);
   }
   users[user][identifier] = after;
+  TakeOver(std::move(hosts));
   TakeVersions(applied);
   TopUpsChanged({user, identifier});
   if (const auto moment = MomentOfTopUps()) {
@@ -146,12 +157,18 @@ std::optional<AdminResult> Household::Impl::TryToRemoveLimits(const Actor& actor
         AdminRow(actor, now, without, entry.credit, QStringLiteral("the limit was removed"));
   }
   change.audit = Audited(actor, now, "limits", entry, AuditText(*account), QString());
-  const ApplyResult applied = WriteNow({std::move(change)});
+  HostChanges hosts;
+  if (account->options.scope == Scope::UserAtHost) {
+    hosts = RemovedWith(actor, name, QStringLiteral("the limit was removed"));
+  }
+  hosts.changes.push_back(std::move(change));
+  const ApplyResult applied = WriteNow(hosts.changes);
   if (applied.status == ApplyStatus::Conflict) return std::nullopt;
   if (applied.status == ApplyStatus::Failed) {
     return Refuse(AdminStatus::StoreFailed, {}, applied.error);
   }
   Forget(name);
+  TakeOver(std::move(hosts));
   ForgetHanded();
   return AdminResult{AdminStatus::Ok, {}, {}, entry, 0};
 }

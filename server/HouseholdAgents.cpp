@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "Common Sources/Caps.h"
 #include "Common Sources/PropertyList.h"
@@ -39,10 +40,20 @@ QVariantMap DictionaryOf(const QString& identifier, const LimitsRecord& record) 
   return quota;
 }
 
-LimitsRecord LimitsWith(const Account& account, std::int32_t credit) {
-  LimitsRecord limits = account.limits;
-  limits.credit = credit;
-  return limits;
+// Where hosts share minutes, use is paid as far as any of them has paid.
+LaneState StateOf(const Account& account, const Lane& lane) {
+  LaneState state = lane.state;
+  if (account.options.parallel == Parallel::Sum) return state;
+  for (const auto& [host, other] : account.lanes) {
+    state.paidUntil = std::max(state.paidUntil, other.state.paidUntil);
+  }
+  return state;
+}
+
+LaneRow LaneRowOf(const std::pair<QString, QString>& name, const Account& account,
+                  const QString& host, EnforcementTime paidUntil) {
+  const bool isShared = account.options.parallel == Parallel::Union;
+  return {name.first, name.second, isShared ? QString() : host, paidUntil};
 }
 
 }  // namespace
@@ -72,11 +83,32 @@ ConnectedAgent* Household::Impl::Speaking(const AgentConnection& connection, con
   return &agent;
 }
 
-Account* Household::Impl::Counted(const AgentConnection& connection, const QString& user,
-                                  const QString& identifier) {
-  if (IsGlobalSettings(identifier)) return nullptr;
+Household::Impl::Counting Household::Impl::Counted(const AgentConnection& connection,
+                                                   const QString& user, const QString& identifier) {
+  const Name name(user, identifier);
+  if (IsGlobalSettings(identifier)) return {name};
   Account* account = Find(user, identifier);
-  return account && MaySpeakFor(connection, user) ? account : nullptr;
+  if (!account || !MaySpeakFor(connection, user)) return {name};
+  const bool isHosts = account->options.scope == Scope::UserAtHost && account->state.enabled;
+  return isHosts ? CountedAtHost(connection.host, name) : Counting{name, account};
+}
+
+LimitsRecord Household::Impl::LimitsToSend(const QString& identifier, const Account& account,
+                                           std::int32_t credit) const {
+  LimitsRecord limits = account.limits;
+  limits.credit = credit;
+  if (!account.options.schedule || !IsSession(identifier)) return limits;
+  const TopUpMoment moment = Moment();
+  return WithCurfewKeys(limits, TodaysKeys(*account.options.schedule, moment.zone, moment.now));
+}
+
+std::optional<std::int32_t> Household::Impl::AllowedMinutes(const QString& identifier,
+                                                            const Account& account,
+                                                            HandedAfter after) const {
+  if (!account.options.schedule || IsSession(identifier)) return std::nullopt;
+  const TopUpMoment moment = Moment();
+  return CreditToHand(std::numeric_limits<std::int32_t>::max(), *account.options.schedule,
+                      moment.zone, moment.now, after);
 }
 
 Lane& Household::Impl::LaneOf(Account& account, const Name& name, const QString& host,
@@ -88,7 +120,10 @@ Lane& Household::Impl::LaneOf(Account& account, const Name& name, const QString&
         account.lanes.begin(), account.lanes.end(), [](const auto& one, const auto& other) {
           return one.second.state.paidUntil < other.second.state.paidUntil;
         });
-    change->forgottenLane = LaneRow{name.first, name.second, oldest->first, {}};
+    // Of hosts that share minutes none is stored.
+    if (account.options.parallel == Parallel::Sum) {
+      change->forgottenLane = LaneRow{name.first, name.second, oldest->first, {}};
+    }
     account.lanes.erase(oldest);
   }
   return account.lanes[host];
@@ -97,7 +132,7 @@ Lane& Household::Impl::LaneOf(Account& account, const Name& name, const QString&
 void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
                                StoreChange change) {
   const AccountState before = account.state;
-  const std::optional<EnforcementTime> paidBefore = lane.state.paidUntil;
+  const std::optional<EnforcementTime> paidBefore = StateOf(account, lane).paidUntil;
   account.state = booking.account;
   lane.state = booking.lane;
   row.used = booking.charge + (booking.grace ? 1 : 0);
@@ -110,7 +145,7 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
     change.credit = {row.user, row.identifier, account.state.credit, account.state.spent};
   }
   if (lane.state.paidUntil && lane.state.paidUntil != paidBefore) {
-    change.lane = {row.user, row.identifier, row.host, *lane.state.paidUntil};
+    change.lane = LaneRowOf({row.user, row.identifier}, account, row.host, *lane.state.paidUntil);
   }
   const bool isIdle = row.used == 0 && row.minutes == 0;
   const EnforcementTime now = Now();
@@ -136,23 +171,28 @@ void Household::Impl::BookUse(const LedgerRow& row, std::uint64_t number) {
   if (keeper.IsShared()) usesUnderWay.push_back({number, name, today, row.used});
 }
 
-std::int32_t Household::Impl::CreditForFetch(const AgentConnection& connection, const QString& user,
-                                             const QString& identifier, Account& account) {
+Handed Household::Impl::CreditForFetch(const AgentConnection& connection, const QString& user,
+                                       const Counting& counting) {
+  Account& account = *counting.account;
   const auto known = account.lanes.find(connection.host);
   Lane passing;
   Lane& lane = known == account.lanes.end() ? passing : known->second;
-  const FetchBooking booking = AfterFetch(Now(), lane.state, account.state);
+  // Who was never heard of here owes nothing.
+  const LaneState state = &lane == &passing ? passing.state : StateOf(account, lane);
+  const HandedAfter after = state.startedSinceFetch ? HandedAfter::Start : HandedAfter::Report;
+  const FetchBooking booking =
+      AfterFetch(Now(), state, account.state, AllowedMinutes(counting.name.second, account, after));
   if (booking.charge == 0 || HasRoomToBook()) {
     LedgerRow row;
-    row.user = user;
-    row.identifier = identifier;
+    row.user = counting.name.first;
+    row.identifier = counting.name.second;
     row.host = connection.host;
     row.source = QStringLiteral("fetch");
     row.actor = QStringLiteral("agent of ") + user;
     row.reason = QStringLiteral("a report was lost");
     TakeOver(booking, account, lane, std::move(row), {});
   }
-  return booking.answer;
+  return {booking.answer, booking.capped};
 }
 
 Household::Impl::Fetched Household::Impl::Fetch(const AgentConnection& connection,
@@ -160,17 +200,25 @@ Household::Impl::Fetched Household::Impl::Fetch(const AgentConnection& connectio
   const Fetched unknownLimits{nullptr, DefaultLimits()};
   ConnectedAgent* agent = Speaking(connection, user);
   if (!agent) return unknownLimits;
-  Account* account = Counted(connection, user, identifier);
+  const Counting counting = Counted(connection, user, identifier);
+  Account* account = counting.account;
+  if (counting.isDenied) {
+    agent->fetches.Add({identifier, kSpentCredit, Now()});
+    // What was found in the store meanwhile may be that it was removed.
+    Account* shared = Find(user, identifier);
+    return shared ? Fetched{shared, LimitsToSend(identifier, *shared, kSpentCredit)}
+                  : unknownLimits;
+  }
   if (!account) {
     agent->fetches.Add({identifier, std::nullopt, Now()});
     Account* settings = IsGlobalSettings(identifier) ? Find(user, identifier) : nullptr;
-    return settings ? Fetched{settings, LimitsWith(*settings, 0)} : unknownLimits;
+    return settings ? Fetched{settings, LimitsToSend(identifier, *settings, 0)} : unknownLimits;
   }
-  const std::int32_t credit = CreditForFetch(connection, user, identifier, *account);
-  agent->handed[{user, identifier}] = credit;
+  const Handed handed = CreditForFetch(connection, user, counting);
+  agent->handed[counting.name] = handed;
   const bool isEnabled = account->state.enabled;
-  agent->fetches.Add({identifier, isEnabled ? std::optional(credit) : std::nullopt, Now()});
-  return {account, LimitsWith(*account, credit)};
+  agent->fetches.Add({identifier, isEnabled ? std::optional(handed.credit) : std::nullopt, Now()});
+  return {account, LimitsToSend(identifier, *account, handed.credit)};
 }
 
 const QByteArray& Household::Impl::Encoded(const QString& identifier, const Fetched& fetched) {
@@ -197,31 +245,32 @@ FetchReply Household::AnswerFetch(const AgentConnection& connection, const QStri
 void Household::ApplicationStarted(const AgentConnection& connection, const QString& user,
                                    const QString& identifier) {
   if (!impl_->Speaking(connection, user)) return;
-  Account* account = impl_->Counted(connection, user, identifier);
+  const auto [name, account, isDenied] = impl_->Counted(connection, user, identifier);
   if (!account || !impl_->HasRoomToBook()) return;
   StoreChange change;
-  Lane& lane = impl_->LaneOf(*account, {user, identifier}, connection.host, &change);
-  const std::optional<EnforcementTime> before = lane.state.paidUntil;
-  lane.state = AfterStart(impl_->Now(), lane.state);
-  if (lane.state.paidUntil == before) return;
-  change.lane = {user, identifier, connection.host, *lane.state.paidUntil};
+  Lane& lane = impl_->LaneOf(*account, name, connection.host, &change);
+  const LaneState before = StateOf(*account, lane);
+  lane.state = AfterStart(impl_->Now(), before);
+  if (lane.state.paidUntil == before.paidUntil) return;
+  change.lane = LaneRowOf(name, *account, connection.host, *lane.state.paidUntil);
   impl_->Write(std::move(change), *account);
 }
 
 void Household::CreditReport(const AgentConnection& connection, const QString& user,
                              const QString& identifier, std::int32_t claimed) {
   const ConnectedAgent* agent = impl_->Speaking(connection, user);
-  Account* account = impl_->Counted(connection, user, identifier);
+  const auto [name, account, isDenied] = impl_->Counted(connection, user, identifier);
   if (!agent || !account || !impl_->HasRoomToBook()) return;
   StoreChange change;
-  Lane& lane = impl_->LaneOf(*account, {user, identifier}, connection.host, &change);
-  const auto last = agent->handed.find({user, identifier});
-  const std::optional<std::int32_t> handed =
+  Lane& lane = impl_->LaneOf(*account, name, connection.host, &change);
+  const auto last = agent->handed.find(name);
+  const std::optional<Handed> handed =
       last == agent->handed.end() ? std::nullopt : std::optional(last->second);
-  const Booking booking = AfterReport(impl_->Now(), lane.state, account->state, handed, claimed);
+  const Booking booking =
+      AfterReport(impl_->Now(), StateOf(*account, lane), account->state, handed, claimed);
   LedgerRow row;
-  row.user = user;
-  row.identifier = identifier;
+  row.user = name.first;
+  row.identifier = name.second;
   row.host = connection.host;
   row.source = booking.grace ? QStringLiteral("grace") : QStringLiteral("report");
   row.claimed = claimed;
@@ -244,8 +293,11 @@ QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QSt
   const auto accounts = impl_->users.find(user);
   if (accounts == impl_->users.end() || !impl_->MaySpeakFor(connection, user)) return answer;
   for (const auto& [identifier, account] : accounts->second) {
-    const std::int32_t credit = CreditToSend(account.state.credit);
-    answer.insert(identifier, DictionaryOf(identifier, LimitsWith(account, credit)));
+    const auto own = impl_->NameAtHost(connection.host, {user, identifier});
+    const Account& shown = *impl_->Find(own.first, own.second);
+    const std::int32_t credit = CreditToSend(shown.state);
+    answer.insert(identifier,
+                  DictionaryOf(identifier, impl_->LimitsToSend(identifier, shown, credit)));
   }
   return answer;
 }
@@ -253,7 +305,7 @@ QVariantMap Household::LimitsOfUser(const AgentConnection& connection, const QSt
 QVariantMap Household::UsageByDay(const AgentConnection& connection, const QString& user,
                                   const QString& identifier) const {
   QVariantMap answer;
-  const auto days = impl_->usage.find({user, identifier});
+  const auto days = impl_->usage.find(impl_->NameAtHost(connection.host, {user, identifier}));
   if (days == impl_->usage.end() || !impl_->MaySpeakFor(connection, user)) return answer;
   for (const auto& [day, minutes] : days->second) {
     answer.insert(UsageDayKey(day), qlonglong{minutes});

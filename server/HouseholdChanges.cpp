@@ -28,6 +28,7 @@ Account Applied(const Account& before, bool isNew, const LimitsChange& change) {
   after.limits = change.limits;
   after.options = change.options;
   after.state.enabled = change.limits.enabled != 0;
+  after.state.unlimited = change.options.unlimited;
   if (differs) ++after.revision;
   if (change.credit) after.state = WithCredit(after.state, *change.credit);
   return after;

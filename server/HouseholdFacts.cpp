@@ -57,7 +57,12 @@ std::vector<AgentFacts> Household::Agents(
     const std::function<bool(const QString& user)>& maySee) const {
   std::vector<AgentFacts> agents;
   for (const auto& [id, agent] : impl_->connections) {
-    if (maySee(agent.user)) agents.push_back(FactsOf(agent, impl_->Now()));
+    if (!maySee(agent.user)) continue;
+    AgentFacts& facts = agents.emplace_back(FactsOf(agent, impl_->Now()));
+    for (AgentFacts::Application& application : facts.applications) {
+      const Account* account = impl_->Find(agent.user, application.identifier);
+      application.unlimited = account && application.credit && account->options.unlimited;
+    }
   }
   return agents;
 }

@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -33,7 +34,8 @@ struct Account {
   LimitsRecord limits;
   std::uint64_t revision = 0;
   AccountState state;
-  std::map<QString, Lane> lanes;  // by host
+  // By host; where hosts share minutes one without a name besides, which was stored for them all.
+  std::map<QString, Lane> lanes;
   LimitOptions options;
   TopUpMemory topUps;
   std::uint64_t version = 0;     // in a shared store
@@ -76,8 +78,14 @@ struct Household::Impl {
   bool MaySpeakFor(const AgentConnection& connection, const QString& user);
   // The record of a connection that speaks for the user now; null where it may not.
   ConnectedAgent* Speaking(const AgentConnection& connection, const QString& user);
-  // The account whose credit the request concerns; none for the global settings.
-  Account* Counted(const AgentConnection& connection, const QString& user,
+  // Whose credit a request concerns: the user's, or that of the host on a shared account.
+  struct Counting {
+    Name name;
+    Account* account = nullptr;  // null: none; so it is for the global settings
+    bool isDenied = false;       // the host should have one and cannot
+  };
+  // Waits for the store where a host gets its account.
+  Counting Counted(const AgentConnection& connection, const QString& user,
                    const QString& identifier);
   // What a fetch is answered with, apart from its form; books what it says.
   struct Fetched {
@@ -87,13 +95,39 @@ struct Household::Impl {
   Fetched Fetch(const AgentConnection& connection, const QString& user, const QString& identifier);
   const QByteArray& Encoded(const QString& identifier, const Fetched& fetched);
   // What a fetch is answered with, and what it books.
-  std::int32_t CreditForFetch(const AgentConnection& connection, const QString& user,
-                              const QString& identifier, Account& account);
+  Handed CreditForFetch(const AgentConnection& connection, const QString& user,
+                        const Counting& counting);
+  // The minutes that its hours allow an application; absent where there are none.
+  std::optional<std::int32_t> AllowedMinutes(const QString& identifier, const Account& account,
+                                             HandedAfter after) const;
+  // The limits as they are sent: with the credit, and the session with the hours of today.
+  LimitsRecord LimitsToSend(const QString& identifier, const Account& account,
+                            std::int32_t credit) const;
   Lane& LaneOf(Account& account, const Name& name, const QString& host, StoreChange* change);
   // Takes over what a rule decided, and puts the difference into the change.
   void TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
                 StoreChange change);
   void BookUse(const LedgerRow& row, std::uint64_t number);
+
+  // --- Hosts of shared accounts (HouseholdHosts.cpp). Their accounts have names of their own, and
+  // the keys and options of the limit, which they follow in its transactions.
+
+  struct HostChanges {
+    std::vector<StoreChange> changes;
+    std::vector<std::pair<Name, Account>> accounts;
+    std::vector<Name> removed;
+  };
+  std::vector<Name> HostAccounts(const Name& name);
+  // The limit that a host's account follows; null where it is none.
+  const Account* SharedBy(const Name& name);
+  // The account of the host where there is one, else the limit's own.
+  Name NameAtHost(const QString& host, const Name& name);
+  Counting CountedAtHost(const QString& host, const Name& name);
+  bool MakeHostAccount(const Name& name, const Name& own);
+  HostChanges FollowedBy(const Actor& actor, const Name& name, const Account* before,
+                         const Account& after);
+  HostChanges RemovedWith(const Actor& actor, const Name& name, const QString& reason);
+  void TakeOver(HostChanges follow);
 
   // --- Administrators.
 
@@ -117,6 +151,7 @@ struct Household::Impl {
     std::int64_t now = 0;  // milliseconds since 1970
     QTimeZone zone;
   };
+  TopUpMoment Moment() const;
   // Absent while the clock is not believed.
   std::optional<TopUpMoment> MomentOfTopUps() const;
   // A limit has other keys, is new or gone: what of it is due is to be decided again.
@@ -153,7 +188,9 @@ struct Household::Impl {
   // Of the last TopUpDue: the wall clock less the boot's, and the zone.
   std::optional<std::chrono::milliseconds> wallOffset;
   QTimeZone wallZone;
-  bool topUpsWait = false;       // for the disk
+  bool topUpsWait = false;  // for the disk
+  bool hostsWait = false;   // likewise
+  std::set<Name> hostsSaidFull;
   Restore* restoring = nullptr;  // the one that is under way
   struct Use {
     std::uint64_t number = 0;

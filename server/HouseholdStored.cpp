@@ -13,6 +13,7 @@ void Household::Impl::TakeLimits(const StoreContents& contents) {
     account.revision = entry.revision;
     account.state.enabled = entry.limits.enabled != 0;
     account.options = entry.options;
+    account.state.unlimited = entry.options.unlimited;
   }
   for (const TopUpRow& row : contents.topUps) {
     Account* account = Find(row.user, row.identifier);

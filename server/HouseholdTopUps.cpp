@@ -60,10 +60,13 @@ std::vector<LogEvent> EventsOf(const std::vector<StoreChange>& changes) {
 
 }  // namespace
 
+Household::Impl::TopUpMoment Household::Impl::Moment() const {
+  return {clocks.now().toMSecsSinceEpoch(), clocks.zone ? clocks.zone() : QTimeZone::utc()};
+}
+
 std::optional<Household::Impl::TopUpMoment> Household::Impl::MomentOfTopUps() const {
   if (!IsClockBelieved(clocks.isSet && clocks.isSet(), clocks.sinceBoot())) return std::nullopt;
-  const QTimeZone zone = clocks.zone ? clocks.zone() : QTimeZone::utc();
-  return TopUpMoment{clocks.now().toMSecsSinceEpoch(), zone};
+  return Moment();
 }
 
 void Household::Impl::TopUpsChanged(const Name& name) {

@@ -87,6 +87,10 @@ std::optional<QString> NameProblem(const QString& name) {
   return std::nullopt;
 }
 
+bool IsSession(const QString& identifier) {
+  return identifier == QLatin1String(kLoginWindowIdentifier);
+}
+
 bool IsGlobalSettings(const QString& identifier) {
   return identifier == QLatin1String(kGlobalSettingsIdentifier);
 }

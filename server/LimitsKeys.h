@@ -42,5 +42,6 @@ std::optional<QString> CreditProblem(std::int64_t minutes);
 std::optional<QString> NameProblem(const QString& name);
 
 bool IsGlobalSettings(const QString& identifier);
+bool IsSession(const QString& identifier);
 
 }  // namespace vardell::server

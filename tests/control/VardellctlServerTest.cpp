@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
+#include <fstream>
 
 #include "tests/server/Client.h"
 #include "tests/support/Program.h"
@@ -112,6 +113,39 @@ TEST_F(VardellctlServer, AnAgentsMinuteIsUsageOfTheServersDayAndShowsInTheStatus
     EXPECT_EQ(json({"usage", name, "--period", period})[u"usage"_s][0][u"total"_s], 1) << period;
   }
   EXPECT_EQ(vardellctl({"usage", "nobody else"}).status, 1);
+}
+
+TEST_F(VardellctlServer, AgentsAreAnsweredByTheOptionsThatWereSet) {
+  const QString user = QString::fromUtf8(getpwuid(getuid())->pw_name);
+  const std::string name = user.toStdString();
+  const QString address = json({"status"})[u"address"_s].toString();
+  const Client agent(address.section(u':', 1).toUShort());
+  const auto launched = [&] {
+    const QStringList names{user, u"org.game"_s};
+    agent.Send(FrameOf(RequestKind::ApplicationStart, names) +
+               FrameOf(RequestKind::FetchLimits, names));
+    return agent.ReadDictionary().value_or(QVariantMap())[u"Credit"_s].toInt();
+  };
+  EXPECT_EQ(vardellctl({"schedule", "set", name, "org.game", "daily closed"}).status, 0);
+  EXPECT_EQ(vardellctl({"credit", "set", name, "org.game", "30"}).status, 0);
+  EXPECT_EQ(launched(), kSpentCredit);
+  const QString shown = vardellctl({"schedule", "show", name, "org.game"}).output;
+  EXPECT_TRUE(shown.endsWith(u"\ndaily   closed\n"_s)) << qPrintable(shown);
+  const std::string file = path_ + "/hours";
+  std::ofstream(file) << "daily all-day\n";
+  EXPECT_EQ(vardellctl({"schedule", "set", name, "org.game", file}).status, 0);
+  EXPECT_EQ(launched(), 30);
+  EXPECT_EQ(vardellctl({"limits", "set", name, "org.game", "Scope=user@host"}).status, 0);
+  EXPECT_EQ(launched(), 30);
+  EXPECT_EQ(vardellctl({"credit", "set", name + "@local", "org.game", "7"}).status, 0);
+  EXPECT_EQ(launched(), 7);
+  EXPECT_EQ(vardellctl({"limits", "set", name + "@local", "org.game", "WD start=8:00"}).status, 1);
+  EXPECT_EQ(vardellctl({"limits", "set", name, "org.game", "Unlimited=yes"}).status, 0);
+  EXPECT_GT(launched(), 10000);
+  const QString status = vardellctl({"status"}).output;
+  EXPECT_TRUE(status.contains(u"  org.game (unlimited)\n"_s)) << qPrintable(status);
+  EXPECT_EQ(vardellctl({"limits", "unset", name, "org.game"}).status, 0);
+  EXPECT_EQ(vardellctl({"limits", "show", name + "@local", "org.game"}).status, 1);
 }
 
 }  // namespace

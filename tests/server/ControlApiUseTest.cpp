@@ -181,9 +181,10 @@ TEST_F(ControlApiUse, AgentsAreShownWithWhatTheyFetchedLately) {
       R"({"applications":[],"host":"192.0.2.7","since":"2009-03-05T18:00:00.000+01:00",)"
       R"("user":null})";
   const std::string head = R"({"applications":[)";
-  const std::string free = R"({"credit":null,"identifier":"org.example.free"},)";
-  const std::string others = R"({"credit":29,"identifier":"org.example.game"},)"
-                             R"({"credit":null,"identifier":"org.example.other"})";
+  const std::string free = R"({"credit":null,"identifier":"org.example.free","unlimited":false},)";
+  const std::string others =
+      R"({"credit":29,"identifier":"org.example.game","unlimited":false},)"
+      R"({"credit":null,"identifier":"org.example.other","unlimited":false})";
   const std::string tail =
       R"(],"host":"local","since":"2009-03-05T18:00:00.000+01:00","user":"anna"})";
   const std::string anna = head + free + others + tail;
