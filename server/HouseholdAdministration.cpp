@@ -129,8 +129,9 @@ std::optional<AdminResult> Household::Impl::TryToChangeLimits(const Actor& actor
   if (const auto moment = MomentOfTopUps()) {
     (void)TopUp({{user, identifier}}, *moment);  // otherwise it waits for TopUpDue
   }
-  return AdminResult{
-      AdminStatus::Ok, {}, {}, EntryOf(user, identifier, *Find(user, identifier)), 0};
+  // Another Server may have removed it, which a conflict of the top-up has told.
+  const Account* there = Find(user, identifier);
+  return AdminResult{AdminStatus::Ok, {}, {}, there ? EntryOf(user, identifier, *there) : entry, 0};
 }
 
 AdminResult Household::RemoveLimits(const Actor& actor, const QString& user,

@@ -83,7 +83,7 @@ std::optional<AdminResult> Household::Impl::TryToChangeCredit(const CreditChange
   if (applied.status == ApplyStatus::Failed) {
     return Refuse(AdminStatus::StoreFailed, {}, applied.error);
   }
-  *Find(user, identifier) = after;
+  users[user][identifier] = after;
   TakeVersions(applied);
   return AdminResult{AdminStatus::Ok, {}, {}, entry, added};
 }
