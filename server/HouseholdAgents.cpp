@@ -40,6 +40,11 @@ QVariantMap DictionaryOf(const QString& identifier, const LimitsRecord& record) 
   return quota;
 }
 
+LimitsRecord With(LimitsRecord limits, std::int32_t credit) {
+  limits.credit = credit;
+  return limits;
+}
+
 // Where hosts share minutes, use is paid as far as any of them has paid.
 LaneState StateOf(const Account& account, const Lane& lane) {
   LaneState state = lane.state;
@@ -54,6 +59,20 @@ LaneRow LaneRowOf(const std::pair<QString, QString>& name, const Account& accoun
                   const QString& host, EnforcementTime paidUntil) {
   const bool isShared = account.options.parallel == Parallel::Union;
   return {name.first, name.second, isShared ? QString() : host, paidUntil};
+}
+
+// The frame with another credit in it, which is all that changes from minute to minute; empty where
+// it has none.
+QByteArray FrameWith(const QByteArray& frame, std::int32_t credit) {
+  constexpr QByteArrayView kBefore("<integer>");
+  const qsizetype key = frame.indexOf("<key>Credit</key>");
+  const qsizetype number = key < 0 ? -1 : frame.indexOf(kBefore, key);
+  const qsizetype end = number < 0 ? -1 : frame.indexOf('<', number + kBefore.size());
+  if (end < 0) return {};
+  QByteArray body = frame.mid(kReplyHeaderBytes);
+  const qsizetype begin = number + kBefore.size();
+  body.replace(begin - kReplyHeaderBytes, end - begin, QByteArray::number(credit));
+  return BuildReply(body);
 }
 
 }  // namespace
@@ -225,7 +244,10 @@ const QByteArray& Household::Impl::Encoded(const QString& identifier, const Fetc
   EncodedLimits& none = IsGlobalSettings(identifier) ? unknownSettings : unknown;
   EncodedLimits& encoded = fetched.account ? fetched.account->encoded : none;
   if (!encoded.frame.isEmpty() && encoded.limits == fetched.limits) return encoded.frame;
+  const bool hasNewCredit = With(encoded.limits, fetched.limits.credit) == fetched.limits;
   encoded.limits = fetched.limits;
+  if (hasNewCredit) encoded.frame = FrameWith(encoded.frame, fetched.limits.credit);
+  if (!encoded.frame.isEmpty() && hasNewCredit) return encoded.frame;
   encoded.frame =
       BuildReply(WritePropertyListXml(DictionaryOf(identifier, fetched.limits)).value_or(""));
   return encoded.frame;

@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "Common Sources/Caps.h"
+#include "Common Sources/PropertyList.h"
 #include "limits/WatchedApps.h"
+#include "link/Frame.h"
 #include "link/LimitsRecord.h"
 #include "tests/server/FullDisk.h"
 #include "tests/server/HouseholdFixture.h"
@@ -127,6 +129,19 @@ TEST_F(HouseholdTest, TheGlobalSettingsCarryTheQuotaAlone) {
   EXPECT_EQ(some.size(), 2);
   EXPECT_EQ(some.value(QStringLiteral("DQ Value")).toInt(), 700);
   EXPECT_TRUE(Ledger().empty());
+}
+
+TEST_F(HouseholdTest, AnAnswerKeptFromBeforeShowsTheCreditAndTheLimitsOfNow) {
+  const QVariantMap changes[] = {{{kCredit, 100}},
+                                 {{kCredit, 9}},
+                                 {{kCredit, 2147483647}},
+                                 {{kCredit, 0}, {kStart, 480}},
+                                 {{kStart, 9}}};
+  for (const QVariantMap& keys : changes) {
+    Limit(keys);
+    const QByteArray frame = household_->AnswerFetch(connection_, anna_, game_).frame;
+    EXPECT_EQ(frame, BuildReply(WritePropertyListXml(FetchAll()).value_or("")));
+  }
 }
 
 TEST_F(HouseholdTest, AUserOfThisMachineSpeaksForNobodyElse) {
