@@ -53,11 +53,12 @@ void Household::Impl::CatchUp() {
 }
 
 ApplyResult Household::Impl::WriteNow(const std::vector<StoreChange>& changes) {
-  ApplyResult result = keeper.ApplyNow(changes);
+  StoreThread::News before;
+  ApplyResult result = keeper.ApplyNow(changes, &before);
+  TakeNews(before);
   if (result.status == ApplyStatus::Done) {
     for (const StoreChange& change : changes) Count(change);
   }
-  (void)TakeStored();
   return result;
 }
 

@@ -68,7 +68,7 @@ struct Household::Impl {
   // In place of everything but lanes, and of what agents changed after `through`.
   void TakeEverything(const StoreContents& contents, std::uint64_t through);
   std::uint64_t TakeStored();
-  void Reload();
+  void TakeNews(const StoreThread::News& news);
 
   Account* Find(const QString& user, const QString& identifier);
   EnforcementTime Now() const;

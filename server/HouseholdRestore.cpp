@@ -251,7 +251,7 @@ RestoreResult Household::Restore::Finish() {
     household_.TopUpsChanged(name);
   }
   household_.usage = std::move(usage_);
-  if (household_.keeper.IsShared()) household_.Reload();
+  if (household_.keeper.IsShared()) household_.keeper.LoadAll();
   return result;
 }
 

@@ -60,15 +60,16 @@ void Household::Impl::TakeEverything(const StoreContents& contents, std::uint64_
     const auto accounts = before.find(entry.user);
     if (accounts == before.end()) continue;
     const auto account = accounts->second.find(entry.identifier);
-    if (account != accounts->second.end()) users[entry.user][entry.identifier] = account->second;
+    if (account == accounts->second.end()) continue;
+    // A database that was put back may have lower versions.
+    Account& kept = users[entry.user][entry.identifier] = account->second;
+    kept.version = 0;
   }
   TakeLimits(contents);
   ForgetHanded();
 }
 
-std::uint64_t Household::Impl::TakeStored() {
-  const std::uint64_t stored = keeper.Stored();
-  const StoreThread::News news = keeper.TakeNews();
+void Household::Impl::TakeNews(const StoreThread::News& news) {
   for (const LogEvent& line : news.lines) Log(line);
   if (news.everything) TakeEverything(*news.everything, news.everythingThrough);
   for (const StoreNews& others : news.others) TakeNews(others);
@@ -76,16 +77,13 @@ std::uint64_t Household::Impl::TakeStored() {
     appliedThrough = std::max(appliedThrough, applied.through);
     for (const CreditRow& credit : applied.accounts) TakeCredit(credit);
   }
-  while (!usesUnderWay.empty() && usesUnderWay.front().number <= stored) usesUnderWay.pop_front();
-  return stored;
 }
 
-void Household::Impl::Reload() {
-  StoreContents contents;
-  QString error;
-  const auto load = [&](Store& store) { contents = store.Load(clocks.bootId); };
-  if (keeper.Call(load, &error)) return TakeEverything(contents, keeper.Submitted());
-  Log(error);
+std::uint64_t Household::Impl::TakeStored() {
+  const std::uint64_t stored = keeper.Stored();
+  TakeNews(keeper.TakeNews());
+  while (!usesUnderWay.empty() && usesUnderWay.front().number <= stored) usesUnderWay.pop_front();
+  return stored;
 }
 
 }  // namespace vardell::server

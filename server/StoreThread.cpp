@@ -17,6 +17,14 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kTimeBetweenTries{1};
 constexpr std::chrono::seconds kTimeBetweenNews{1};
+// For the thread to begin with what is waited for; and where that was in vain, for a while.
+constexpr std::chrono::milliseconds kPatience{500};
+constexpr std::chrono::milliseconds kLittlePatience{20};
+constexpr std::chrono::seconds kTimeOfLittlePatience{2};
+
+QString Busy() {
+  return QStringLiteral("the store is still busy with what came before; try again");
+}
 
 }  // namespace
 
@@ -30,8 +38,12 @@ struct StoreThread::Impl {
   bool WriteToStore();
   void WriteToSpool();
   void RunTask();
-  void LookForNews();
+  enum class Everything { Load, Later };
+  void LookForNews(Everything everything);
+  void LookForNewsIfDue();
+  void Publish(StoreContents everything);
   void TryToComeBack();
+  void ComeBackForTask();
   bool Replay(QString* error);
   bool DropSpool(QString* error);
   void DropStored(std::uint64_t last);
@@ -41,8 +53,10 @@ struct StoreThread::Impl {
   void Say(const LogEvent& line);
   void Notify();
 
-  // Runs `action` on the thread, after all that was submitted.
-  void OnThread(const std::function<void()>& action);
+  // Runs `action` on the thread, after all that was submitted. False, and it is not run, where the
+  // thread does not come to it in a short time.
+  bool OnThread(const std::function<void()>& action);
+  SteadyClock::duration Patience(SteadyClock::duration most) const;
 
   std::unique_ptr<Store> store;
   const Options options;
@@ -53,16 +67,21 @@ struct StoreThread::Impl {
   std::condition_variable progress;  // from it
   std::vector<NumberedChange> incoming;
   std::function<void()> task;  // at most one: who asks for it waits
+  std::uint64_t taskNumber = 0;
   bool isTaskDone = false;
   bool isStopping = false;
+  bool mustLoad = false;
   News news;
   StoreFacts facts;
   std::atomic<std::uint64_t> stored{0};
-  std::uint64_t submitted = 0;  // the network's thread's
+  // The network's thread's.
+  std::uint64_t submitted = 0;
+  SteadyClock::time_point littlePatienceUntil;
 
   // The thread's own.
   std::vector<NumberedChange> unwritten;  // neither in the store nor in the spool
-  std::function<void()> todo;             // after what came in before it
+  std::uint64_t readyTask = 0;            // number of the task that came in with them
+  bool isLast = false;                    // nothing comes in any more
   bool isAway = false;
   bool spoolFails = false;
   std::uint64_t applied = 0;  // in the store
@@ -228,42 +247,68 @@ void StoreThread::Impl::TryToComeBack() {
   } catch (const std::runtime_error& problem) {
     return Fail(QString::fromUtf8(problem.what()));
   }
-  const std::uint64_t loadedThrough = applied;
+  if (everything) Publish(std::move(*everything));
   if (!WriteToStore()) return;
   isAway = false;
   {
     const std::lock_guard lock(mutex);
     facts.isAway = false;
     facts.problem.clear();
-    if (everything) {
-      news.others.clear();
-      news.everything = std::move(everything);
-      news.everythingThrough = loadedThrough;
-    }
   }
   Say({"store-back", LogPriority::Notice,
        QStringLiteral("the store takes changes again, all is written")});
   MarkStored(applied);
 }
 
-void StoreThread::Impl::LookForNews() {
+// Whoever waits for a task gets no more than what is stored by then: to replay much takes its time.
+void StoreThread::Impl::ComeBackForTask() {
+  const bool isSoonDone = !spool || spool->Count() <= kMaxChangesInBatch;
+  if (isAway && !store->IsShared() && isSoonDone) TryToComeBack();
+}
+
+// What the network's thread has not taken yet is in it.
+void StoreThread::Impl::Publish(StoreContents everything) {
+  {
+    const std::lock_guard lock(mutex);
+    news.applied.clear();
+    news.others.clear();
+    news.everything = std::move(everything);
+    news.everythingThrough = applied;
+    mustLoad = false;
+  }
+  Notify();
+}
+
+void StoreThread::Impl::LookForNews(Everything everything) {
   nextNews = SteadyClock::now() + kTimeBetweenNews;
   try {
     StoreNews found = store->News();
     if (found.IsEmpty()) return;
-    std::optional<StoreContents> everything;
-    if (found.everything) everything = store->Load(options.bootId);
-    {
-      const std::lock_guard lock(mutex);
-      if (everything) {
-        news.others.clear();
-        news.everything = std::move(everything);
-        news.everythingThrough = applied;
-      } else {
+    if (!found.everything) {
+      {
+        const std::lock_guard lock(mutex);
         news.others.push_back(std::move(found));
       }
+      Notify();
+    } else if (everything == Everything::Load) {
+      Publish(store->Load(options.bootId));
+    } else {
+      nextNews = SteadyClock::now();
     }
-    Notify();
+  } catch (const std::runtime_error& problem) {
+    Fail(QString::fromUtf8(problem.what()));
+  }
+}
+
+void StoreThread::Impl::LookForNewsIfDue() {
+  const bool isAllWanted = [this] {
+    const std::lock_guard lock(mutex);
+    return mustLoad;
+  }();
+  if (!isAllWanted && SteadyClock::now() < nextNews) return;
+  if (!isAllWanted) return LookForNews(Everything::Load);
+  try {
+    Publish(store->Load(options.bootId));
   } catch (const std::runtime_error& problem) {
     Fail(QString::fromUtf8(problem.what()));
   }
@@ -271,7 +316,9 @@ void StoreThread::Impl::LookForNews() {
 
 bool StoreThread::Impl::Wait() {
   std::unique_lock lock(mutex);
-  const auto isReady = [this] { return !incoming.empty() || task || isStopping; };
+  const auto isReady = [this] {
+    return !incoming.empty() || task || isStopping || (mustLoad && !isAway);
+  };
   if (isAway) {
     wake.wait_until(lock, nextTry, isReady);
   } else if (store->IsShared()) {
@@ -285,14 +332,20 @@ bool StoreThread::Impl::Wait() {
     std::move(incoming.begin(), incoming.end(), std::back_inserter(unwritten));
     incoming.clear();
   }
-  todo = std::exchange(task, nullptr);
-  return !isStopping || todo || !unwritten.empty();
+  readyTask = task ? taskNumber : 0;
+  isLast = isStopping;
+  return !isStopping || !unwritten.empty();
 }
 
+// It may have been given up meanwhile, also for another one, whose changes are still to come in.
 void StoreThread::Impl::RunTask() {
+  std::function<void()> todo;
+  {
+    const std::lock_guard lock(mutex);
+    if (readyTask == taskNumber) todo = std::exchange(task, nullptr);
+  }
   if (!todo) return;
   todo();
-  todo = nullptr;
   const std::lock_guard lock(mutex);
   isTaskDone = true;
   progress.notify_all();
@@ -300,26 +353,34 @@ void StoreThread::Impl::RunTask() {
 
 void StoreThread::Impl::Run() {
   while (Wait()) {
-    const bool isLast = [this] {
-      const std::lock_guard lock(mutex);
-      return isStopping;
-    }();
     Write();
     if (isAway && (SteadyClock::now() >= nextTry || (isLast && !unwritten.empty()))) {
       TryToComeBack();
     }
     RunTask();
-    if (!isAway && store->IsShared() && SteadyClock::now() >= nextNews) LookForNews();
+    if (!isAway && store->IsShared()) LookForNewsIfDue();
     if (isLast) break;
   }
 }
 
-void StoreThread::Impl::OnThread(const std::function<void()>& action) {
+SteadyClock::duration StoreThread::Impl::Patience(SteadyClock::duration most) const {
+  const bool isLittle = SteadyClock::now() < littlePatienceUntil;
+  return isLittle ? std::min<SteadyClock::duration>(most, kLittlePatience) : most;
+}
+
+bool StoreThread::Impl::OnThread(const std::function<void()>& action) {
   std::unique_lock lock(mutex);
   isTaskDone = false;
   task = action;
+  ++taskNumber;
   wake.notify_one();
+  if (!progress.wait_for(lock, Patience(kPatience), [this] { return !task; })) {
+    task = nullptr;
+    littlePatienceUntil = SteadyClock::now() + kTimeOfLittlePatience;
+    return false;
+  }
   progress.wait(lock, [this] { return isTaskDone; });
+  return true;
 }
 
 StoreThread::StoreThread(std::unique_ptr<Store> store, Options options)
@@ -389,27 +450,29 @@ StoreFacts StoreThread::Facts() const {
   return facts;
 }
 
-ApplyResult StoreThread::ApplyNow(const std::vector<StoreChange>& changes) {
+ApplyResult StoreThread::ApplyNow(const std::vector<StoreChange>& changes, News* before) {
   ApplyResult result;
   Impl& impl = *impl_;
-  impl.OnThread([&] {
-    if (impl.isAway && !impl.store->IsShared()) impl.TryToComeBack();
+  const bool hasRun = impl.OnThread([&] {
+    impl.ComeBackForTask();
     if (impl.isAway) {
       result = {ApplyStatus::Failed, Facts().problem, {}};
-      return;
+    } else {
+      result = impl.Apply(changes, 0);
     }
-    result = impl.Apply(changes, 0);
-    if (result.status == ApplyStatus::Failed) impl.Fail(result.error);
-    if (result.status == ApplyStatus::Conflict) impl.LookForNews();
+    if (!impl.isAway && result.status == ApplyStatus::Failed) impl.Fail(result.error);
+    if (result.status == ApplyStatus::Conflict) impl.LookForNews(Impl::Everything::Later);
+    *before = TakeNews();
   });
+  if (!hasRun) return {ApplyStatus::Failed, Busy(), {}};
   return result;
 }
 
 bool StoreThread::Call(const std::function<void(Store&)>& action, QString* error) {
   bool isDone = false;
   Impl& impl = *impl_;
-  impl.OnThread([&] {
-    if (impl.isAway && !impl.store->IsShared()) impl.TryToComeBack();
+  const bool hasRun = impl.OnThread([&] {
+    impl.ComeBackForTask();
     if (impl.isAway) {
       *error = Facts().problem;
       return;
@@ -421,12 +484,23 @@ bool StoreThread::Call(const std::function<void(Store&)>& action, QString* error
       *error = QString::fromUtf8(problem.what());
     }
   });
+  if (!hasRun) *error = Busy();
   return isDone;
 }
 
+void StoreThread::LoadAll() {
+  const std::lock_guard lock(impl_->mutex);
+  impl_->mustLoad = true;
+  impl_->wake.notify_one();
+}
+
 bool StoreThread::Settle(std::chrono::milliseconds most) {
-  std::unique_lock lock(impl_->mutex);
-  return impl_->progress.wait_for(lock, most, [this] { return impl_->stored >= impl_->submitted; });
+  Impl& impl = *impl_;
+  std::unique_lock lock(impl.mutex);
+  const auto isSettled = [&impl] { return impl.stored >= impl.submitted; };
+  if (impl.progress.wait_for(lock, impl.Patience(most), isSettled)) return true;
+  impl.littlePatienceUntil = SteadyClock::now() + kTimeOfLittlePatience;
+  return false;
 }
 
 bool StoreThread::IsShared() const {

@@ -61,11 +61,16 @@ class StoreThread {
   News TakeNews();
   StoreFacts Facts() const;
 
-  // --- These wait: for all that was submitted before, and then for themselves. They fail at once
-  // while the store is away.
+  // Shared stores: everything is read again, for TakeNews. Does not wait.
+  void LoadAll();
 
-  // In one transaction. After a conflict, TakeNews tells what others have changed.
-  ApplyResult ApplyNow(const std::vector<StoreChange>& changes);
+  // --- These wait: for all that was submitted before, half a second at most, and then for
+  // themselves. They fail at once while the store is away. After a wait that was in vain the next
+  // ones are hardly patient for a while: whoever asks again and again must not stop the network.
+
+  // In one transaction. `before`: news that are older than the result, after a conflict with what
+  // others have changed; those that TakeNews tells later are newer.
+  ApplyResult ApplyNow(const std::vector<StoreChange>& changes, News* before);
   // Runs on the store's thread. False, with a line for people, where it was not run, or threw
   // std::runtime_error.
   [[nodiscard]] bool Call(const std::function<void(Store&)>& action, QString* error);

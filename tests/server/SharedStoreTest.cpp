@@ -111,6 +111,15 @@ class SharedStoreTest : public testing::Test {
       if (used != 0) database_.contents.usage = {{kAnna, kGame, kDay, used}};
     });
   }
+  // A report of one more minute.
+  void Use(std::int32_t claimed) {
+    sinceBoot_ += 60s;
+    household_->CreditReport(connection_, kAnna, kGame, claimed);
+  }
+  std::int64_t Used() {
+    const auto days = household_->Usage(kAnna, kGame);
+    return days && days->count(kDay) != 0 ? days->at(kDay) : 0;
+  }
 
   std::atomic<bool> isBack_ = false;
   // On the store's thread, as soon as there is something; nobody else uses the Household then.
@@ -138,6 +147,47 @@ TEST_F(SharedStoreTest, ALimitThatAnotherServerRemovesBeforeItsTopUpIsAnsweredAs
   ASSERT_EQ(result.status, AdminStatus::Ok) << qPrintable(result.message);
   EXPECT_EQ(result.entry->revision, 2u);
   EXPECT_FALSE(household_->Limits(kAnna, kGame).has_value());
+}
+
+TEST_F(SharedStoreTest, ADatabaseThatIsPutBackIsBelievedThoughItsVersionsAreLower) {
+  Has(5, 900);
+  Open();
+  Has(7, 20);
+  database_.Locked([&] { database_.news.everything = true; });
+  EXPECT_TRUE(test::WaitUntil([&] {
+    (void)household_->TakeStored();
+    return household_->Limits(kAnna, kGame)->credit == 7;
+  }));
+  std::optional<std::uint64_t> basedOn;
+  database_.apply = [&](const std::vector<StoreChange>& changes) -> ApplyResult {
+    basedOn = changes.at(0).basedOn;
+    return {};
+  };
+  EXPECT_EQ(household_->SetCredit(root_, kAnna, kGame, 9, QStringLiteral("id"), {}).status,
+            AdminStatus::Ok);
+  EXPECT_EQ(basedOn, 20u);
+}
+
+TEST_F(SharedStoreTest, UseThatIsStoredBehindALoadIsNotForgotten) {
+  Has(100, 2);
+  Open();
+  Use(99);
+  household_->Settle();
+  database_.Locked([&] { database_.isThere = false; });
+  Use(98);
+  EXPECT_TRUE(test::WaitUntil([&] { return household_->Facts().writing.isAway; }));
+  Has(99, 3, 1);
+  takesAtOnce_ = true;
+  database_.Locked([&] {
+    database_.apply = [&](const std::vector<StoreChange>&) -> ApplyResult {
+      return {ApplyStatus::Done, {}, {{kAnna, kGame, 98, false, 4}}};
+    };
+    database_.isThere = true;
+  });
+  EXPECT_TRUE(test::WaitUntil([&] { return isBack_.load(); }));
+  takesAtOnce_ = false;
+  EXPECT_EQ(household_->Limits(kAnna, kGame)->credit, 98);
+  EXPECT_EQ(Used(), 2);
 }
 
 }  // namespace

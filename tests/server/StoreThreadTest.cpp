@@ -120,7 +120,8 @@ TEST_F(StoreThreadTest, WhatFailsIsSpooledAndAppliedOnceInOrderWhenTheStoreIsBac
     Submit(601, 5000);
     EXPECT_TRUE(IsAllStored());
     EXPECT_LE(disk_.Minutes().size(), 600u);
-    EXPECT_EQ(thread_->ApplyNow({}).status, ApplyStatus::Failed);
+    StoreThread::News before;
+    EXPECT_EQ(thread_->ApplyNow({}, &before).status, ApplyStatus::Failed);
     disk_.Become(Disk::Health::Well);
     Submit(5001, 5010);
     EXPECT_TRUE(test::WaitUntil([&] { return !IsAway(); }));
@@ -157,6 +158,23 @@ TEST_F(StoreThreadTest, WithoutASpoolChangesWaitInMemory) {
   disk_.Become(Disk::Health::Well);
   EXPECT_TRUE(IsAllStored());
   EXPECT_EQ(disk_.Minutes(), UpTo(100));
+}
+
+TEST_F(StoreThreadTest, WhoeverWaitsForAStoreThatHangsIsRefusedAndNothingIsDoneLater) {
+  Open();
+  std::unique_lock hangs(disk_.mutex);
+  Submit(1, 1);
+  StoreChange change;
+  change.ledger.emplace().minutes = 99;
+  StoreThread::News before;
+  QString error;
+  EXPECT_EQ(thread_->ApplyNow({change}, &before).status, ApplyStatus::Failed);
+  EXPECT_FALSE(thread_->Call([](Store&) { ADD_FAILURE(); }, &error));
+  EXPECT_FALSE(error.isEmpty());
+  hangs.unlock();
+  EXPECT_TRUE(IsAllStored());
+  EXPECT_EQ(thread_->ApplyNow({}, &before).status, ApplyStatus::Done);
+  EXPECT_EQ(disk_.Minutes(), UpTo(1));
 }
 
 TEST_F(StoreThreadTest, ASpoolKeepsEverythingThatAnAgentChanges) {
