@@ -9,6 +9,7 @@
 
 #include "Common Sources/Caps.h"
 #include "server/Spool.h"
+#include "server/SpoolRebase.h"
 
 namespace vardell::server {
 namespace {
@@ -96,9 +97,10 @@ StoreThread::Impl::Impl(std::unique_ptr<Store> itsStore, Options itsOptions)
   spool.emplace(options.spool);
   store->SetServerId(spool->ServerId());
   if (spool->WasDamaged()) {
-    news.lines.push_back(QStringLiteral("the end of the spool %1 was damaged and is left out; a "
-                                        "copy is in %1.damaged")
-                             .arg(options.spool));
+    news.lines.push_back(
+        QStringLiteral("the end of the spool %1 was damaged and is left out; a "
+                       "copy is in %1.damaged")
+            .arg(options.spool));
   }
 }
 
@@ -401,6 +403,9 @@ StoreContents StoreThread::Load() {
   Impl& impl = *impl_;
   QString error;
   impl.applied = impl.store->LastNumber();
+  StoredAccounts accounts;
+  const bool isRebased = impl.spool && impl.spool->Count() != 0 && !impl.store->IsShared();
+  if (isRebased) accounts = AccountsOf(impl.store->Load(impl.options.bootId));
   while (impl.spool) {
     std::vector<NumberedChange> next = impl.spool->Next(kMaxChangesInBatch, &error);
     if (!error.isEmpty()) throw std::runtime_error(error.toStdString());
@@ -411,6 +416,7 @@ StoreContents StoreThread::Load() {
       if (one.number > impl.applied) changes.push_back(std::move(one.change));
     }
     if (changes.empty()) continue;
+    if (isRebased) changes = Rebased(changes, &accounts);
     const ApplyResult result = impl.Apply(changes, next.back().number);
     if (result.status != ApplyStatus::Done) throw StoreAway(result.error.toStdString());
     impl.applied = next.back().number;

@@ -2,16 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QTemporaryDir>
 #include <mutex>
 
 #include "server/Spool.h"
+#include "tests/server/StoreFixture.h"
 #include "tests/support/Waiting.h"
 
 namespace vardell::server {
 namespace {
 
-// What outlives the Server, as a store does: the minutes of each change that was stored, in order.
+// What outlives the Server, as a store does: what each change that was stored claimed, in order.
 struct Disk {
   enum class Health { Well, Refuses, StoresAndThenFails };
 
@@ -43,7 +45,8 @@ class FakeStore : public Store {
                     std::uint64_t lastNumber) override {
     const std::lock_guard lock(disk_.mutex);
     if (disk_.health == Disk::Health::Refuses) return Failed();
-    for (const StoreChange& change : changes) disk_.minutes.push_back(change.ledger->minutes);
+    for (const StoreChange& change : changes)
+      disk_.minutes.push_back(change.ledger->claimed.value());
     if (lastNumber != 0) disk_.numbers[id_] = lastNumber;
     if (disk_.health == Disk::Health::Well) return {};
     disk_.health = Disk::Health::Refuses;
@@ -87,7 +90,7 @@ class StoreThreadTest : public testing::Test {
   void Submit(int first, int last) {
     for (int i = first; i <= last; ++i) {
       StoreChange change;
-      change.ledger.emplace().minutes = i;
+      change.ledger.emplace().claimed = i;
       change.lane = {QStringLiteral("anna"), QStringLiteral("game"), QStringLiteral("local"),
                      std::chrono::milliseconds(i)};
       (void)thread_->Submit(std::move(change));
@@ -165,7 +168,7 @@ TEST_F(StoreThreadTest, WhoeverWaitsForAStoreThatHangsIsRefusedAndNothingIsDoneL
   std::unique_lock hangs(disk_.mutex);
   Submit(1, 1);
   StoreChange change;
-  change.ledger.emplace().minutes = 99;
+  change.ledger.emplace().claimed = 99;
   StoreThread::News before;
   QString error;
   EXPECT_EQ(thread_->ApplyNow({change}, &before).status, ApplyStatus::Failed);
@@ -216,6 +219,36 @@ TEST_F(StoreThreadTest, ASpoolKeepsEverythingThatAnAgentChanges) {
             std::tie(row.minutes, row.credit, row.used, row.claimed, row.source, row.actor));
   EXPECT_FALSE(read[1].change.ledger || read[1].change.credit || read[1].change.lane);
   EXPECT_THROW(Spool{path}, std::runtime_error) << "in use";
+}
+
+// Its credit is another than the one that the changes were made from.
+TEST_F(StoreThreadTest, WhatWasSpooledIsTakenFromTheCreditOfABackupThatWasPutInTheStoresPlace) {
+  const QString spool = folder_.filePath(QStringLiteral("spool"));
+  const QString store = folder_.filePath(QStringLiteral("store"));
+  const QString backup = folder_.filePath(QStringLiteral("backup"));
+  const auto open = [&] {
+    return std::make_unique<StoreThread>(OpenStore(store), StoreThread::Options{spool, kBoot, {}});
+  };
+  thread_ = open();
+  (void)thread_->Load();
+  StoreThread::News before;
+  EXPECT_EQ(thread_->ApplyNow({Setting(kGame, 0, 0, 10)}, &before).status, ApplyStatus::Done);
+  thread_.reset();
+  EXPECT_TRUE(QFile::copy(store, backup));
+  thread_ = open();
+  (void)thread_->Load();
+  (void)thread_->Submit(Use(kGame, 3, 10));
+  thread_.reset();
+  QString error;
+  EXPECT_TRUE(Spool(spool).Append({{2, Use(kGame, 1, 7)}, {3, Use(kChat, 1, 1)}}, &error));
+  EXPECT_TRUE(QFile::remove(store) && QFile::copy(backup, store));
+  thread_ = open();
+  const StoreContents contents = thread_->Load();
+  ASSERT_EQ(contents.credit.size(), 1u) << "none for an account that is not there";
+  EXPECT_EQ(contents.credit[0].minutes, 9);
+  EXPECT_EQ(contents.usage.size(), 2u);
+  thread_.reset();
+  EXPECT_EQ(Spool(spool).Count(), 0u);
 }
 
 }  // namespace
