@@ -183,9 +183,6 @@ std::optional<QByteArray> Spool::ReadRecord(std::int64_t offset) const {
 
 // A new file, or one whose making was interrupted.
 void Spool::MakeHeader() {
-  if (end_ > kRecordHeaderBytes + static_cast<std::int64_t>(kMaxSpoolRecordBytes)) {
-    throw Unusable(path_, QStringLiteral("it is a file of another kind"));
-  }
   QByteArray payload;
   QDataStream stream(&payload, QIODevice::WriteOnly);
   stream.setVersion(QDataStream::Qt_6_0);
@@ -193,6 +190,9 @@ void Spool::MakeHeader() {
   stream << QString::fromLatin1(kFormat) << serverId_;
   QByteArray bytes;
   AppendRecord(payload, &bytes);
+  if (end_ > bytes.size()) {
+    throw Unusable(path_, QStringLiteral("it is damaged, or a file of another kind"));
+  }
   if (!Truncate(0) || !WriteAll(file_, bytes, 0) || fsync(file_) != 0) {
     throw Unusable(path_, SystemText());
   }
@@ -223,11 +223,32 @@ void Spool::Scan() {
     offset += kRecordHeaderBytes + record->size();
   }
   if (offset == end_) return;
-  wasDamaged_ = true;
-  const QString copy = path_ + QStringLiteral(".damaged");
-  QFile::remove(copy);
-  if (!QFile::copy(path_, copy)) throw Unusable(path_, QStringLiteral("it is damaged"));
+  if (!IsTorn(offset)) KeepDamaged(offset);
   if (!Truncate(offset) || fsync(file_) != 0) throw Unusable(path_, SystemText());
+}
+
+// What a Server was writing when it was killed. Nothing was promised of it, and no room is needed
+// to keep it: the disk may be full.
+bool Spool::IsTorn(std::int64_t offset) const {
+  const std::int64_t left = end_ - offset;
+  char size[4];
+  if (left < kRecordHeaderBytes) return true;
+  if (pread(file_, size, sizeof size, offset) != sizeof size) return false;
+  const auto bytes = qFromBigEndian<std::uint32_t>(size);
+  return bytes <= kMaxSpoolRecordBytes && bytes > left - kRecordHeaderBytes;
+}
+
+void Spool::KeepDamaged(std::int64_t offset) {
+  wasDamaged_ = true;
+  QFile spool(path_);
+  QFile copy(path_ + QStringLiteral(".damaged"));
+  bool isKept = spool.open(QIODevice::ReadOnly) && spool.seek(offset) &&
+                copy.open(QIODevice::WriteOnly | QIODevice::Truncate);
+  while (isKept && !spool.atEnd()) {
+    const QByteArray bytes = spool.read(1 << 20);
+    isKept = !bytes.isEmpty() && copy.write(bytes) == bytes.size();
+  }
+  if (!isKept || !copy.flush()) throw Unusable(path_, QStringLiteral("it is damaged"));
 }
 
 bool Spool::Truncate(std::int64_t size) {

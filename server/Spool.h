@@ -24,7 +24,7 @@ struct NumberedChange {
 class Spool {
  public:
   // Opens or makes the file, for its owner alone. An end that was not written whole is cut off;
-  // where more than that is damaged, the file is copied to PATH.damaged before. Throws
+  // where more than that is damaged, all that follows is moved to PATH.damaged. Throws
   // std::runtime_error with a line for people when it cannot be used, or is in use.
   explicit Spool(const QString& path);
   ~Spool();
@@ -53,6 +53,8 @@ class Spool {
   void MakeHeader();
   bool ReadHeader();
   void Scan();
+  bool IsTorn(std::int64_t offset) const;
+  void KeepDamaged(std::int64_t offset);
   bool Truncate(std::int64_t size);
 
   const QString path_;

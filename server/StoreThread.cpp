@@ -98,8 +98,8 @@ StoreThread::Impl::Impl(std::unique_ptr<Store> itsStore, Options itsOptions)
   store->SetServerId(spool->ServerId());
   if (spool->WasDamaged()) {
     news.lines.push_back(
-        QStringLiteral("the end of the spool %1 was damaged and is left out; a "
-                       "copy is in %1.damaged")
+        QStringLiteral("the end of the spool %1 was damaged and is left out; it is "
+                       "kept in %1.damaged")
             .arg(options.spool));
   }
 }

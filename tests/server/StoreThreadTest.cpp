@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <mutex>
 
@@ -249,6 +251,36 @@ TEST_F(StoreThreadTest, WhatWasSpooledIsTakenFromTheCreditOfABackupThatWasPutInT
   EXPECT_EQ(contents.usage.size(), 2u);
   thread_.reset();
   EXPECT_EQ(Spool(spool).Count(), 0u);
+}
+
+TEST_F(StoreThreadTest, OnlyWhatIsDamagedOfASpoolIsLeftOut) {
+  const QString path = folder_.filePath(QStringLiteral("spool"));
+  const QString damaged = path + QStringLiteral(".damaged");
+  QString error;
+  qint64 whole = 0;
+  {
+    Spool spool(path);
+    EXPECT_TRUE(spool.Append({{1, StoreChange()}, {2, StoreChange()}}, &error));
+    whole = QFileInfo(path).size();
+    EXPECT_TRUE(spool.Append({{3, StoreChange()}}, &error));
+  }
+  EXPECT_TRUE(QDir().mkdir(damaged)) << "no copy can be made";
+  EXPECT_TRUE(QFile::resize(path, whole + 9)) << "killed while it wrote";
+  EXPECT_EQ(Spool(path).Count(), 2u);
+  EXPECT_EQ(QFileInfo(path).size(), whole);
+
+  QFile file(path);
+  EXPECT_TRUE(file.open(QIODevice::ReadWrite) && file.seek(whole - 1) && file.putChar('x'));
+  file.close();
+  EXPECT_THROW(Spool{path}, std::runtime_error);
+  EXPECT_TRUE(QDir().rmdir(damaged));
+  EXPECT_EQ(Spool(path).Count(), 1u);
+  EXPECT_EQ(QFileInfo(path).size() + QFileInfo(damaged).size(), whole);
+
+  EXPECT_TRUE(file.open(QIODevice::ReadWrite) && file.putChar('x'));
+  file.close();
+  EXPECT_THROW(Spool{path}, std::runtime_error) << "whose it is cannot be read";
+  EXPECT_EQ(QFileInfo(path).size() + QFileInfo(damaged).size(), whole) << "nothing is overwritten";
 }
 
 }  // namespace
