@@ -28,12 +28,12 @@ class Bench : public StoreTestBase {
   // Upserts a second.
   static double OfPgbench(int seconds) {
     Sql(Cluster().Uri(QStringLiteral("postgres")),
-        QStringLiteral("CREATE TABLE plain (a text COLLATE \"C\", b text COLLATE \"C\", "
+        QStringLiteral("CREATE TABLE public.plain (a text COLLATE \"C\", b text COLLATE \"C\", "
                        "minutes bigint NOT NULL, PRIMARY KEY (a, b))"));
     const std::string script = Cluster().Folder().toStdString() + "/upsert.sql";
     std::ofstream(script) << "\\set n random(0, " << kAccounts - 1
                           << ")\n"
-                             "INSERT INTO plain VALUES ('user' || (:n / 10), "
+                             "INSERT INTO public.plain AS plain VALUES ('user' || (:n / 10), "
                              "'org.example.application' || (:n % 10), 1) ON CONFLICT (a, b) "
                              "DO UPDATE SET minutes = plain.minutes + 1;\n";
     const test::Finished run =
@@ -41,19 +41,24 @@ class Bench : public StoreTestBase {
                    std::to_string(seconds), "-U", "vardell", "-h", Cluster().Folder().toStdString(),
                    "-p", std::to_string(Cluster().Port()), "postgres"},
                   {});
+    if (run.status != 0) std::printf("pgbench failed: %s\n", qPrintable(run.output));
     const QString line = run.output.mid(run.output.indexOf(QStringLiteral("tps = ")) + 6);
     return line.left(line.indexOf(QLatin1Char(' '))).toDouble();
   }
 
   // Changes a second.
   static double OfStore(int seconds) {
-    PostgresStore store(NewStore());
+    PostgresStore store(NewStore(), kUnhurried);
     store.SetServerId(QStringLiteral("bench"));
     std::vector<StoreChange> changes;
     for (int i = 0; i < kAccounts; ++i) {
       changes.push_back(Setting(NameOfAccount(i), 0, 0, 1000000));
     }
-    if (store.Apply(changes, kBoot, 0).status != ApplyStatus::Done) return 0;
+    const ApplyResult made = store.Apply(changes, kBoot, 0);
+    if (made.status != ApplyStatus::Done) {
+      std::printf("refused: %s\n", qPrintable(made.error));
+      return 0;
+    }
     (void)store.Load(kBoot);
     std::uint64_t done = 0;
     const auto begin = Clock::now();

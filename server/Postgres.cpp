@@ -236,7 +236,8 @@ pg_result* PostgresConnection::Next(PostgresDeadline deadline) {
 void PostgresConnection::Receive(Answers* answers, PostgresDeadline deadline) {
   for (std::size_t next = 0;;) {
     PGresult* result = Next(deadline);
-    if (!result) continue;  // between two of them
+    if (!result) result = Next(deadline);  // there is nothing between two of them
+    if (!result) Lose("fewer answers than questions");
     if (PQresultStatus(result) == PGRES_PIPELINE_SYNC) {
       PQclear(result);
       return;
