@@ -15,7 +15,10 @@ namespace {
 SqliteDatabase::SqliteDatabase(const QString& path) {
   constexpr int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW;
   const int code = sqlite3_open_v2(path.toUtf8().constData(), &handle_, flags, nullptr);
-  if (code == SQLITE_OK) return;
+  if (code == SQLITE_OK) {
+    sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    return;
+  }
   const SqliteError error(code & 0xff, handle_ ? sqlite3_errmsg(handle_) : sqlite3_errstr(code));
   sqlite3_close(handle_);
   throw error;
@@ -24,6 +27,10 @@ SqliteDatabase::SqliteDatabase(const QString& path) {
 SqliteDatabase::~SqliteDatabase() {
   for (const auto& [sql, statement] : kept_) sqlite3_finalize(statement);
   sqlite3_close(handle_);
+}
+
+void SqliteDatabase::TidyUpAtTheEnd() {
+  sqlite3_db_config(handle_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
 }
 
 void SqliteDatabase::Execute(const char* sql) {

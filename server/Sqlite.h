@@ -30,6 +30,8 @@ class SqliteDatabase {
   SqliteDatabase& operator=(const SqliteDatabase&) = delete;
 
   void Execute(const char* sql);
+  // Its end leaves the file and the write-ahead log beside it as they are, until this is said.
+  void TidyUpAtTheEnd();
   sqlite3* Handle() const { return handle_; }
 
   // A compiled statement is kept for the next one of the same text.

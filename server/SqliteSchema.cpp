@@ -165,7 +165,6 @@ std::int64_t QueryInteger(SqliteDatabase& database, const char* sql) {
 }
 
 void SetModes(SqliteDatabase& database) {
-  database.Execute("PRAGMA locking_mode = EXCLUSIVE");
   database.Execute("PRAGMA journal_mode = WAL");
   database.Execute("PRAGMA synchronous = FULL");
   database.Execute("PRAGMA trusted_schema = OFF");
@@ -208,6 +207,9 @@ void Migrate(SqliteDatabase& database, std::int64_t from, std::int64_t to) {
 }  // namespace
 
 void PrepareStore(SqliteDatabase& database, const QString& path, int version) {
+  // Before all else: otherwise the write-ahead log wants a file beside it, which a full disk
+  // refuses.
+  database.Execute("PRAGMA locking_mode = EXCLUSIVE");
   RefuseForeign(database, path);
   SetModes(database);
   SqliteTransaction transaction(database);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QFile>
@@ -49,6 +50,8 @@ QString WhatToDo(const SqliteError& error, const QString& path) {
   }
 }
 
+constexpr off_t kLeastBytes = 512;  // a page
+
 // The database's companions take over the mode of a file that is there already.
 void MakePrivateFile(const QString& path) {
   const int file = open(QFile::encodeName(path).constData(),
@@ -58,7 +61,13 @@ void MakePrivateFile(const QString& path) {
                                    "this user write there, or give another --store FILE")
                         .arg(path, QString::fromLocal8Bit(strerror(errno))));
   }
+  struct stat facts {};
+  const bool isKnown = fstat(file, &facts) == 0;
   close(file);
+  // The database would take it for one that is still empty.
+  if (isKnown && facts.st_size > 0 && facts.st_size < kLeastBytes) {
+    throw SqliteError(SQLITE_NOTADB, "it is cut off");
+  }
 }
 
 std::int64_t Flag(bool flag) {
@@ -356,8 +365,8 @@ LedgerRow ReadLedgerRow(const SqliteStatement& row) {
 }  // namespace
 
 SqliteStore::SqliteStore(const QString& path) : path_(path) {
-  MakePrivateFile(path);
   try {
+    MakePrivateFile(path);
     database_ = std::make_unique<SqliteDatabase>(path);
     PrepareStore(*database_, path);
     firstUnfinished_ = FirstUnfinished(*database_);
@@ -373,7 +382,9 @@ StoreContents SqliteStore::Load(const QString& bootId) {
   if (!ForgetUnfinished(std::numeric_limits<int>::max(), &line)) throw ForPeople(line);
   try {
     RefuseUnbalanced(*database_, path_);
-    return ReadContents(*database_, path_, bootId);
+    StoreContents contents = ReadContents(*database_, path_, bootId);
+    database_->TidyUpAtTheEnd();
+    return contents;
   } catch (const SqliteError& error) {
     throw ForPeople(WhatToDo(error, path_));
   }

@@ -39,10 +39,22 @@ void RaiseDescriptorLimit() {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A file without a byte would be taken for a new store; but where there is a spool, there was one.
+void RefuseEmptied(const Options& options) {
+  const QFileInfo store(options.store);
+  if (!store.isFile() || store.size() != 0 || !QFileInfo::exists(options.spool)) return;
+  throw std::runtime_error(
+      QStringLiteral("the store %1 is empty, and it was not: its spool %2 is there; put a backup "
+                     "in its place, or remove it to begin with an empty one")
+          .arg(options.store, options.spool)
+          .toStdString());
+}
+
 std::unique_ptr<Household> OpenHousehold(const Options& options, const HouseholdHooks& hooks) {
   if (options.store == ProductPath(QLatin1String(kDefaultStorePath))) {
     (void)QDir().mkpath(QFileInfo(options.store).path());
   }
+  if (!IsPostgresLocation(options.store)) RefuseEmptied(options);
   Clocks clocks;
   clocks.sinceBoot = TimeSinceBoot;
   clocks.bootId = BootId();
