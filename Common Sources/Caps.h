@@ -63,10 +63,11 @@ inline constexpr std::size_t kMaxLostApps = 256;
 inline constexpr std::size_t kMaxSessionAgents = 64;
 inline constexpr std::size_t kMaxSessionViewBytes = 4u << 20;
 
-// The Server: connections it keeps at once, connections from one address, and the largest body of
-// a request on its control socket.
+// The Server: connections it keeps at once, from one address, of one user of its machine, and the
+// largest body of a request on its control socket.
 inline constexpr std::size_t kMaxAgentConnections = 12000;
 inline constexpr std::size_t kMaxConnectionsPerAddress = 1024;
+inline constexpr std::size_t kMaxConnectionsOfUser = 64;
 inline constexpr std::size_t kMaxControlConnections = 64;
 inline constexpr std::size_t kMaxControlConnectionsOfUser = 16;
 inline constexpr std::size_t kMaxControlBodyBytes = 64u << 10;

@@ -81,6 +81,7 @@ FrameListener ListenForAgents(boost::asio::io_context& network, Household& house
       QStringLiteral("Choose another --listen ADDR:PORT, or stop the program that has this port");
   options.mostConnections = kMaxAgentConnections;
   options.mostOfOnePeer = kMaxConnectionsPerAddress;
+  options.mostOfOneUser = kMaxConnectionsOfUser;
   options.userBehind = UserBehind;
   options.handle = [&household, metrics](const AgentConnection& from, const RequestFrame& frame) {
     if (metrics) metrics->CountRequest(frame.kind);

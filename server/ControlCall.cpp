@@ -24,7 +24,7 @@ Problem NotFound(const QString& title) {
 Problem StoreFailed(const QString& hint) {
   return {503,
           "store-failed",
-          QStringLiteral("The store could not be written: nothing was changed"),
+          QStringLiteral("The store could not be written"),
           {},
           hint};
 }

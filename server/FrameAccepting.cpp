@@ -104,7 +104,8 @@ void FrameListener::Impl::Admit(FrameSocket socket) {
     return Ended(connection->agent.host.isEmpty() ? ConnectionEnd::ByPeer
                                                   : ConnectionEnd::UnknownUser);
   }
-  MakeRoomFor(sharedBy);
+  const bool isUser = connection->agent.peerUid && options.mostOfOneUser != 0;
+  MakeRoomFor(sharedBy, isUser ? options.mostOfOneUser : options.mostOfOnePeer);
   if (stopped) return;
   const bool hasRoom = connections.size() < options.mostConnections;
   if (!hasRoom || !Watch(connection->socket.Get(), EPOLL_CTL_ADD, lastId + 1, EPOLLIN)) {
@@ -140,9 +141,9 @@ bool FrameListener::Impl::Identify(FrameConnection& connection, QString* sharedB
 
 // The newest always gets in: whoever holds connections open must not keep the agent of the same
 // user out.
-void FrameListener::Impl::MakeRoomFor(const QString& sharedBy) {
+void FrameListener::Impl::MakeRoomFor(const QString& sharedBy, std::size_t most) {
   const auto peer = peers.find(sharedBy);
-  if (peer == peers.end() || peer->second.connections.size() < options.mostOfOnePeer) return;
+  if (peer == peers.end() || peer->second.connections.size() < most) return;
   DropBecause(Find(peer->second.connections.front().agent.id), ConnectionEnd::TooManyOfPeer,
               QStringLiteral("too many connections of one peer"));
 }

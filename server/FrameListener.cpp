@@ -25,6 +25,9 @@ constexpr int kMaxLinesPerSecond = 20;
 constexpr int kEventsPerTurn = 64;
 constexpr std::size_t kQueuedPerTurn = 64;
 constexpr int kFramesPerTurn = 16;
+// Of frames that take long, fewer: the others have their turns meanwhile.
+constexpr std::chrono::milliseconds kTimePerTurn{1};
+constexpr std::chrono::milliseconds kTimeOfQueued{10};
 
 }  // namespace
 
@@ -105,7 +108,9 @@ void FrameListener::Impl::Read(const FrameConnectionPtr& connection) {
 
 void FrameListener::Impl::HandleFrames(const FrameConnectionPtr& connection, QByteArrayView bytes) {
   FrameStatus status = FrameStatus::Complete;
+  const Clock::time_point end = Clock::now() + kTimePerTurn;
   for (int i = 0; i < kFramesPerTurn && !connection->isWaiting; ++i) {
+    if (i > 0 && Clock::now() > end) break;
     RequestFrame frame;
     status = TakeFrame(&bytes, &frame);
     if (status != FrameStatus::Complete) break;
@@ -148,9 +153,11 @@ void FrameListener::Impl::GoOnLater() {
 }
 
 void FrameListener::Impl::GoOn() {
-  const std::size_t count = std::min(queued.size(), kQueuedPerTurn);
-  for (std::size_t i = 0; i < count && !stopped; ++i) {
-    const std::uint64_t id = queued[i];
+  const std::size_t most = std::min(queued.size(), kQueuedPerTurn);
+  const Clock::time_point end = Clock::now() + kTimeOfQueued;
+  std::size_t count = 0;
+  while (count < most && !stopped && Clock::now() < end) {
+    const std::uint64_t id = queued[count++];
     const FrameConnectionPtr connection = Find(id);
     if (!connection) continue;
     connection->isQueued = false;

@@ -64,6 +64,7 @@ class FrameListener {
     QString advice;          // a sentence for that case
     std::size_t mostConnections = 0;
     std::size_t mostOfOnePeer = 0;
+    std::size_t mostOfOneUser = 0;  // of this machine; 0: as of one peer
     // Asked right after accept of a connection from this machine.
     std::function<std::optional<std::uint32_t>(int socket)> userBehind;
     std::function<RequestOutcome(const AgentConnection& from, const RequestFrame& frame)> handle;

@@ -98,7 +98,7 @@ struct FrameListener::Impl : std::enable_shared_from_this<Impl> {
   void AcceptAgainLater();
   void Admit(FrameSocket socket);
   bool Identify(FrameConnection& connection, QString* sharedBy);
-  void MakeRoomFor(const QString& sharedBy);
+  void MakeRoomFor(const QString& sharedBy, std::size_t most);
 
   void Read(const FrameConnectionPtr& connection);
   void HandleFrames(const FrameConnectionPtr& connection, QByteArrayView bytes);

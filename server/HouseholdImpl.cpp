@@ -9,6 +9,7 @@ namespace {
 
 // Agents wait as long.
 constexpr std::chrono::milliseconds kLongestSettling{500};
+constexpr std::chrono::seconds kLongestDeciding{1};
 constexpr int kMostAttempts = 5;
 
 }  // namespace
@@ -48,7 +49,7 @@ void Household::Impl::Write(StoreChange change, Account& account) {
 }
 
 void Household::Impl::CatchUp() {
-  if (!keeper.Facts().isAway) (void)keeper.Settle(kLongestSettling);
+  (void)keeper.Settle(kLongestSettling);
   (void)TakeStored();
 }
 
@@ -70,7 +71,8 @@ void Household::Impl::TakeVersions(const ApplyResult& result) {
 }
 
 AdminResult Household::Impl::Decide(const std::function<std::optional<AdminResult>()>& attempt) {
-  for (int i = 0; i < kMostAttempts; ++i) {
+  const auto end = std::chrono::steady_clock::now() + kLongestDeciding;
+  for (int i = 0; i < kMostAttempts && (i == 0 || std::chrono::steady_clock::now() < end); ++i) {
     CatchUp();
     if (const auto result = attempt()) return *result;
   }

@@ -6,8 +6,10 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <QCryptographicHash>
 #include <QDataStream>
 #include <QFile>
+#include <QFileInfo>
 #include <QIODevice>
 #include <QUuid>
 #include <QtEndian>
@@ -16,6 +18,7 @@
 #include <stdexcept>
 
 #include "Common Sources/Caps.h"
+#include "Common Sources/TestHooks.h"
 
 namespace vardell::server {
 namespace {
@@ -32,6 +35,21 @@ std::runtime_error Unusable(const QString& path, const QString& why) {
 
 QString SystemText() {
   return QString::fromLocal8Bit(strerror(errno));
+}
+
+// So that the copies of a machine's image do not pass for one Server.
+QByteArray ThisMachine() {
+  QFile file(ProductPath(QStringLiteral("/etc/machine-id")));
+  if (!file.open(QIODevice::ReadOnly)) return {};
+  return QCryptographicHash::hash(file.read(64), QCryptographicHash::Sha256);
+}
+
+bool SyncFolder(const QString& folder) {
+  const int file = open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (file < 0) return false;
+  const bool isSynced = fsync(file) == 0;
+  close(file);
+  return isSynced;
 }
 
 std::uint32_t Checksum(const QByteArray& bytes) {
@@ -156,8 +174,10 @@ Spool::Spool(const QString& path) : path_(path) {
     struct stat facts {};
     if (fstat(file_, &facts) != 0) throw Unusable(path, SystemText());
     end_ = facts.st_size;
-    if (!ReadHeader()) MakeHeader();
+    const bool isNew = !ReadHeader();
+    if (isNew) MakeHeader();
     Scan();
+    if (!isNew && isOfOtherMachine_ && count_ == 0) MakeHeader();
   } catch (const std::runtime_error&) {
     close(file_);
     throw;
@@ -187,15 +207,15 @@ void Spool::MakeHeader() {
   QDataStream stream(&payload, QIODevice::WriteOnly);
   stream.setVersion(QDataStream::Qt_6_0);
   serverId_ = QUuid::createUuid().toString(QUuid::WithoutBraces);
-  stream << QString::fromLatin1(kFormat) << serverId_;
+  stream << QString::fromLatin1(kFormat) << serverId_ << ThisMachine();
   QByteArray bytes;
   AppendRecord(payload, &bytes);
-  if (end_ > bytes.size()) {
+  if (end_ > std::max<std::int64_t>(begin_, bytes.size())) {
     throw Unusable(path_, QStringLiteral("it is damaged, or a file of another kind"));
   }
-  if (!Truncate(0) || !WriteAll(file_, bytes, 0) || fsync(file_) != 0) {
-    throw Unusable(path_, SystemText());
-  }
+  const bool isMade = Truncate(0) && WriteAll(file_, bytes, 0) && fsync(file_) == 0 &&
+                      SyncFolder(QFileInfo(path_).absolutePath());
+  if (!isMade) throw Unusable(path_, SystemText());
   begin_ = end_ = next_ = bytes.size();
 }
 
@@ -205,7 +225,9 @@ bool Spool::ReadHeader() {
   QDataStream stream(*header);
   stream.setVersion(QDataStream::Qt_6_0);
   QString format;
-  stream >> format >> serverId_;
+  QByteArray machine;
+  stream >> format >> serverId_ >> machine;
+  isOfOtherMachine_ = machine != ThisMachine();
   if (format != QLatin1String(kFormat) || serverId_.isEmpty()) {
     throw Unusable(path_, QStringLiteral("it is a file of another kind or version"));
   }

@@ -1,5 +1,6 @@
 // A synced local file that keeps agents' changes, in order, while the store fails. One Server at a
-// time uses it; it also says who that Server is, so that a store knows what it has had from it.
+// time uses it; it also says who that Server is, so that a store knows what it has had from it. An
+// empty one that was copied from another machine becomes this Server's own.
 // Used by one thread at a time; calls wait for the disk.
 //
 // The file: records of a length and a CRC-32 (both 32 bits, big-endian) and that many bytes. The
@@ -60,6 +61,7 @@ class Spool {
   const QString path_;
   int file_ = -1;
   QString serverId_;
+  bool isOfOtherMachine_ = false;
   std::int64_t begin_ = 0;  // of the first change
   std::int64_t end_ = 0;
   std::int64_t next_ = 0;

@@ -137,10 +137,10 @@ class PostgresStoreTest : public StoreTestBase, public testing::Test {
 TEST_F(PostgresStoreTest, UseIsTakenFromTheCreditThatIsThere) {
   Server one(location_, one_);
   Server two(location_, two_);
-  ASSERT_EQ(one.Set(kGame, 5), ApplyStatus::Done);
+  ASSERT_EQ(one.Set(kAnnasGame, 5), ApplyStatus::Done);
   two.News();
-  ASSERT_EQ(one.Apply({Use(kGame, 3, 5)}).status, ApplyStatus::Done);
-  const ApplyResult result = two.Apply({Use(kGame, 3, 5), Use(kGame, 1, 1)});
+  ASSERT_EQ(one.Apply({Use(kAnnasGame, 3, 5)}).status, ApplyStatus::Done);
+  const ApplyResult result = two.Apply({Use(kAnnasGame, 3, 5), Use(kAnnasGame, 1, 1)});
   ASSERT_EQ(result.accounts.size(), 1u);
   EXPECT_EQ(result.accounts[0].minutes, 0);
   EXPECT_TRUE(result.accounts[0].spent);
@@ -149,23 +149,24 @@ TEST_F(PostgresStoreTest, UseIsTakenFromTheCreditThatIsThere) {
     minutes.push_back(row.minutes);
   EXPECT_EQ(minutes, (std::vector<std::int64_t>{5, -3, -2, 0}));
   EXPECT_EQ(one.News().contents.usage.at(0).minutes, 4) << "that of the other alone";
-  EXPECT_EQ(one.Minutes(kGame), 0);
+  EXPECT_EQ(one.Minutes(kAnnasGame), 0);
   EXPECT_TRUE(one.News().IsEmpty());
 
-  ASSERT_EQ(one.Set(kGame, 12347), ApplyStatus::Done);
-  EXPECT_EQ(two.Apply({Use(kGame, 2, 0)}).accounts.at(0).minutes, 12344) << "12345 says spent";
+  ASSERT_EQ(one.Set(kAnnasGame, 12347), ApplyStatus::Done);
+  EXPECT_EQ(two.Apply({Use(kAnnasGame, 2, 0)}).accounts.at(0).minutes, 12344) << "12345 says spent";
 }
 
 TEST_F(PostgresStoreTest, UnlimitedUseAndThatOfRemovedLimitsIsBookedAndCostsNothing) {
   Server one(location_, one_);
   Server two(location_, two_);
-  one.Set(kGame, 5);
-  StoreChange unlimited = Setting(kChat, 0, 0, 7);
+  one.Set(kAnnasGame, 5);
+  StoreChange unlimited = Setting(kBensChat, 0, 0, 7);
   unlimited.limits->options.unlimited = true;
   one.Apply({unlimited});
   two.News();
-  ASSERT_EQ(one.Apply({Removing(kGame, one.Version(kGame), 5)}).status, ApplyStatus::Done);
-  ASSERT_EQ(two.Apply({Use(kGame, 3, 5), Use(kChat, 2, 7)}).status, ApplyStatus::Done);
+  ASSERT_EQ(one.Apply({Removing(kAnnasGame, one.Version(kAnnasGame), 5)}).status,
+            ApplyStatus::Done);
+  ASSERT_EQ(two.Apply({Use(kAnnasGame, 3, 5), Use(kBensChat, 2, 7)}).status, ApplyStatus::Done);
   const StoreContents contents = one.store.Load(kBoot);
   ASSERT_EQ(contents.credit.size(), 1u);
   EXPECT_EQ(contents.credit[0].minutes, 7);
@@ -177,46 +178,47 @@ TEST_F(PostgresStoreTest, UnlimitedUseAndThatOfRemovedLimitsIsBookedAndCostsNoth
 TEST_F(PostgresStoreTest, AnAdministratorsChangeIsAConflictUntilTheNewsIsHeard) {
   Server one(location_, one_);
   Server two(location_, two_);
-  one.Set(kGame, 5);
-  EXPECT_EQ(two.Set(kGame, 9), ApplyStatus::Conflict) << "made by another meanwhile";
+  one.Set(kAnnasGame, 5);
+  EXPECT_EQ(two.Set(kAnnasGame, 9), ApplyStatus::Conflict) << "made by another meanwhile";
   two.News();
-  EXPECT_EQ(two.Set(kGame, 9), ApplyStatus::Done);
+  EXPECT_EQ(two.Set(kAnnasGame, 9), ApplyStatus::Done);
   // The first one's own change shows the version, but not what the other did before.
-  const ApplyResult result = one.Apply({Use(kGame, 1, 5)});
+  const ApplyResult result = one.Apply({Use(kAnnasGame, 1, 5)});
   EXPECT_EQ(result.accounts.at(0).version, PostgresStore::kUntoldVersion);
-  EXPECT_EQ(one.Set(kGame, 20), ApplyStatus::Conflict);
+  EXPECT_EQ(one.Set(kAnnasGame, 20), ApplyStatus::Conflict);
   const StoreNews news = one.News();
   ASSERT_EQ(news.contents.limits.size(), 1u);
   EXPECT_EQ(news.contents.limits[0].revision, 2u);
-  EXPECT_EQ(one.Set(kGame, 20), ApplyStatus::Done);
+  EXPECT_EQ(one.Set(kAnnasGame, 20), ApplyStatus::Done);
   EXPECT_TRUE(one.News().IsEmpty());
   // What a conflict was about is told once more, also where it was told.
-  StoreChange stale = Setting(kGame, PostgresStore::kUntoldVersion, 20, 21, 3);
+  StoreChange stale = Setting(kAnnasGame, PostgresStore::kUntoldVersion, 20, 21, 3);
   EXPECT_EQ(one.Apply({stale}).status, ApplyStatus::Conflict);
   EXPECT_EQ(one.News().contents.credit.size(), 1u);
 
-  StoreChange adjustment = Setting(kGame, one.Version(kGame), 20, 21, 3);
+  StoreChange adjustment = Setting(kAnnasGame, one.Version(kAnnasGame), 20, 21, 3);
   adjustment.adjustment = AdjustmentRow{QStringLiteral("a1"), "x", 1};
   EXPECT_EQ(one.Apply({adjustment, adjustment}).status, ApplyStatus::Conflict);
   EXPECT_EQ(one.Apply({adjustment}).status, ApplyStatus::Done);
-  adjustment.basedOn = one.Version(kGame);
+  adjustment.basedOn = one.Version(kAnnasGame);
   EXPECT_EQ(one.Apply({adjustment}).status, ApplyStatus::Conflict);
 }
 
 TEST_F(PostgresStoreTest, ARestoreIsSeenByAllAndNotDisturbedByAServerThatStarts) {
   Server one(location_, one_);
-  one.Set(kGame, 5);
+  one.Set(kAnnasGame, 5);
   Server two(location_, two_);
   QString error;
   ASSERT_TRUE(one.store.ForgetUnfinished(1000, &error));
-  const std::vector<LedgerRow> rows(10, RowOf(kChat, "restore", 0, 0, 2));
+  const std::vector<LedgerRow> rows(10, RowOf(kBensChat, "restore", 0, 0, 2));
   ASSERT_TRUE(one.store.WriteAhead(rows, &error)) << qPrintable(error);
-  ASSERT_EQ(two.Set(kGame, 50), ApplyStatus::Done) << "the restore does not know of it";
+  ASSERT_EQ(two.Set(kAnnasGame, 50), ApplyStatus::Done) << "the restore does not know of it";
   Server three(location_, QStringLiteral("three"));
-  ASSERT_EQ(one.store.ApplyLast({Setting(kGame, 1, 5, 30, 4)}, kBoot).status, ApplyStatus::Done);
+  ASSERT_EQ(one.store.ApplyLast({Setting(kAnnasGame, 1, 5, 30, 4)}, kBoot).status,
+            ApplyStatus::Done);
   EXPECT_TRUE(two.News().everything);
   EXPECT_EQ(two.view.Printed(), three.News().everything ? three.view.Printed() : QStringList());
-  EXPECT_EQ(two.Minutes(kGame), 30);
+  EXPECT_EQ(two.Minutes(kAnnasGame), 30);
   EXPECT_FALSE(one.store.News().everything);
 
   // One whose rows have gone, or that another one has overtaken, must not count.
@@ -315,7 +317,7 @@ TEST_F(PostgresStoreTest, ServersThatStartAtOnceMakeTheTablesOnce) {
 std::vector<StoreChange> Numbered(std::uint64_t from, std::uint64_t to) {
   std::vector<StoreChange> changes;
   for (std::uint64_t n = from; n <= to; ++n) {
-    changes.push_back(Use(kGame, 1, 1000000));
+    changes.push_back(Use(kAnnasGame, 1, 1000000));
     changes.back().ledger->reason = QString::number(n);
   }
   return changes;
@@ -324,7 +326,7 @@ std::vector<StoreChange> Numbered(std::uint64_t from, std::uint64_t to) {
 TEST_F(PostgresStoreTest, AKilledDatabaseLosesAndDoublesNothing) {
   constexpr std::uint64_t batch = 20;
   Server server(location_, one_);
-  ASSERT_EQ(server.Set(kGame, 1000000), ApplyStatus::Done);
+  ASSERT_EQ(server.Set(kAnnasGame, 1000000), ApplyStatus::Done);
   std::uint64_t acknowledged = 0;
   for (int kills = 0; kills < 3; ++kills) {
     std::atomic<bool> isLost = false;
@@ -362,7 +364,7 @@ TEST_F(PostgresStoreTest, AKilledDatabaseLosesAndDoublesNothing) {
 
 TEST_F(PostgresStoreTest, AFrozenDatabaseIsNoticedWithinASecond) {
   Server server(location_, one_, 500ms);
-  server.Set(kGame, 1000000);
+  server.Set(kAnnasGame, 1000000);
   ASSERT_EQ(server.Apply(Numbered(1, 3), 3).status, ApplyStatus::Done);
   const auto took = [](const std::function<void()>& action) {
     const auto begin = Clock::now();
@@ -412,7 +414,7 @@ TEST_F(PostgresStoreTest, TheLastNumberIsToldOnceNothingIsUnderWay) {
 
 TEST_F(PostgresStoreTest, HistoryCannotBeRewritten) {
   Server server(location_, one_);
-  server.Set(kGame, 5);
+  server.Set(kAnnasGame, 5);
   for (const char* sql : {"UPDATE ledger SET minutes = 0", "DELETE FROM ledger", "TRUNCATE ledger",
                           "UPDATE audit SET actor = ''", "DELETE FROM audit", "TRUNCATE audit",
                           "UPDATE credit SET minutes = 12345"}) {

@@ -51,7 +51,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, StoreContractTest, testing::Values("SQLite", "Po
                          [](const auto& kind) { return std::string(kind.param); });
 
 TEST_P(StoreContractTest, KeepsEverythingAsItWasWritten) {
-  StoreChange made = Setting(kGame, 0, 0, 40, 7);
+  StoreChange made = Setting(kAnnasGame, 0, 0, 40, 7);
   made.limits->limits.weekDayStart = 480;
   made.limits->limits.topUpCoefficient = -1;
   made.limits->options.unlimited = true;
@@ -63,8 +63,9 @@ TEST_P(StoreContractTest, KeepsEverythingAsItWasWritten) {
   TopUpMemory memory;
   memory.lastDate = QDate(2026, 3, 4);
   memory.had = {{QDate(2026, 3, 1), QDate(2026, 3, 4)}};
-  made.topUp = {kGame.first, kGame.second, 257922000.5, memory};
-  made.lane = {kGame.first, kGame.second, QStringLiteral("::1"), std::chrono::milliseconds(61)};
+  made.topUp = {kAnnasGame.first, kAnnasGame.second, 257922000.5, memory};
+  made.lane = {kAnnasGame.first, kAnnasGame.second, QStringLiteral("::1"),
+               std::chrono::milliseconds(61)};
   made.ledger->used = 3;
   made.ledger->claimed = -1;
   made.ledger->day = QDate(2026, 2, 28);
@@ -97,16 +98,16 @@ TEST_P(StoreContractTest, KeepsEverythingAsItWasWritten) {
 }
 
 TEST_P(StoreContractTest, AgentsUseTakesCreditAndCountsByDay) {
-  Set(kGame, 3);
-  std::vector<StoreChange> changes = {Use(kGame, 1, 3), Use(kGame, 2, 2),
-                                      Use(kGame, 1, 0, "grace")};
+  Set(kAnnasGame, 3);
+  std::vector<StoreChange> changes = {Use(kAnnasGame, 1, 3), Use(kAnnasGame, 2, 2),
+                                      Use(kAnnasGame, 1, 0, "grace")};
   changes[2].ledger->day = QDate(2026, 3, 5);
   StoreChange idle;
-  idle.ledger = RowOf(kGame, "report", 0, 0);
+  idle.ledger = RowOf(kAnnasGame, "report", 0, 0);
   changes.push_back(idle);
   ASSERT_EQ(Apply(changes, 17), ApplyStatus::Done);
-  EXPECT_EQ(Credit(kGame).minutes, 0);
-  EXPECT_TRUE(Credit(kGame).spent);
+  EXPECT_EQ(Credit(kAnnasGame).minutes, 0);
+  EXPECT_TRUE(Credit(kAnnasGame).spent);
   EXPECT_EQ(store_->LastNumber(), 17u);
   EXPECT_EQ(contents_.lanes.at(0).paidUntil, std::chrono::minutes(1));
   EXPECT_EQ(Lines(contents_).filter(QStringLiteral("usage")),
@@ -118,57 +119,58 @@ TEST_P(StoreContractTest, AgentsUseTakesCreditAndCountsByDay) {
 }
 
 TEST_P(StoreContractTest, TheLedgerIsReadInPartsAndByName) {
-  Set(kGame, 3);
-  Set(kChat, 5);
-  Set(kGame, 4, 2);
+  Set(kAnnasGame, 3);
+  Set(kBensChat, 5);
+  Set(kAnnasGame, 4, 2);
   const std::vector<LedgerRow> all = Ledger();
   ASSERT_EQ(all.size(), 3u);
   EXPECT_LT(all[0].id, all[1].id);
   EXPECT_EQ(Ledger(all[0].id).size(), 2u);
   EXPECT_EQ(Ledger(0, {}, 2).size(), 2u);
-  EXPECT_EQ(Ledger(0, kGame).size(), 2u);
-  EXPECT_EQ(Ledger(0, {kGame.first, {}}).size(), 2u);
-  EXPECT_EQ(Ledger(0, {{}, kChat.second}).size(), 1u);
+  EXPECT_EQ(Ledger(0, kAnnasGame).size(), 2u);
+  EXPECT_EQ(Ledger(0, {kAnnasGame.first, {}}).size(), 2u);
+  EXPECT_EQ(Ledger(0, {{}, kBensChat.second}).size(), 1u);
   EXPECT_EQ(Ledger(0, {QStringLiteral("x' OR '1'='1"), {}}).size(), 0u);
   EXPECT_EQ(Ledger(0, {QString(QChar(0)), QString(QChar(0))}).size(), 0u);
 }
 
 TEST_P(StoreContractTest, RemovedLimitsLeaveUseAndTheLedger) {
-  Set(kGame, 9);
-  Apply({Use(kGame, 4, 9)});
+  Set(kAnnasGame, 9);
+  Apply({Use(kAnnasGame, 4, 9)});
   StoreChange topUp;
-  topUp.basedOn = Credit(kGame).version;
-  topUp.topUp = {kGame.first, kGame.second, 5, {}};
+  topUp.basedOn = Credit(kAnnasGame).version;
+  topUp.topUp = {kAnnasGame.first, kAnnasGame.second, 5, {}};
   Apply({topUp});
   ASSERT_EQ(contents_.topUps.size(), 1u);
-  ASSERT_EQ(Apply({Removing(kGame, Credit(kGame).version, 5, 3)}), ApplyStatus::Done);
+  ASSERT_EQ(Apply({Removing(kAnnasGame, Credit(kAnnasGame).version, 5, 3)}), ApplyStatus::Done);
   EXPECT_EQ(Lines(contents_),
             QStringList({QStringLiteral("removed anna org.example.game 3"),
                          QStringLiteral("usage anna org.example.game 2026-03-04 4")}));
-  ASSERT_EQ(Set(kGame, 2, 4), ApplyStatus::Done);
-  EXPECT_EQ(Credit(kGame).minutes, 2);
+  ASSERT_EQ(Set(kAnnasGame, 2, 4), ApplyStatus::Done);
+  EXPECT_EQ(Credit(kAnnasGame).minutes, 2);
   EXPECT_EQ(contents_.removed.size(), 1u);
   EXPECT_TRUE(contents_.topUps.empty());
   EXPECT_EQ(Ledger().size(), 4u);
 }
 
 TEST_P(StoreContractTest, WhatCannotBeStoredLeavesNothingBehind) {
-  Set(kGame, 5);
-  StoreChange bad = Setting(kChat, 0, 0, 12345);
-  ASSERT_NE(Apply({Setting(kGame, Credit(kGame).version, 5, 8), bad}, 9), ApplyStatus::Done);
-  EXPECT_EQ(Credit(kGame).minutes, 5);
+  Set(kAnnasGame, 5);
+  StoreChange bad = Setting(kBensChat, 0, 0, 12345);
+  ASSERT_NE(Apply({Setting(kAnnasGame, Credit(kAnnasGame).version, 5, 8), bad}, 9),
+            ApplyStatus::Done);
+  EXPECT_EQ(Credit(kAnnasGame).minutes, 5);
   EXPECT_EQ(store_->LastNumber(), 0u);
   EXPECT_EQ(Ledger().size(), 1u);
-  EXPECT_EQ(Set(kGame, 6), ApplyStatus::Done) << "and the store goes on";
+  EXPECT_EQ(Set(kAnnasGame, 6), ApplyStatus::Done) << "and the store goes on";
 }
 
 TEST_P(StoreContractTest, ARestoreCountsFromItsLastTransactionOn) {
-  Set(kGame, 5);
+  Set(kAnnasGame, 5);
   QString error;
   while (store_->HasUnfinishedRestore()) ASSERT_TRUE(store_->ForgetUnfinished(100, &error));
   const auto writeAhead = [&] {
     for (int i = 0; i < 3; ++i) {
-      const std::vector<LedgerRow> rows(10, RowOf(kChat, "restore", 0, 0, 2));
+      const std::vector<LedgerRow> rows(10, RowOf(kBensChat, "restore", 0, 0, 2));
       ASSERT_TRUE(store_->WriteAhead(rows, &error)) << qPrintable(error);
     }
   };
@@ -184,12 +186,12 @@ TEST_P(StoreContractTest, ARestoreCountsFromItsLastTransactionOn) {
   EXPECT_TRUE(contents_.usage.empty());
 
   writeAhead();
-  ASSERT_EQ(store_->Apply({Use(kGame, 1, 5)}, kBoot, 0).status, ApplyStatus::Done);
-  const ApplyResult last = store_->ApplyLast({Setting(kGame, 99, 4, 7, 2)}, kBoot);
+  ASSERT_EQ(store_->Apply({Use(kAnnasGame, 1, 5)}, kBoot, 0).status, ApplyStatus::Done);
+  const ApplyResult last = store_->ApplyLast({Setting(kAnnasGame, 99, 4, 7, 2)}, kBoot);
   ASSERT_EQ(last.status, ApplyStatus::Done) << qPrintable(last.error);
   EXPECT_FALSE(store_->HasUnfinishedRestore());
   Open();
-  EXPECT_EQ(Credit(kGame).minutes, 7);
+  EXPECT_EQ(Credit(kAnnasGame).minutes, 7);
   EXPECT_EQ(Lines(contents_).filter(QStringLiteral("usage")),
             QStringList({QStringLiteral("usage anna org.example.game 2026-03-04 1"),
                          QStringLiteral("usage ben org.example.chat 2026-03-04 60")}));

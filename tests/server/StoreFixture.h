@@ -51,8 +51,8 @@ class StoreTestBase {
 inline constexpr std::chrono::seconds kUnhurried{10};
 
 inline const QString kBoot = QStringLiteral("boot-1");
-inline const Name kGame{QStringLiteral("anna"), QStringLiteral("org.example.game")};
-inline const Name kChat{QStringLiteral("ben"), QStringLiteral("org.example.chat")};
+inline const Name kAnnasGame{QStringLiteral("anna"), QStringLiteral("org.example.game")};
+inline const Name kBensChat{QStringLiteral("ben"), QStringLiteral("org.example.chat")};
 
 inline LedgerRow RowOf(const Name& name, const char* source, std::int64_t minutes,
                        std::int64_t credit, std::int64_t used = 0) {

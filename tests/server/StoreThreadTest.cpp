@@ -234,15 +234,15 @@ TEST_F(StoreThreadTest, WhatWasSpooledIsTakenFromTheCreditOfABackupThatWasPutInT
   thread_ = open();
   (void)thread_->Load();
   StoreThread::News before;
-  EXPECT_EQ(thread_->ApplyNow({Setting(kGame, 0, 0, 10)}, &before).status, ApplyStatus::Done);
+  EXPECT_EQ(thread_->ApplyNow({Setting(kAnnasGame, 0, 0, 10)}, &before).status, ApplyStatus::Done);
   thread_.reset();
   EXPECT_TRUE(QFile::copy(store, backup));
   thread_ = open();
   (void)thread_->Load();
-  (void)thread_->Submit(Use(kGame, 3, 10));
+  (void)thread_->Submit(Use(kAnnasGame, 3, 10));
   thread_.reset();
   QString error;
-  EXPECT_TRUE(Spool(spool).Append({{2, Use(kGame, 1, 7)}, {3, Use(kChat, 1, 1)}}, &error));
+  EXPECT_TRUE(Spool(spool).Append({{2, Use(kAnnasGame, 1, 7)}, {3, Use(kBensChat, 1, 1)}}, &error));
   EXPECT_TRUE(QFile::remove(store) && QFile::copy(backup, store));
   thread_ = open();
   const StoreContents contents = thread_->Load();
