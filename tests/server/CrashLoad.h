@@ -494,9 +494,10 @@ class Load {
     std::set<QString> ids(ledger_.reasons.begin(), ledger_.reasons.end());
     EXPECT_EQ(ids.size() + Limits() - 1, ledger_.reasons.size()) << "an id was applied twice";
     for (const auto& [identifier, account] : ledger_.accounts) {
-      const QJsonObject limit = server.Ask("GET", LimitPath(identifier)).body;
-      EXPECT_EQ(limit.value(QLatin1String("credit")).toInteger(-1), account.credit)
-          << qPrintable(identifier);
+      EXPECT_TRUE(WaitUntil([&, name = identifier, credit = account.credit] {
+        const QJsonObject limit = server.Ask("GET", LimitPath(name)).body;
+        return limit.value(QLatin1String("credit")).toInteger(-1) == credit;
+      })) << qPrintable(identifier);
     }
   }
   std::size_t Limits() const { return ledger_.accounts.size(); }
