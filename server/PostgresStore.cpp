@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 constexpr milliseconds kConnecting = 700ms;  // of Recover's second
 constexpr milliseconds kChecking = 200ms;    // likewise
-constexpr milliseconds kReadingLedger = 2s;
+constexpr milliseconds kReadingLedger = 500ms;
 constexpr milliseconds kPreparing = 10s;
 constexpr milliseconds kLoading = 60s;
 
@@ -72,7 +72,11 @@ constexpr char kForgetOldRows[] =
 constexpr char kAdjustment[] = "SELECT digest, added FROM adjustments WHERE id = $1";
 constexpr char kLedgerQuery[] =
     "SELECT " VARDELL_LEDGER_COLUMNS
-    "WHERE id > $1 AND ($2 = '' OR \"user\" = $2) AND ($3 = '' OR identifier = $3) "
+    "WHERE id > $1 AND $2 = $2 AND ($3 = '' OR identifier = $3) ORDER BY id LIMIT $4";
+// The ids come from the index alone; whoever has few rows, or none, has them at once.
+constexpr char kLedgerOfUser[] =
+    "SELECT " VARDELL_LEDGER_COLUMNS
+    "WHERE id IN (SELECT id FROM ledger WHERE \"user\" = $2 AND id > $1) AND $3 = $3 "
     "ORDER BY id LIMIT $4";
 // By the index; the parameters are the same.
 constexpr char kLedgerOfOne[] =
@@ -392,7 +396,9 @@ std::vector<LedgerRow> PostgresStore::Ledger(std::int64_t after, const QString& 
                                              const QString& identifier, int limit, bool) {
   std::vector<LedgerRow> rows;
   Guarded([&] {
-    const char* query = user.isEmpty() || identifier.isEmpty() ? kLedgerQuery : kLedgerOfOne;
+    const char* query = user.isEmpty()         ? kLedgerQuery
+                        : identifier.isEmpty() ? kLedgerOfUser
+                                               : kLedgerOfOne;
     const std::int64_t most = limit;
     rows = ReadLedger(Query({query,
                              {PostgresParameter(after), PostgresParameter(user),

@@ -9,6 +9,7 @@
 namespace vardell::server {
 namespace {
 
+constexpr std::int64_t kMostBytesChecked = 64ll << 20;
 constexpr std::int64_t kApplicationId = 0x56617264;  // "Vard"
 
 constexpr char kVersion1[] = R"sql(
@@ -131,7 +132,8 @@ CREATE TABLE top_ups (
 )sql";
 
 // usage: the sums of the ledger's rows that count, by day. numbers: of the last change that is
-// stored for a Server.
+// stored for a Server. balances: the sums of the ledger's minutes through one row (balanced), so
+// that a start has to add up only the rows behind it.
 constexpr char kVersion4[] = R"sql(
 ALTER TABLE limits ADD COLUMN unlimited INTEGER NOT NULL DEFAULT 0;
 ALTER TABLE limits ADD COLUMN parallel TEXT NOT NULL DEFAULT 'sum';
@@ -154,6 +156,15 @@ CREATE TABLE numbers (
   server TEXT PRIMARY KEY,
   last INTEGER NOT NULL
 ) WITHOUT ROWID;
+
+CREATE TABLE balances (
+  user TEXT NOT NULL,
+  identifier TEXT NOT NULL,
+  minutes INTEGER NOT NULL,
+  PRIMARY KEY (user, identifier)
+) WITHOUT ROWID;
+CREATE TABLE balanced (through INTEGER NOT NULL);
+INSERT INTO balanced VALUES (0);
 )sql";
 
 constexpr const char* kMigrations[] = {kVersion1, kVersion2, kVersion3, kVersion4};
@@ -170,7 +181,11 @@ void SetModes(SqliteDatabase& database) {
   database.Execute("PRAGMA trusted_schema = OFF");
 }
 
+// A large file would take many seconds; what is damaged there is noticed where it is read.
 void RefuseDamaged(SqliteDatabase& database) {
+  const std::int64_t bytes =
+      QueryInteger(database, "PRAGMA page_count") * QueryInteger(database, "PRAGMA page_size");
+  if (bytes > kMostBytesChecked) return;
   SqliteStatement check(database, "PRAGMA quick_check(1)");
   const QString answer = check.Step() ? check.Text(0) : QString();
   if (answer != QLatin1String("ok")) {

@@ -254,13 +254,23 @@ LimitsEntry ReadLimits(const SqliteStatement& row, const QString& path) {
 void RefuseUnbalanced(SqliteDatabase& database, const QString& path) {
   SqliteStatement row(database,
                       "SELECT user, identifier, sum(minutes) FROM ("
-                      "  SELECT user, identifier, minutes FROM ledger UNION ALL"
+                      "  SELECT user, identifier, minutes FROM ledger"
+                      "    WHERE id > (SELECT through FROM balanced) UNION ALL"
+                      "  SELECT user, identifier, minutes FROM balances UNION ALL"
                       "  SELECT user, identifier, -minutes FROM credit) "
                       "GROUP BY user, identifier HAVING sum(minutes) <> 0 LIMIT 1");
   if (!row.Step()) return;
   throw ForPeople(QStringLiteral("the store %1 is damaged (the credit of %2, %3, is not the sum of "
                                  "its ledger); put a backup in its place")
                       .arg(path, row.Text(0), row.Text(1)));
+}
+
+void KeepBalances(SqliteDatabase& database) {
+  database.Execute(
+      "INSERT INTO balances SELECT user, identifier, sum(minutes) FROM ledger "
+      "WHERE id > (SELECT through FROM balanced) GROUP BY user, identifier "
+      "ON CONFLICT (user, identifier) DO UPDATE SET minutes = minutes + excluded.minutes");
+  database.Execute("UPDATE balanced SET through = (SELECT coalesce(max(id), 0) FROM ledger)");
 }
 
 std::vector<TopUpRow> ReadTopUps(SqliteDatabase& database, const QString& path) {
@@ -335,9 +345,13 @@ bool DeleteUnfinished(SqliteDatabase& database, std::int64_t first, int most) {
 
 constexpr char kLedgerQuery[] =
     "SELECT id, time, user, identifier, host, source, minutes, credit, used, claimed, actor, "
-    "reason, day FROM ledger WHERE id > ?1 AND (?2 = '' OR user = ?2) "
-    "AND (?3 = '' OR identifier = ?3) AND NOT (id >= ?5 AND source = 'restore') AND id < ?6 "
-    "ORDER BY id LIMIT ?4";
+    "reason, day FROM ledger WHERE id > ?1 AND ?2 = ?2 AND (?3 = '' OR identifier = ?3) "
+    "AND NOT (id >= ?5 AND source = 'restore') AND id < ?6 ORDER BY id LIMIT ?4";
+// The ids come from the index alone; whoever has few rows, or none, has them at once.
+constexpr char kLedgerOfUser[] =
+    "SELECT id, time, user, identifier, host, source, minutes, credit, used, claimed, actor, "
+    "reason, day FROM ledger WHERE id IN (SELECT id FROM ledger WHERE user = ?2 AND id > ?1 "
+    "AND id < ?6) AND ?3 = ?3 AND NOT (id >= ?5 AND source = 'restore') ORDER BY id LIMIT ?4";
 // By the index; the parameters are the same.
 constexpr char kLedgerOfOne[] =
     "SELECT id, time, user, identifier, host, source, minutes, credit, used, claimed, actor, "
@@ -382,6 +396,7 @@ StoreContents SqliteStore::Load(const QString& bootId) {
   if (!ForgetUnfinished(std::numeric_limits<int>::max(), &line)) throw ForPeople(line);
   try {
     RefuseUnbalanced(*database_, path_);
+    (void)InOneTransaction([this] { KeepBalances(*database_); }, &line);  // or at a later start
     StoreContents contents = ReadContents(*database_, path_, bootId);
     database_->TidyUpAtTheEnd();
     return contents;
@@ -477,8 +492,9 @@ std::vector<LedgerRow> SqliteStore::Ledger(std::int64_t after, const QString& us
                                            const QString& identifier, int limit, bool isUnderWay) {
   constexpr std::int64_t none = std::numeric_limits<std::int64_t>::max();
   const std::int64_t unfinished = firstUnfinished_.value_or(none);
-  SqliteStatement row(*database_,
-                      user.isEmpty() || identifier.isEmpty() ? kLedgerQuery : kLedgerOfOne);
+  SqliteStatement row(*database_, user.isEmpty()         ? kLedgerQuery
+                                  : identifier.isEmpty() ? kLedgerOfUser
+                                                         : kLedgerOfOne);
   row << after << user << identifier << std::int64_t{limit} << unfinished
       << (isUnderWay ? unfinished : none);
   std::vector<LedgerRow> rows;
