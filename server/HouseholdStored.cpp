@@ -1,5 +1,6 @@
 // The part of the Household that takes over what the store has.
 #include "server/HouseholdImpl.h"
+#include "server/HouseholdRestore.h"
 
 namespace vardell::server {
 
@@ -40,6 +41,7 @@ void Household::Impl::TakeNews(const StoreNews& news) {
   TakeLimits(news.contents);
   for (const UsageRow& row : news.contents.usage) {
     usage[{row.user, row.identifier}][row.day] += row.minutes;
+    if (restoring) restoring->Booked(row.user, row.identifier, row.day, row.minutes);
   }
   if (!news.contents.removed.empty()) ForgetHanded();
 }

@@ -183,17 +183,20 @@ bool StoreThread::Impl::WriteToStore() {
 }
 
 void StoreThread::Impl::WriteToSpool() {
-  if (unwritten.empty()) return;
-  const std::uint64_t last = unwritten.back().number;
-  QString error;
-  if (!spool || !spool->Append(unwritten, &error)) {
-    if (spool && !spoolFails) Say(error + QStringLiteral("; changes wait in memory alone"));
-    spoolFails = true;
-    return MarkStored(0);
+  while (!unwritten.empty()) {
+    const auto begin = unwritten.begin();
+    const auto size = static_cast<std::ptrdiff_t>(std::min(unwritten.size(), kMaxChangesInBatch));
+    QString error;
+    if (!spool || !spool->Append({begin, begin + size}, &error)) {
+      if (spool && !spoolFails) Say(error + QStringLiteral("; changes wait in memory alone"));
+      spoolFails = true;
+      return MarkStored(0);
+    }
+    spoolFails = false;
+    const std::uint64_t last = unwritten[static_cast<std::size_t>(size) - 1].number;
+    unwritten.erase(begin, begin + size);
+    MarkStored(last);
   }
-  spoolFails = false;
-  unwritten.clear();
-  MarkStored(last);
 }
 
 void StoreThread::Impl::Write() {
