@@ -276,7 +276,7 @@ class LoadAdministrator {
     std::multiset<QString> done;  // ids
     std::set<int> refusals;       // statuses other than 200
     int changedByRepeating = 0;
-    QString refusal;  // the last one's sentence
+    QStringList sentences;  // of the refusals, each once
   };
   Told Look() const {
     const std::lock_guard lock(mutex_);
@@ -317,8 +317,9 @@ class LoadAdministrator {
       }
       if (answer.status != 0) {
         told_.refusals.insert(answer.status);
-        told_.refusal = answer.body.value(QLatin1String("detail")).toString() +
-                        answer.body.value(QLatin1String("hint")).toString();
+        const QString sentence = answer.body.value(QLatin1String("detail")).toString() +
+                                 answer.body.value(QLatin1String("hint")).toString();
+        if (!told_.sentences.contains(sentence)) told_.sentences.append(sentence);
       }
       poll(nullptr, 0, 5);
     }

@@ -55,7 +55,9 @@ TEST_F(LostDatabaseTest, OneThatStandsStillKeepsNobodyWaiting) {
   EXPECT_EQ(server_->Count("agents are answered from memory"), 1) << qPrintable(server_->Log());
   const LoadAdministrator::Told told = load_.Administrator().Look();
   EXPECT_EQ(told.refusals, std::set<int>{503});
-  EXPECT_TRUE(told.refusal.contains(QStringLiteral("database"))) << qPrintable(told.refusal);
+  const QString sentences = told.sentences.join(QLatin1Char('\n'));
+  EXPECT_TRUE(sentences.contains(QStringLiteral("see that PostgreSQL runs")))
+      << qPrintable(sentences);
   EXPECT_TRUE(StatusText().contains(QStringLiteral("The store is away")))
       << qPrintable(StatusText());
   cluster_->Thaw();
