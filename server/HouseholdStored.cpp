@@ -36,14 +36,17 @@ void Household::Impl::TakeCredit(const CreditRow& credit) {
 
 void Household::Impl::TakeNews(const StoreNews& news) {
   for (const RemovedLimits& removed : news.contents.removed) {
-    Forget({removed.user, removed.identifier});
+    const Account* account = Find(removed.user, removed.identifier);
+    if (account && account->revision <= removed.revision) {
+      Forget({removed.user, removed.identifier});
+    }
   }
+  if (!news.contents.removed.empty()) ForgetHanded();
   TakeLimits(news.contents);
   for (const UsageRow& row : news.contents.usage) {
     usage[{row.user, row.identifier}][row.day] += row.minutes;
     if (restoring) restoring->Booked(row.user, row.identifier, row.day, row.minutes);
   }
-  if (!news.contents.removed.empty()) ForgetHanded();
 }
 
 void Household::Impl::TakeEverything(const StoreContents& contents, std::uint64_t through) {
@@ -51,6 +54,9 @@ void Household::Impl::TakeEverything(const StoreContents& contents, std::uint64_
   const auto before = std::exchange(users, {});
   topUps = TopUpQueue();
   removedRevisions.clear();
+  for (const RemovedLimits& removed : contents.removed) {
+    removedRevisions[{removed.user, removed.identifier}] = removed.revision;
+  }
   usage.clear();
   for (const UsageRow& row : contents.usage) {
     usage[{row.user, row.identifier}][row.day] = row.minutes;
@@ -63,12 +69,17 @@ void Household::Impl::TakeEverything(const StoreContents& contents, std::uint64_
     if (accounts == before.end()) continue;
     const auto account = accounts->second.find(entry.identifier);
     if (account == accounts->second.end()) continue;
+    // Limits that were removed and made again begin anew.
+    const auto removed = removedRevisions.find({entry.user, entry.identifier});
+    const bool isGone =
+        removed != removedRevisions.end() && account->second.revision <= removed->second;
+    if (isGone) continue;
     // A database that was put back may have lower versions.
     Account& kept = users[entry.user][entry.identifier] = account->second;
     kept.version = 0;
   }
-  TakeLimits(contents);
   ForgetHanded();
+  TakeLimits(contents);
 }
 
 void Household::Impl::TakeNews(const StoreThread::News& news) {

@@ -55,14 +55,10 @@ constexpr char kNewAccounts[] =
     "SELECT " VARDELL_ACCOUNT_COLUMNS "WHERE c.version > $1 AND c.version <> ALL($2::bigint[])";
 constexpr char kUntoldAccounts[] = "SELECT " VARDELL_ACCOUNT_COLUMNS "WHERE " VARDELL_UNTOLD;
 constexpr char kNewRemoved[] =
-    "SELECT \"user\", identifier, revision FROM removed_limits r "
-    "WHERE version > $1 AND version <> ALL($2::bigint[]) "
-    "AND NOT EXISTS (SELECT 1 FROM credit c WHERE c.\"user\" = r.\"user\" "
-    "AND c.identifier = r.identifier)";
+    "SELECT \"user\", identifier, revision FROM removed_limits "
+    "WHERE version > $1 AND version <> ALL($2::bigint[])";
 constexpr char kUntoldRemoved[] =
-    "SELECT \"user\", identifier, revision FROM removed_limits r WHERE " VARDELL_UNTOLD
-    " AND NOT EXISTS (SELECT 1 FROM credit c WHERE c.\"user\" = r.\"user\" "
-    "AND c.identifier = r.identifier)";
+    "SELECT \"user\", identifier, revision FROM removed_limits WHERE " VARDELL_UNTOLD;
 constexpr char kNewUsage[] =
     "SELECT \"user\", identifier, day::text, sum(used)::bigint FROM ledger "
     "WHERE id > $1 AND server <> $2 AND used <> 0 GROUP BY \"user\", identifier, day";

@@ -113,7 +113,8 @@ struct StoreContents {
 struct StoreNews {
   bool everything = false;  // so much that all is to be loaded again; the rest is empty then
   // Of limits that were made or changed in any way: all of `limits`, `topUps` and `credit`; of
-  // those removed `removed`; `usage` is what was added to days. No lanes.
+  // those removed, also where they were made again, `removed`; `usage` is what was added to days.
+  // No lanes.
   StoreContents contents;
 
   bool IsEmpty() const {

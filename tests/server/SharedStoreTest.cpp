@@ -149,6 +149,31 @@ TEST_F(SharedStoreTest, ALimitThatAnotherServerRemovesBeforeItsTopUpIsAnsweredAs
   EXPECT_FALSE(household_->Limits(kAnna, kGame).has_value());
 }
 
+TEST_F(SharedStoreTest, ALimitThatAnotherServerMakesAnewBeginsAnew) {
+  for (const bool isEverything : {false, true}) {
+    SCOPED_TRACE(isEverything);
+    Has(5, 2);
+    Open();
+    household_->ApplicationStarted(connection_, kAnna, kGame);
+    (void)household_->FetchLimits(connection_, kAnna, kGame);
+    household_->Settle();
+    Has(10, 4);
+    database_.Locked([&] {
+      database_.contents.limits[0].revision = 2;
+      database_.contents.removed = {{kAnna, kGame, 1}};
+      database_.news.everything = isEverything;
+      if (!isEverything) database_.news.contents = database_.contents;
+    });
+    EXPECT_TRUE(test::WaitUntil([&] {
+      (void)household_->TakeStored();
+      return household_->Limits(kAnna, kGame)->credit == 10;
+    }));
+    sinceBoot_ += 600s;
+    Use(0);
+    EXPECT_EQ(household_->Limits(kAnna, kGame)->credit, 9) << "of nothing handed, one minute";
+  }
+}
+
 TEST_F(SharedStoreTest, ADatabaseThatIsPutBackIsBelievedThoughItsVersionsAreLower) {
   Has(5, 900);
   Open();
