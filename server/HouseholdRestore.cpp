@@ -114,7 +114,8 @@ std::optional<RestoreResult> Household::Restore::Step() {
 void Household::Restore::Booked(const QString& user, const QString& identifier, const QDate& day,
                                 std::int64_t minutes) {
   const Name name(user, identifier);
-  if (entered_ && name <= *entered_) bookedMeanwhile_[{name, day}] += minutes;
+  const bool isCompared = phase_ == Phase::Finishing || (entered_ && name <= *entered_);
+  if (isCompared) bookedMeanwhile_[{name, day}] += minutes;
 }
 
 std::vector<LedgerRow> Household::Restore::NextRows() {

@@ -89,6 +89,21 @@ TEST_F(HouseholdRestoreTest, AgentsGoOnAndNoMinuteIsGainedOrLostBeyondTheBackup)
   EXPECT_EQ(household_->Usage(kZoe, game_)->at(now_.date()), 7);
 }
 
+TEST_F(HouseholdRestoreTest, UseThatBeginsRightBeforeTheLastStepIsReplacedToo) {
+  const Backup backup = household_->MakeBackup();
+  const AgentConnection remote{9, QStringLiteral("192.0.2.9"), std::nullopt};
+  auto restore = household_->BeginRestore(root_, backup);
+  while (!restore->IsLastStepNext()) ASSERT_FALSE(restore->Step());
+  household_->CreditReport(remote, kZoe, game_, 29);
+  EXPECT_EQ(household_->Usage(kZoe, game_)->size(), 1u);
+  EXPECT_EQ(Finish(*restore).status, AdminStatus::Ok);
+  restore.reset();
+  for (const char* when : {"at once", "after a restart"}) {
+    EXPECT_EQ(State(), Text(backup)) << when;
+    Open();
+  }
+}
+
 TEST_F(HouseholdRestoreTest, GivenUpAfterAnyStepItLeavesEverythingAsItWas) {
   const QByteArray before = State();
   const Backup backup = Large();
