@@ -98,8 +98,7 @@ void Run() {
     Clocks clocks{[] { return std::chrono::milliseconds(0); }, QStringLiteral("bench"),
                   [] { return QDateTime(kLastDay, QTime(12, 0), Qt::UTC); },
                   std::chrono::milliseconds(1000)};
-    return std::make_unique<Household>(OpenStore(folder.filePath(QStringLiteral("store"))),
-                                       clocks);
+    return std::make_unique<Household>(OpenStore(folder.filePath(QStringLiteral("store"))), clocks);
   };
   auto household = open();
   Restore("into an empty store", *household, School(10));

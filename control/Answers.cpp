@@ -4,6 +4,7 @@
 #include <QRegularExpression>
 #include <QUrl>
 
+#include "Common Sources/PrintableText.h"
 #include "control/Tables.h"
 #include "limits/WatchedApps.h"
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Common Sources/PrintableText.h"
+
 namespace vardell::control {
 namespace {
 
@@ -95,19 +97,6 @@ QString AlignedTable(const std::vector<QStringList>& rows) {
     text += line + QLatin1Char('\n');
   }
   return text;
-}
-
-bool IsPrintable(char32_t character) {
-  switch (QChar::category(character)) {
-    case QChar::Other_Control:
-    case QChar::Other_Format:
-    case QChar::Other_Surrogate:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-      return false;
-    default:
-      return true;
-  }
 }
 
 QString Printable(const QString& text) {

@@ -19,7 +19,6 @@ QString AlignedTable(const std::vector<QStringList>& rows);
 
 // Without control characters and what else would turn or hide text on a terminal.
 QString Printable(const QString& text);
-bool IsPrintable(char32_t character);  // what Printable leaves as it is
 
 // A bar of `value` where `most` fills `cells` columns, without blanks behind it; what is not
 // nothing is at least a trace. Eighths of a column, or whole '#' where they cannot be shown.

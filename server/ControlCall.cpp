@@ -22,11 +22,7 @@ Problem NotFound(const QString& title) {
 }
 
 Problem StoreFailed(const QString& hint) {
-  return {503,
-          "store-failed",
-          QStringLiteral("The store could not be written"),
-          {},
-          hint};
+  return {503, "store-failed", QStringLiteral("The store could not be written"), {}, hint};
 }
 
 Body ReadBody(const QByteArray& bytes, std::initializer_list<const char*> fields) {

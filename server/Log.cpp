@@ -12,25 +12,13 @@
 #include <algorithm>
 
 #include "Common Sources/Caps.h"
+#include "Common Sources/PrintableText.h"
 #include "Common Sources/TestHooks.h"
 
 namespace vardell::server {
 namespace {
 
 constexpr char kProgram[] = "vardell-server";
-
-bool IsPrintable(char32_t character) {
-  switch (QChar::category(character)) {
-    case QChar::Other_Control:
-    case QChar::Other_Format:
-    case QChar::Other_Surrogate:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-      return false;
-    default:
-      return true;
-  }
-}
 
 bool IsStream(int descriptor, const QByteArray& stream) {
   struct stat facts {};

@@ -1,6 +1,6 @@
 // Ending a process for a user who asks for it: only a process that is wholly that user's, or the
-// leader of one of that user's sessions (which is often wholly root's), and never a process that was
-// given the same pid in the meantime.
+// leader of one of that user's sessions (which is often wholly root's), and never a process that
+// was given the same pid in the meantime.
 #pragma once
 
 #include <sys/types.h>

@@ -2,8 +2,9 @@
 // other program can use the file meanwhile.
 //
 // Tables: migrations, limits, top_ups, removed_limits, credit, lanes, ledger, balances, balanced,
-// usage, numbers, unfinished_restore, adjustments, audit. The ledger and the audit only ever grow: the database
-// itself refuses to change or delete their rows, but for those of a restore that was not finished.
+// usage, numbers, unfinished_restore, adjustments, audit. The ledger and the audit only ever grow:
+// the database itself refuses to change or delete their rows, but for those of a restore that was
+// not finished.
 #pragma once
 
 #include <functional>

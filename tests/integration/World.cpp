@@ -25,9 +25,7 @@ void WriteFile(const std::string& path, const QByteArray& contents) {
 }  // namespace
 
 World::World(int secondMs)
-    : secondMs_(secondMs),
-      root_(folder_.path().toStdString()),
-      user_(getpwuid(getuid())->pw_name) {
+    : secondMs_(secondMs), root_(folder_.path().toStdString()), user_(getpwuid(getuid())->pw_name) {
   for (const char* path : {"usr/share/applications", "apps", "Library/Preferences",
                            "var/lib/vardell", "run/vardell"}) {
     QDir(folder_.path()).mkpath(QString::fromLatin1(path));
