@@ -196,13 +196,13 @@ std::int64_t Model::Instant(QDate date, int wallTime) {
   const auto known = instants_.find({date, wallTime});
   if (known != instants_.end()) return known->second;
   const QTime time = QTime::fromMSecsSinceStartOfDay(wallTime);
-  std::int64_t at = QDateTime(date, time, Qt::UTC).toMSecsSinceEpoch() - 30 * kHour;
+  std::int64_t at = QDateTime(date, time, Qt::UTC).toMSecsSinceEpoch() - 15 * kHour;
   const auto shows = [&] {
     const QDateTime local = QDateTime::fromMSecsSinceEpoch(at, zone_);
     return local.date() > date || (local.date() == date && local.time() >= time);
   };
-  while (!shows()) at += 4 * kHour;
-  for (at -= 8 * kHour; !shows();) at += 15 * kMinute;
+  while (!shows()) at += 2 * kHour;
+  for (at -= 3 * kHour; !shows();) at += 15 * kMinute;
   return instants_[{date, wallTime}] = at;
 }
 

@@ -4,7 +4,6 @@
 #include <set>
 
 #include "Common Sources/PropertyList.h"
-#include "server/HouseholdRestore.h"
 #include "server/Store.h"
 #include "tests/server/FullDisk.h"
 #include "tests/support/Waiting.h"
@@ -12,55 +11,15 @@
 namespace vardell::test {
 namespace {
 
-using server::AdminResult;
-using server::AdminStatus;
-
 constexpr std::size_t kKeptEvents = 25;
 constexpr std::int64_t kStartOfAbsoluteTime = 978'307'200'000;  // 2001
-constexpr std::int64_t kMostCredit = 2'147'483'647;
 constexpr std::int64_t kRefusedCredit = 12345;
-const server::Actor kRoot{0, QStringLiteral("uid 0 (root)")};
 
 // Flushes cost nothing there, and nothing here loses what was written without one.
 QString FolderPath() {
   const QString memory = QStringLiteral("/dev/shm");
   const QString place = QFile::exists(memory) ? memory : QDir::tempPath();
   return place + QStringLiteral("/vardell-model-XXXXXX");
-}
-
-QVariantMap Dictionary(const ModelKeys& keys) {
-  const double next = static_cast<double>(keys.next - kStartOfAbsoluteTime) / 1000;
-  return {{QStringLiteral("Enabled"), keys.enabled},
-          {QStringLiteral("AutoUpdateValue"), qlonglong{keys.value}},
-          {QStringLiteral("AutoUpdateCoeff"), qlonglong{keys.unit}},
-          {QStringLiteral("WE Value"), qlonglong{keys.weekEndValue}},
-          {QStringLiteral("WE Coeff"), qlonglong{keys.weekEndUnit}},
-          {QStringLiteral("NextAutoUpdate"), keys.next == 0 ? 0 : next}};
-}
-
-QVariantMap Dictionary(const ModelOptions& options) {
-  const QVariant none = QVariant::fromValue(nullptr);
-  const auto parallel = options.unionOfHosts ? QStringLiteral("union") : QStringLiteral("sum");
-  const auto scope = options.perHost ? QStringLiteral("user@host") : QStringLiteral("user");
-  return {{QStringLiteral("unlimited"), options.unlimited},
-          {QStringLiteral("scope"), scope},
-          {QStringLiteral("parallel"), parallel},
-          {QStringLiteral("rollOver"), options.rollOver},
-          {QStringLiteral("rollOverCap"), options.cap ? QVariant(qlonglong{*options.cap}) : none}};
-}
-
-template <typename Values>
-QVariantMap Differences(const Values* before, const Values& after) {
-  QVariantMap changes = Dictionary(after);
-  const QVariantMap known = before ? Dictionary(*before) : QVariantMap();
-  for (auto value = known.begin(); value != known.end(); ++value) {
-    if (changes.value(value.key()) == value.value()) changes.remove(value.key());
-  }
-  return changes;
-}
-
-QString Text(const LimitName& name) {
-  return name.first + QLatin1Char(' ') + name.second;
 }
 
 QString Text(const Peer& peer) {
@@ -75,16 +34,36 @@ std::optional<QString> UserOf(std::uint32_t uid) {
   return std::nullopt;
 }
 
-template <typename Map>
-std::map<QDate, std::int64_t> WithUse(const Map& days) {
-  std::map<QDate, std::int64_t> with;
+std::int64_t Instant(double nextTime) {
+  return nextTime == 0 ? 0 : static_cast<std::int64_t>(nextTime * 1000) + kStartOfAbsoluteTime;
+}
+
+// A day without use is as good as none.
+template <typename Days>
+bool IsSameUse(const Days& days, const std::map<QDate, std::int64_t>& wanted) {
+  auto next = wanted.begin();
   for (const auto& [day, minutes] : days) {
-    if (minutes != 0) with.emplace(day, minutes);
+    if (minutes == 0) continue;
+    if (next == wanted.end() || next->first != day || next->second != minutes) return false;
+    ++next;
   }
-  return with;
+  return next == wanted.end();
+}
+
+template <typename Days>
+std::string UseText(const Days& days) {
+  std::string text;
+  for (const auto& [day, minutes] : days) {
+    text += " " + day.toString(Qt::ISODate).toStdString() + " " + std::to_string(minutes);
+  }
+  return text;
 }
 
 }  // namespace
+
+QString Simulation::TextOf(const LimitName& name) {
+  return name.first + QLatin1Char(' ') + name.second;
+}
 
 Simulation::Simulation(const QTimeZone& zone, std::int64_t wall, const QString& uri)
     : folder_(FolderPath()), zone_(zone), model_(zone) {
@@ -152,6 +131,9 @@ void Simulation::Begin() {
   Server& one = servers_[turn_];
   server::HouseholdHooks hooks;
   hooks.userOfUid = UserOf;
+  hooks.log = [this](const server::LogEvent& event) {
+    wasBusy_ = wasBusy_ || event.message.contains(QStringLiteral("busy"));
+  };
   one.household = std::make_unique<server::Household>(server::OpenStore(one.store), ClocksOf(turn_),
                                                       hooks, one.spool);
   model_.Restarted(one.name);
@@ -218,9 +200,22 @@ void Simulation::TakeTurn(std::size_t number) {
   CompareAll();
 }
 
+bool Simulation::IsPlanned() const {
+  for (const auto& [name, account] : model_.Accounts()) {
+    const auto entry = Its().Limits(name.first, name.second);
+    if (entry && Instant(entry->limits.nextTopUpTime) != account.keys.next) return false;
+  }
+  return true;
+}
+
 void Simulation::TopUp() {
+  const auto isDone = [this] {
+    while (Its().TopUpDue()) continue;
+    return IsPlanned();
+  };
   while (Its().TopUpDue()) continue;
   if (isClockSet_ || model_.boot >= 600'000) model_.TopUpAll();
+  if (std::exchange(wasBusy_, false)) (void)WaitUntil(isDone);
 }
 
 void Simulation::WithoutDisk(const std::function<void()>& action) {
@@ -245,27 +240,42 @@ QString Simulation::LaneOf(const Peer& peer) const {
   return servers_[peer.server].name + peer.connection.host;
 }
 
+void Simulation::Insist(const Peer& peer, const QString& identifier,
+                        const std::function<void()>& request) {
+  const LimitName name = model_.NameAt(LaneOf(peer), NameOf(peer, identifier));
+  (void)WaitUntil([&] {
+    request();
+    // One that is denied, as its host has no account yet, changes nothing.
+    return !Speaks(peer) || !model_.Find(name) || Its().Limits(name.first, name.second);
+  });
+}
+
 void Simulation::Start(const Peer& peer, const QString& identifier) {
   Note(QStringLiteral("%1 starts %2").arg(Text(peer), identifier));
-  Its().ApplicationStarted(peer.connection, peer.user, identifier);
   if (Speaks(peer)) model_.Start(LaneOf(peer), NameOf(peer, identifier));
+  Insist(peer, identifier,
+         [&] { Its().ApplicationStarted(peer.connection, peer.user, identifier); });
   CompareAt(peer, identifier);
 }
 
 void Simulation::Report(const Peer& peer, const QString& identifier, std::int64_t claimed) {
   Note(QStringLiteral("%1 reports %2 of %3").arg(Text(peer)).arg(claimed).arg(identifier));
-  Its().CreditReport(peer.connection, peer.user, identifier, static_cast<std::int32_t>(claimed));
   const LimitName name = NameOf(peer, identifier);
   if (Speaks(peer)) model_.Report(peer.connection.id, LaneOf(peer), name, claimed);
+  const auto credit = static_cast<std::int32_t>(claimed);
+  Insist(peer, identifier,
+         [&] { Its().CreditReport(peer.connection, peer.user, identifier, credit); });
   CompareAt(peer, identifier);
 }
 
 std::optional<std::int64_t> Simulation::Fetch(const Peer& peer, const QString& identifier) {
   const LimitName name = NameOf(peer, identifier);
-  const QByteArray frame = Its().AnswerFetch(peer.connection, peer.user, identifier).frame;
-  const QVariantMap got = ReadPropertyListXml(frame.mid(4)).value_or(QVariant()).toMap();
   std::optional<std::int64_t> wanted;
   if (Speaks(peer)) wanted = model_.Fetch(peer.connection.id, LaneOf(peer), name);
+  QByteArray frame;
+  Insist(peer, identifier,
+         [&] { frame = Its().AnswerFetch(peer.connection, peer.user, identifier).frame; });
+  const QVariantMap got = ReadPropertyListXml(frame.mid(4)).value_or(QVariant()).toMap();
   const bool isWatched = wanted && model_.Find(name)->keys.enabled;
   const std::int64_t credit = got.value(QStringLiteral("Credit"), -1).toLongLong();
   Note(QStringLiteral("%1 fetches %2: %3").arg(Text(peer), identifier).arg(credit));
@@ -285,131 +295,12 @@ void Simulation::Close(const Peer& peer) {
   model_.Close(peer.connection.id);
 }
 
-// --- Administrators.
-
-void Simulation::Change(const LimitName& name, const ModelKeys& keys, const ModelOptions& options,
-                        std::optional<std::int64_t> credit) {
-  const ModelAccount* before = model_.Find(name);
-  QVariantMap changes = Differences(before ? &before->keys : nullptr, keys);
-  if (credit) changes.insert(QStringLiteral("Credit"), qlonglong{*credit});
-  Note(QStringLiteral("limits of %1: credit %2, value %3, next %4")
-           .arg(Text(name))
-           .arg(credit.value_or(-1))
-           .arg(keys.value)
-           .arg(keys.next));
-  const AdminResult result = Its().ChangeLimits(kRoot, name.first, name.second, changes,
-                                                before ? before->revision : 0, Dictionary(options));
-  AdminStatus wanted = model_.hasDisk ? AdminStatus::Ok : AdminStatus::StoreFailed;
-  if (credit == kRefusedCredit) wanted = AdminStatus::BadValue;
-  Expect(QStringLiteral("the status: ") + result.message, static_cast<int>(result.status),
-         static_cast<int>(wanted));
-  if (wanted == AdminStatus::Ok) {
-    model_.Change(name, keys, options, credit);
-    if (isClockSet_ || model_.boot >= 600'000) model_.TopUp(name);
-    if (result.entry) {
-      Expect(QStringLiteral("the entry's credit"), result.entry->credit, model_.Find(name)->credit);
-    }
-  }
-  Compare(name);
-}
-
-void Simulation::ChangeWithOldRevision(const LimitName& name) {
-  const ModelAccount* account = model_.Find(name);
-  if (!account) return;
-  const AdminResult result = Its().ChangeLimits(
-      kRoot, name.first, name.second, {{QStringLiteral("Credit"), 7}}, account->revision - 1);
-  Expect(QStringLiteral("the status with an old revision"), static_cast<int>(result.status),
-         static_cast<int>(AdminStatus::RevisionMismatch));
-  Compare(name);
-}
-
-void Simulation::Remove(const LimitName& name) {
-  const ModelAccount* account = model_.Find(name);
-  if (!account) return;
-  Note(QStringLiteral("%1 is removed").arg(Text(name)));
-  const AdminResult result = Its().RemoveLimits(kRoot, name.first, name.second, account->revision);
-  Expect(QStringLiteral("the status of a removal"), static_cast<int>(result.status),
-         static_cast<int>(AdminStatus::Ok));
-  model_.Remove(name);
-  Compare(name);
-}
-
-void Simulation::SetCredit(const LimitName& name, std::int64_t minutes, const QString& id) {
-  Adjust(name, false, minutes, id);
-}
-
-void Simulation::AddCredit(const LimitName& name, std::int64_t minutes, const QString& id) {
-  Adjust(name, true, minutes, id);
-}
-
-void Simulation::Adjust(const LimitName& name, bool isAddition, std::int64_t minutes,
-                        const QString& id) {
-  Note(QStringLiteral("%1 %2 %3, id %4")
-           .arg(Text(name), isAddition ? QStringLiteral("is given") : QStringLiteral("is set to"))
-           .arg(minutes)
-           .arg(id));
-  const auto change = isAddition ? &server::Household::AddCredit : &server::Household::SetCredit;
-  const AdminResult result = (Its().*change)(kRoot, name.first, name.second, minutes, id, {});
-  const ModelAccount* account = model_.Find(name);
-  const auto known = adjustments_.find(id);
-  AdminStatus wanted = AdminStatus::Ok;
-  std::int64_t added = 0;
-  if (!isAddition && minutes == kRefusedCredit) {
-    wanted = AdminStatus::BadValue;
-  } else if (!account) {
-    wanted = AdminStatus::NotFound;
-  } else if (!model_.hasDisk) {
-    wanted = AdminStatus::StoreFailed;
-  } else if (known != adjustments_.end()) {
-    const Adjustment& its = known->second;
-    const bool isSame = its.name == name && its.isAddition == isAddition && its.minutes == minutes;
-    wanted = isSame ? AdminStatus::Ok : AdminStatus::IdReused;
-    added = isSame ? its.added : 0;
-  } else {
-    const std::int64_t before = account->credit;
-    const std::int64_t after = isAddition ? before + minutes : minutes;
-    model_.SetCredit(name, std::clamp<std::int64_t>(after, 0, kMostCredit));
-    added = account->credit - before;
-    adjustments_[id] = {name, isAddition, minutes, added};
-  }
-  Expect(QStringLiteral("the status: ") + result.message, static_cast<int>(result.status),
-         static_cast<int>(wanted));
-  Expect(QStringLiteral("what was added"), result.added, added);
-  Compare(name);
-}
-
-void Simulation::KeepBackup() {
-  Note(QStringLiteral("a backup is made"));
-  backup_ = {Its().MakeBackup(), model_.MakeBackup()};
-}
-
-void Simulation::Restore(const std::function<void()>& between, bool isFinished) {
-  if (!backup_) return;
-  Note(QStringLiteral("a restore begins"));
-  {
-    const auto restore = Its().BeginRestore(kRoot, backup_->first);
-    for (int step = 0;; ++step) {
-      const auto result = restore->Step();
-      if (result) {
-        Expect(QStringLiteral("the restore's status"), static_cast<int>(result->status),
-               static_cast<int>(AdminStatus::Ok));
-        break;
-      }
-      between();
-      if (!isFinished && step > 0) return Note(QStringLiteral("the restore is given up"));
-    }
-  }
-  Note(QStringLiteral("it is restored"));
-  model_.Restore(backup_->second);
-  CompareAll();
-}
-
 // --- Comparing.
 
 void Simulation::Compare(const LimitName& name) {
   const auto entry = Its().Limits(name.first, name.second);
   const ModelAccount* account = model_.Find(name);
-  const auto what = [&](const char* figure) { return Text(name) + QLatin1String(figure); };
+  const auto what = [&](const char* figure) { return TextOf(name) + QLatin1String(figure); };
   Expect(what(": whether there are limits"), entry.has_value(), account != nullptr);
   if (entry && account) {
     const server::LimitsEntry& is = *entry;
@@ -417,21 +308,12 @@ void Simulation::Compare(const LimitName& name) {
     Expect(what("'s revision"), static_cast<std::int64_t>(is.revision),
            static_cast<std::int64_t>(account->revision));
     Expect(what("'s Enabled"), is.limits.enabled, account->keys.enabled);
-    const std::int64_t next =
-        static_cast<std::int64_t>(is.limits.nextTopUpTime * 1000) + kStartOfAbsoluteTime;
-    Expect(what("'s next top-up"), is.limits.nextTopUpTime == 0 ? 0 : next, account->keys.next);
+    Expect(what("'s next top-up"), Instant(is.limits.nextTopUpTime), account->keys.next);
   }
-  const auto days = WithUse(Its().Usage(name.first, name.second).value_or(server::UsageDays()));
-  const auto& wanted = model_.Used(name);
-  if (days == wanted || !problem_.empty()) return;
-  problem_ = "the use of " + Text(name).toStdString() + " by day differs:";
-  for (const auto& [day, minutes] : days) {
-    problem_ += " " + day.toString(Qt::ISODate).toStdString() + " " + std::to_string(minutes);
-  }
-  problem_ += ", and should be";
-  for (const auto& [day, minutes] : wanted) {
-    problem_ += " " + day.toString(Qt::ISODate).toStdString() + " " + std::to_string(minutes);
-  }
+  const auto days = Its().Usage(name.first, name.second).value_or(server::UsageDays());
+  if (IsSameUse(days, model_.Used(name)) || !problem_.empty()) return;
+  problem_ = "the use of " + TextOf(name).toStdString() + " by day is" + UseText(days) +
+             ", and should be" + UseText(model_.Used(name));
 }
 
 void Simulation::CompareAt(const Peer& peer, const QString& identifier) {
@@ -443,7 +325,9 @@ void Simulation::CompareAt(const Peer& peer, const QString& identifier) {
 
 void Simulation::ReadLedger() {
   for (;;) {
-    const auto rows = Its().Ledger(seen_, {}, {}, 1000);
+    std::optional<std::vector<server::LedgerRow>> rows;
+    const auto isRead = [&] { return (rows = Its().Ledger(seen_, {}, {}, 1000)).has_value(); };
+    (void)WaitUntil(isRead);
     Expect(QStringLiteral("whether the ledger is read"), rows.has_value(), true);
     if (!rows || rows->empty()) return;
     seen_ = rows->back().id;
@@ -451,7 +335,7 @@ void Simulation::ReadLedger() {
       const LimitName name(row.user, row.identifier);
       sums_[name] += row.minutes;
       if (row.minutes != 0) {
-        Expect(Text(name) + QStringLiteral("'s credit in the ledger"), row.credit, sums_[name]);
+        Expect(TextOf(name) + QStringLiteral("'s credit in the ledger"), row.credit, sums_[name]);
       }
       used_[name][row.day] += row.used;
       ++rowsBySource_[row.source];
@@ -469,10 +353,10 @@ void Simulation::CompareAll() {
   for (const LimitName& name : names) {
     Compare(name);
     const ModelAccount* account = model_.Find(name);
-    Expect(Text(name) + QStringLiteral("'s sum in the ledger"), sums_[name],
+    Expect(TextOf(name) + QStringLiteral("'s sum in the ledger"), sums_[name],
            account ? account->credit : 0);
-    const bool isSame = WithUse(used_[name]) == model_.Used(name);
-    Expect(Text(name) + QStringLiteral(": whether the ledger's use is that of the days"), isSame,
+    const bool isSame = IsSameUse(used_[name], model_.Used(name));
+    Expect(TextOf(name) + QStringLiteral(": whether the ledger's use is that of the days"), isSame,
            true);
   }
 }

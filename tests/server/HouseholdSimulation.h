@@ -5,6 +5,7 @@
 
 #include <QTemporaryDir>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,7 +95,12 @@ class Simulation {
     std::int64_t added = 0;
   };
 
-  server::Household& Its() { return *servers_[turn_].household; }
+  static QString TextOf(const LimitName& name);
+  // A store that is too busy on a slow machine refuses; then it is asked again.
+  server::AdminResult Insist(const std::function<server::AdminResult()>& change);
+  void Insist(const Peer& peer, const QString& identifier, const std::function<void()>& request);
+  bool IsPlanned() const;
+  server::Household& Its() const { return *servers_[turn_].household; }
   server::Clocks ClocksOf(std::size_t server);
   void Settle();
   bool Speaks(const Peer& peer) const;
@@ -112,6 +118,7 @@ class Simulation {
   QTimeZone zone_;
   Model model_;
   bool isClockSet_ = true;
+  bool wasBusy_ = false;  // with a top-up
   int boots_ = 0;
   int copies_ = 0;
   std::vector<Server> servers_;
