@@ -171,6 +171,9 @@ void Simulation::Reboot(std::int64_t sinceBoot) {
 }
 
 void Simulation::TakeTurn(std::size_t number) {
+  // Whoever knows this one knows what was before it, also what cannot be seen from here.
+  const LimitName last(QStringLiteral("nobody"), QStringLiteral("turn"));
+  Change(last, {}, {}, ++turns_);
   Settle();
   const server::Backup wanted = Its().MakeBackup();
   turn_ = number;

@@ -121,6 +121,7 @@ class Simulation {
   bool wasBusy_ = false;  // with a top-up
   int boots_ = 0;
   int copies_ = 0;
+  int turns_ = 0;
   std::vector<Server> servers_;
   std::size_t turn_ = 0;
   std::map<QString, Adjustment> adjustments_;
