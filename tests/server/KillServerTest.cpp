@@ -9,7 +9,6 @@
 #include "Common Sources/Caps.h"
 #include "tests/server/Client.h"
 #include "tests/server/NetworkThread.h"
-#include "tests/support/OtherUsers.h"
 #include "tests/support/Waiting.h"
 
 namespace vardell::server {
@@ -25,17 +24,15 @@ class KillServerTest : public testing::Test {
  protected:
   using Request = std::pair<pid_t, uid_t>;
 
-  void Start(bool real = false) {
+  void Start() {
     KillServer::Options options;
     options.port = 0;
     options.log = [this](const LogEvent& event) { events_.push_back(event); };
     options.logMinute = logMinute_;
-    if (!real) {
-      options.kill = [this](pid_t pid, uid_t uid) {
-        requests_.emplace_back(pid, uid);
-        return KillResult::Killed;
-      };
-    }
+    options.kill = [this](pid_t pid, uid_t uid) {
+      requests_.emplace_back(pid, uid);
+      return KillResult::Killed;
+    };
     options.userBehind = [this](int socket) {
       return unknown_ ? std::nullopt : UserBehind(socket);
     };
@@ -88,21 +85,6 @@ TEST_F(KillServerTest, HandsPidAndUserOnAndLogsOneLineForEach) {
   EXPECT_EQ(first.pid, 4711);
   EXPECT_FALSE(client.HasSomethingToRead()) << "no reply is ever sent";
   EXPECT_FALSE(Client(port_, "127.0.0.2").IsConnected()) << "one loopback address only";
-}
-
-TEST_F(KillServerTest, EndsARealProcessOfTheConnectedUserOnly) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root: another user connects";
-  Start(true);
-  const Sleeper annas(Sleeper::OfUser(kAnna));
-  AsUser(kAnna, [&] {
-    const Client client(port_);
-    client.Send(KillFrame(QString::number(getpid())) + KillFrame(QString::number(annas.Pid())));
-    Lines(2);
-  });
-  EXPECT_TRUE(annas.DiesOfKill());
-  EXPECT_EQ(
-      Lines(2).at(0),
-      QStringLiteral("kill request of uid 4242 for pid %1: refused: protected").arg(getpid()));
 }
 
 // --- Refused.

@@ -98,17 +98,6 @@ TEST(SafeKillRules, EndOnlyWhatIsTheRequestersOrLeadsTheirSession) {
   }
 }
 
-TEST_F(SafeKill, ReadsTheFactsOfRealProcesses) {
-  const Sleeper annas(Sleeper::OfUser(kAnna));
-  const Sleeper mixed(Sleeper::OfUser(kAnna, 0));
-  const KillRules rules{Nobody, ReadProcessFacts};
-  EXPECT_EQ(KillOnRequest(annas.Pid(), kBert, rules), KillResult::NotTheirs);
-  EXPECT_EQ(KillOnRequest(mixed.Pid(), kAnna, rules), KillResult::NotTheirs);
-  EXPECT_TRUE(annas.IsAlive());
-  EXPECT_EQ(KillOnRequest(annas.Pid(), kAnna, rules), KillResult::Killed);
-  EXPECT_TRUE(annas.DiesOfKill());
-}
-
 TEST(SafeKillRules, NeverTouchTheFirstProcessItselfOrNonsense) {
   const KillRules rules{Everybody, ReadProcessFacts};
   for (const pid_t pid : {1, 0, -1, -4242, static_cast<int>(getpid()), static_cast<int>(getppid()),

@@ -1,3 +1,4 @@
+// Years of them, with outages and wrong clocks, are in HouseholdYearsTest.
 #include "server/TopUps.h"
 
 #include <gtest/gtest.h>
@@ -6,10 +7,7 @@
 #include <QStringList>
 #include <cmath>
 #include <limits>
-#include <map>
 #include <ostream>
-#include <random>
-#include <set>
 #include <string>
 
 #include "Common Sources/Caps.h"
@@ -282,143 +280,6 @@ TEST(TopUpsTest, TheRangesOfDatesAreBoundedAndTheUsedOnesStay) {
   EXPECT_TRUE(HadTopUp(memory, first));
   EXPECT_TRUE(HadTopUp(memory, first.addYears(499)));
   EXPECT_FALSE(HadTopUp(memory, first.addYears(1)));
-}
-
-// A plain model, with every date remembered and Qt's own local times scanned for each date's
-// instant.
-class Oracle {
- public:
-  Oracle(QTimeZone zone, int wall, const LimitsRecord& limits, TopUpOptions options)
-      : zone_(std::move(zone)), wall_(wall), limits_(limits), options_(options) {}
-
-  std::vector<DueTopUp> Due(std::int64_t previous, std::int64_t now, std::int64_t credit) {
-    const QDate today = Local(now).date();
-    if (had_.count(today) != 0) return {};
-    std::vector<QDate> dates;
-    for (int back = options_.rollOver ? kMaxMissedTopUps : 1; back > 0; --back) {
-      const QDate date = today.addDays(-back);
-      if (Instant(date) > previous && Instant(date) <= now && had_.count(date) == 0) {
-        dates.push_back(date);
-      }
-    }
-    const bool hasCome = Instant(today) <= now;
-    if (hasCome && !options_.rollOver) dates.clear();
-    if (hasCome) dates.push_back(today);
-    std::vector<DueTopUp> due;
-    for (const QDate date : dates) {
-      const bool isWeekEnd = date.dayOfWeek() == 6 || date.dayOfWeek() == 7;
-      const std::int64_t minutes = isWeekEnd ? 2 * 60 : 45;
-      std::int64_t after = minutes;
-      if (options_.rollOver) after = std::max(credit, std::min(credit + minutes, *options_.cap));
-      if (after == credit && date != dates.back()) continue;
-      due.push_back({date, after, after - credit});
-      credit = after;
-      had_.insert(date);
-    }
-    return due;
-  }
-
- private:
-  QDateTime Local(std::int64_t instant) const {
-    return QDateTime::fromMSecsSinceEpoch(instant, zone_);
-  }
-  std::int64_t Instant(QDate date) {
-    const auto known = instants_.find(date);
-    if (known != instants_.end()) return known->second;
-    const QTime wall = QTime::fromMSecsSinceStartOfDay(wall_);
-    std::int64_t at = QDateTime(date, QTime(0, 0), Qt::UTC).toMSecsSinceEpoch() - 15 * kHour;
-    const auto shows = [&] {
-      const QDateTime local = Local(at);
-      return local.date() > date || (local.date() == date && local.time() >= wall);
-    };
-    while (!shows()) at += 4 * kHour;
-    for (at -= 8 * kHour; !shows();) at += 15 * kMinute;
-    return instants_[date] = at;
-  }
-
-  QTimeZone zone_;
-  int wall_;
-  LimitsRecord limits_;
-  TopUpOptions options_;
-  std::set<QDate> had_;
-  std::map<QDate, std::int64_t> instants_;
-};
-
-struct Household {
-  const char* zone;
-  int wallMinutes;
-  bool rollOver;
-};
-
-// Three years of ticks, with outages, clocks that are wrong after a boot, and clocks that jump.
-void LiveThreeYears(const Household& household, unsigned seed) {
-  SCOPED_TRACE(std::string(household.zone) + " seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  const auto below = [&](std::int64_t bound) {
-    return std::uniform_int_distribution<std::int64_t>(0, bound - 1)(random);
-  };
-  const QTimeZone zone = Zone(household.zone);
-  const TopUpOptions options{household.rollOver, 300};
-  LimitsRecord limits = HourADay();
-  limits.topUpValue = 45;
-  limits.weekEndValue = 2;
-  limits.weekEndCoefficient = 60;
-  std::int64_t truth = QDateTime(QDate(2022, 6, 1), QTime(0, household.wallMinutes % 60), zone)
-                           .addSecs(household.wallMinutes / 60 * 3600)
-                           .toMSecsSinceEpoch();
-  limits.nextTopUpTime = Absolute(truth);
-  Oracle oracle(zone, household.wallMinutes * 60'000, limits, options);
-  const std::int64_t end = truth + 3 * 365 * kDay;
-  std::int64_t wrongBy = 0;  // the clock
-  std::int64_t previous = truth - 1;
-  std::int64_t credit = 0;
-  TopUpMemory memory;
-  int topUps = 0;
-  int jumps = 0;
-  while (truth < end) {
-    const std::int64_t now = truth + wrongBy;
-    const TopUpOutcome outcome = DecideTopUps(limits, options, memory, credit, zone, {now, true});
-    ASSERT_EQ(outcome.due, oracle.Due(previous, now, credit)) << now;
-    ASSERT_GT(outcome.nextTime, Absolute(now));
-    ASSERT_LE(outcome.nextTime, Absolute(now + 25 * kHour));
-    topUps += static_cast<int>(outcome.due.size());
-    previous = now;
-    credit = std::max<std::int64_t>(0, outcome.credit - below(8));
-    memory = outcome.memory;
-    limits.nextTopUpTime = outcome.nextTime;
-    truth += kMinute + below(below(4) == 0 ? 3 * kHour : 20 * kMinute);
-    if (below(400) == 0) {
-      truth += below(below(4) == 0 ? 20 * kDay : 12 * kHour);
-      const auto boot = DecideTopUps(limits, options, memory, credit, zone, {below(kDay), false});
-      ASSERT_TRUE(boot.due.empty() && boot.memory == memory);
-    }
-    if (below(600) == 0) {
-      const std::int64_t reach[] = {kHour, 2 * kDay, 20 * kDay, 365 * kDay};
-      const std::int64_t most = reach[below(4)];
-      const bool isRight = wrongBy != 0 && below(3) != 0;
-      wrongBy = isRight ? 0 : below(2 * most) - most;
-      ++jumps;
-    }
-  }
-  EXPECT_GT(topUps, 600);
-  EXPECT_GT(jumps, 20);
-}
-
-TEST(TopUpsTest, ThreeYearsWithOutagesAndJumpsInManyZones) {
-  const Household households[] = {
-      {"Europe/Berlin", 2 * 60 + 30, false},
-      {"America/New_York", 6 * 60, true},
-      {"Australia/Lord_Howe", 2 * 60, false},
-      {"America/Havana", 0, true},
-      {"Asia/Beirut", 0, false},
-      {"Asia/Kolkata", 23 * 60 + 45, true},
-  };
-  for (const Household& household : households) {
-    for (unsigned seed = 1; seed <= 4; ++seed) {
-      LiveThreeYears(household, seed);
-      if (HasFatalFailure()) return;
-    }
-  }
 }
 
 }  // namespace
