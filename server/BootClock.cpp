@@ -3,7 +3,6 @@
 #include <sys/timex.h>
 #include <time.h>
 
-#include <QDateTime>
 #include <QFile>
 
 #include "Common Sources/TestHooks.h"
@@ -35,6 +34,15 @@ QTimeZone SystemZone() {
   const QTimeZone named = QTimeZone::systemTimeZone();
   const bool fits = named.isValid() && named.offsetFromUtc(now) == now.offsetFromUtc();
   return fits ? named : QTimeZone(now.offsetFromUtc());
+}
+
+QDateTime WallClock::Now() {
+  const std::int64_t now = QDateTime::currentMSecsSinceEpoch();
+  if (now / 1000 != second_) {
+    second_ = now / 1000;
+    offset_ = QDateTime::currentDateTime().offsetFromUtc();
+  }
+  return QDateTime::fromMSecsSinceEpoch(now, Qt::OffsetFromUTC, offset_);
 }
 
 }  // namespace vardell::server

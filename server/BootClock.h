@@ -2,9 +2,12 @@
 // on the wall is worth.
 #pragma once
 
+#include <QDateTime>
 #include <QString>
 #include <QTimeZone>
 #include <chrono>
+#include <cstdint>
+#include <limits>
 
 namespace vardell::server {
 
@@ -19,5 +22,16 @@ bool IsClockSet();
 
 // Of the wall clock. An offset alone where the machine's zone has no name.
 QTimeZone SystemZone();
+
+// The wall clock with its offset from UTC, which the C library looks for in the zone's file: that
+// is done once a second here, since an offset changes on a whole one.
+class WallClock {
+ public:
+  QDateTime Now();
+
+ private:
+  std::int64_t second_ = std::numeric_limits<std::int64_t>::min();  // of offset_, since 1970
+  int offset_ = 0;
+};
 
 }  // namespace vardell::server

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <QDateTime>
+#include <QHash>
 #include <QString>
 #include <cstdint>
-#include <map>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -31,13 +32,18 @@ class RecentFetches {
   std::vector<Fetch> fetches_;
 };
 
+// Of a user and an identifier.
+struct NameHash {
+  std::size_t operator()(const std::pair<QString, QString>& name) const { return qHash(name); }
+};
+
 struct ConnectedAgent {
   QString host;
   QDateTime since;
   QString user;           // whom it last spoke for, and might; empty: nobody yet
   RecentFetches fetches;  // of that user
   // What it was last given for a user and identifier; 12345 as it was sent.
-  std::map<std::pair<QString, QString>, Handed> handed;
+  std::unordered_map<std::pair<QString, QString>, Handed, NameHash> handed;
 };
 
 }  // namespace vardell::server

@@ -177,17 +177,18 @@ void Household::Impl::TakeOver(const Booking& booking, Account& account, Lane& l
     change.ledger = std::move(row);
   }
   if (!change.credit && !change.lane && !change.ledger && !change.forgottenLane) return;
-  const std::optional<LedgerRow> written = change.ledger;
+  if (isRow) BookUse(*change.ledger);
   Write(std::move(change), account);
-  if (written && written->used != 0) BookUse(*written, account.lastChange);
 }
 
-void Household::Impl::BookUse(const LedgerRow& row, std::uint64_t number) {
-  const Name name(row.user, row.identifier);
+void Household::Impl::BookUse(const LedgerRow& row) {
+  if (row.used == 0) return;
+  Name name(row.user, row.identifier);
   const QDate today = row.time.date();
   usage[name][today] += row.used;
   if (restoring) restoring->Booked(row.user, row.identifier, today, row.used);
-  if (keeper.IsShared()) usesUnderWay.push_back({number, name, today, row.used});
+  if (!keeper.IsShared()) return;
+  usesUnderWay.push_back({keeper.Submitted() + 1, std::move(name), today, row.used});
 }
 
 Handed Household::Impl::CreditForFetch(const AgentConnection& connection, const QString& user,

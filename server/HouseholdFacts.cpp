@@ -17,12 +17,10 @@ QString OffsetText(const QDateTime& time) {
       .arg(minutes % 60, 2, 10, QLatin1Char('0'));
 }
 
-// Where the machine's zone is a file of its own, Qt's name for it is another zone's.
-QString ZoneOf(const QDateTime& time) {
-  if (time.timeSpec() != Qt::LocalTime) return OffsetText(time);
-  const QTimeZone named = QTimeZone::systemTimeZone();
-  const bool fits = named.isValid() && named.offsetFromUtc(time) == time.offsetFromUtc();
-  return fits ? QString::fromUtf8(named.id()) : OffsetText(time);
+QString ZoneText(const Clocks& clocks) {
+  const QByteArray name = clocks.zone ? clocks.zone().id() : QByteArray();
+  const bool isOffset = name.isEmpty() || name.startsWith("UTC+") || name.startsWith("UTC-");
+  return isOffset ? OffsetText(clocks.now()) : QString::fromUtf8(name);
 }
 
 AgentFacts FactsOf(const ConnectedAgent& agent, EnforcementTime now) {
@@ -81,7 +79,7 @@ HouseholdFacts Household::Facts() const {
   for (const auto& [user, accounts] : impl_->users) {
     facts.limits += static_cast<int>(accounts.size());
   }
-  facts.zone = ZoneOf(impl_->clocks.now());
+  facts.zone = ZoneText(impl_->clocks);
   return facts;
 }
 

@@ -107,7 +107,8 @@ struct Household::Impl {
   // Takes over what a rule decided, and puts the difference into the change.
   void TakeOver(const Booking& booking, Account& account, Lane& lane, LedgerRow row,
                 StoreChange change);
-  void BookUse(const LedgerRow& row, std::uint64_t number);
+  // Of the change that is written next.
+  void BookUse(const LedgerRow& row);
 
   // --- Hosts of shared accounts (HouseholdHosts.cpp). Their accounts have names of their own, and
   // the keys and options of the limit, which they follow in its transactions.

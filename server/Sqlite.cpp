@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <QStringEncoder>
+#include <utility>
+
 namespace vardell::server {
 namespace {
 
@@ -39,8 +42,8 @@ void SqliteDatabase::Execute(const char* sql) {
 }
 
 sqlite3_stmt* SqliteDatabase::Compile(const char* sql) {
-  const auto found = kept_.find(sql);
-  if (found != kept_.end()) return kept_.extract(found).mapped();
+  sqlite3_stmt*& kept = kept_[sql];
+  if (kept) return std::exchange(kept, nullptr);
   sqlite3_stmt* statement = nullptr;
   const int code = sqlite3_prepare_v2(handle_, sql, -1, &statement, nullptr);
   if (code != SQLITE_OK) Throw(handle_, code);
@@ -50,7 +53,7 @@ sqlite3_stmt* SqliteDatabase::Compile(const char* sql) {
 void SqliteDatabase::Keep(const char* sql, sqlite3_stmt* statement) {
   sqlite3_reset(statement);
   sqlite3_clear_bindings(statement);
-  if (!kept_.emplace(sql, statement).second) sqlite3_finalize(statement);
+  sqlite3_finalize(std::exchange(kept_[sql], statement));
 }
 
 SqliteStatement::SqliteStatement(SqliteDatabase& database, const char* sql)
@@ -75,10 +78,19 @@ SqliteStatement& SqliteStatement::operator<<(double value) {
 }
 
 SqliteStatement& SqliteStatement::operator<<(const QString& value) {
-  const QByteArray text = value.toUtf8();
-  Check(sqlite3_bind_text64(statement_, nextParameter_++, text.constData(),
-                            static_cast<sqlite3_uint64>(text.size()), SQLITE_TRANSIENT,
-                            SQLITE_UTF8));
+  QStringEncoder encoder(QStringEncoder::Utf8, QStringEncoder::Flag::Stateless);
+  const auto bind = [this](const char* text, std::size_t size, sqlite3_destructor_type owner) {
+    Check(sqlite3_bind_text64(statement_, nextParameter_++, text, size, owner, SQLITE_UTF8));
+  };
+  char* const begin = texts_.data() + textBytes_;
+  if (static_cast<std::size_t>(encoder.requiredSpace(value.size())) > texts_.size() - textBytes_) {
+    const QByteArray text = encoder(value);
+    bind(text.constData(), static_cast<std::size_t>(text.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+  const auto size = static_cast<std::size_t>(encoder.appendToBuffer(begin, value) - begin);
+  textBytes_ += size;
+  bind(begin, size, SQLITE_STATIC);
   return *this;
 }
 

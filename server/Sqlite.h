@@ -4,6 +4,8 @@
 
 #include <QByteArray>
 #include <QString>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -34,17 +36,17 @@ class SqliteDatabase {
   void TidyUpAtTheEnd();
   sqlite3* Handle() const { return handle_; }
 
-  // A compiled statement is kept for the next one of the same text.
+  // A compiled statement is kept for the next one of the same `sql`, which is told by its address:
+  // it must outlive the database, as a literal does.
   sqlite3_stmt* Compile(const char* sql);
   void Keep(const char* sql, sqlite3_stmt* statement);
 
  private:
   sqlite3* handle_ = nullptr;
-  std::unordered_map<std::string, sqlite3_stmt*> kept_;
+  std::unordered_map<const char*, sqlite3_stmt*> kept_;  // null: under way
 };
 
-// Parameters are bound in order with `<<`; Step tells whether there is a row. `sql` must outlive
-// the statement.
+// Parameters are bound in order with `<<`; Step tells whether there is a row. `sql` is a literal.
 class SqliteStatement {
  public:
   SqliteStatement(SqliteDatabase& database, const char* sql);
@@ -74,6 +76,9 @@ class SqliteStatement {
   const char* sql_;
   sqlite3_stmt* statement_;
   int nextParameter_ = 1;
+  // Texts that are bound, as far as there is room: most rows need no other memory.
+  std::array<char, 1024> texts_;
+  std::size_t textBytes_ = 0;
 };
 
 // Rolls back unless it was committed.

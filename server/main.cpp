@@ -58,7 +58,7 @@ std::unique_ptr<Household> OpenHousehold(const Options& options, const Household
   Clocks clocks;
   clocks.sinceBoot = TimeSinceBoot;
   clocks.bootId = BootId();
-  clocks.now = [] { return QDateTime::currentDateTime(); };
+  clocks.now = [clock = WallClock()]() mutable { return clock.Now(); };
   clocks.second = SecondLength();
   clocks.zone = SystemZone;
   clocks.isSet = IsClockSet;
