@@ -1,5 +1,7 @@
 #include "server/StoreThread.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -22,6 +24,9 @@ constexpr std::chrono::seconds kTimeBetweenNews{1};
 constexpr std::chrono::milliseconds kPatience{500};
 constexpr std::chrono::milliseconds kLittlePatience{20};
 constexpr std::chrono::seconds kTimeOfLittlePatience{2};
+constexpr std::chrono::microseconds kShortestPauseBetweenChanges{50};
+constexpr std::chrono::microseconds kLongestPauseBetweenChanges{500};
+constexpr std::chrono::milliseconds kLongestGathering{20};
 
 QString Busy() {
   return QStringLiteral("the store is still busy with what came before; try again");
@@ -35,6 +40,7 @@ struct StoreThread::Impl {
   void Run();
   // What came in; false where the thread is to end.
   bool Wait();
+  void Gather(std::unique_lock<std::mutex>& lock);
   void Write();
   bool WriteToStore();
   void WriteToSpool();
@@ -85,7 +91,8 @@ struct StoreThread::Impl {
   bool isLast = false;                    // nothing comes in any more
   bool isAway = false;
   bool spoolFails = false;
-  std::uint64_t applied = 0;  // in the store
+  std::uint64_t applied = 0;          // in the store
+  SteadyClock::duration lastTook{0};  // by a transaction
   SteadyClock::time_point nextTry;
   SteadyClock::time_point nextNews;
   std::thread thread;
@@ -146,7 +153,8 @@ ApplyResult StoreThread::Impl::Apply(const std::vector<StoreChange>& changes,
                                      std::uint64_t lastNumber) {
   const SteadyClock::time_point begin = SteadyClock::now();
   ApplyResult result = store->Apply(changes, options.bootId, lastNumber);
-  const std::chrono::duration<double> took = SteadyClock::now() - begin;
+  lastTook = SteadyClock::now() - begin;
+  const std::chrono::duration<double> took = lastTook;
   const std::lock_guard lock(mutex);
   facts.seconds += took.count();
   if (result.status == ApplyStatus::Done && lastNumber != 0) {
@@ -163,9 +171,12 @@ bool StoreThread::Impl::WriteToStore() {
     const std::uint64_t last = unwritten[done + size - 1].number;
     std::vector<StoreChange> changes;
     changes.reserve(size);
-    for (std::size_t i = done; i < done + size; ++i) changes.push_back(unwritten[i].change);
+    for (std::size_t i = done; i < done + size; ++i) {
+      changes.push_back(std::move(unwritten[i].change));
+    }
     ApplyResult result = Apply(changes, last);
     if (result.status != ApplyStatus::Done) {
+      for (std::size_t i = 0; i < size; ++i) unwritten[done + i].change = std::move(changes[i]);
       unwritten.erase(unwritten.begin(), unwritten.begin() + static_cast<std::ptrdiff_t>(done));
       Fail(result.error);
       return false;
@@ -319,6 +330,21 @@ void StoreThread::Impl::LookForNewsIfDue() {
   }
 }
 
+// While changes come in quick succession, for a part of the time that a transaction takes: agents
+// that got their answers together report together again, and one flush of the disk does for all.
+void StoreThread::Impl::Gather(std::unique_lock<std::mutex>& lock) {
+  const SteadyClock::duration pause =
+      std::min<SteadyClock::duration>(lastTook / 16, kLongestPauseBetweenChanges);
+  if (isAway || pause < kShortestPauseBetweenChanges) return;
+  const SteadyClock::time_point end =
+      SteadyClock::now() + std::min<SteadyClock::duration>(lastTook / 2, kLongestGathering);
+  for (std::size_t count = 0; count < incoming.size() && SteadyClock::now() < end;) {
+    count = incoming.size();
+    wake.wait_for(lock, pause, [this] { return task || isStopping; });
+    if (task || isStopping) return;
+  }
+}
+
 bool StoreThread::Impl::Wait() {
   std::unique_lock lock(mutex);
   const auto isReady = [this] {
@@ -331,6 +357,7 @@ bool StoreThread::Impl::Wait() {
   } else {
     wake.wait(lock, isReady);
   }
+  Gather(lock);
   if (unwritten.empty()) {
     unwritten.swap(incoming);
   } else {
@@ -357,6 +384,7 @@ void StoreThread::Impl::RunTask() {
 }
 
 void StoreThread::Impl::Run() {
+  (void)pthread_setname_np(pthread_self(), "store");
   while (Wait()) {
     Write();
     if (isAway && (SteadyClock::now() >= nextTry || (isLast && !unwritten.empty()))) {
