@@ -1,4 +1,5 @@
 // What stores of both kinds do alike.
+#include "server/Sqlite.h"
 #include "server/TopUpMemory.h"
 #include "tests/server/StoreFixture.h"
 
@@ -162,6 +163,30 @@ TEST_P(StoreContractTest, WhatCannotBeStoredLeavesNothingBehind) {
   EXPECT_EQ(store_->LastNumber(), 0u);
   EXPECT_EQ(Ledger().size(), 1u);
   EXPECT_EQ(Set(kAnnasGame, 6), ApplyStatus::Done) << "and the store goes on";
+}
+
+TEST_P(StoreContractTest, HistoryAndTheValueThatMeansSpentCannotBeWritten) {
+  Set(kAnnasGame, 5);
+  store_.reset();
+  for (const char* sql :
+       {"UPDATE ledger SET minutes = 0", "DELETE FROM ledger", "UPDATE audit SET actor = ''",
+        "DELETE FROM audit", "UPDATE credit SET minutes = 12345"}) {
+    const auto execute = [&] {
+      if (IsPostgresLocation(location_)) return Sql(location_, QLatin1String(sql));
+      SqliteDatabase(location_).Execute(sql);
+    };
+    EXPECT_THROW(execute(), std::runtime_error) << sql;
+  }
+}
+
+TEST_P(StoreContractTest, NoTextMakesABatchFail) {
+  const QChar texts[] = {QChar(0), QChar(0xd800), QChar(0xffff), QLatin1Char('\\')};
+  for (const QChar text : texts) {
+    StoreChange change = Use({text + QStringLiteral("}{\","), QStringLiteral("NULL")}, 1, 0);
+    change.ledger->time = QDateTime();
+    change.ledger->reason = text;
+    EXPECT_EQ(store_->Apply({change}, kBoot, 1).status, ApplyStatus::Done) << int{text.unicode()};
+  }
 }
 
 TEST_P(StoreContractTest, ARestoreCountsFromItsLastTransactionOn) {
