@@ -42,6 +42,14 @@ class AgentFixture : public testing::Test {
 
   // --- vocabulary
 
+  static ApplicationInfo Toy() {
+    return {QStringLiteral("/a/toy.desktop"),
+            true,
+            QStringLiteral("toy"),
+            0,
+            {},
+            QStringLiteral("Toy")};
+  }
   WatchedAppPtr Watch(const QString& identifier, int credit, std::int32_t pid) {
     auto entry = std::make_shared<WatchedApp>();
     entry->identifier = identifier;
@@ -69,14 +77,14 @@ class AgentFixture : public testing::Test {
     WaitUntil([this] { return agent.alerts.IsIdle(); });
     return std::exchange(shown, {});
   }
-  // "kind:credit" for a report, "kind" for anything else.
-  QStringList Frames() {
+  // "kind:credit" for a report, "kind" for anything else: "3 1 6:29 1".
+  QString Frames() {
     QStringList told;
     for (const RecordingServer::Frame& frame : server.TakeFrames()) {
       told << (frame.kind == 6 ? QStringLiteral("6:%1").arg(frame.credit)
                                : QString::number(frame.kind));
     }
-    return told;
+    return told.join(u' ');
   }
   // As a modal alert: what happens beneath it happens in here, and it is dismissed with the return.
   void Show(const QString& what) {

@@ -7,14 +7,7 @@
 namespace vardell::test {
 namespace {
 
-ApplicationInfo Toy() {
-  ApplicationInfo info;
-  info.path = QStringLiteral("/usr/share/applications/toy.desktop");
-  info.isBundle = true;
-  info.identifier = QStringLiteral("toy");
-  info.displayName = QStringLiteral("Toy");
-  return info;
-}
+using namespace Qt::StringLiterals;
 
 class EventHandlersTest : public AgentFixture {
  protected:
@@ -32,93 +25,43 @@ class EventHandlersTest : public AgentFixture {
   bool hasLine = false;
 };
 
-TEST_F(EventHandlersTest, KindsThatAHandlerDoesNotKnowAreNotHandled) {
-  EXPECT_EQ(kEventNotHandled, HandleSessionEvent(agent, {kEventClassSystem, 9, {}, {}}));
-  EXPECT_EQ(kEventNotHandled, HandleApplicationEvent(agent, {kEventClassApplication, 7, {}, {}}));
-  EXPECT_EQ(kEventNotHandled, HandleFrontSwitchEvent(agent, {kEventClassApplication, 5, {}, {}}));
-  EXPECT_EQ(kEventNotHandled, HandleHotKeyEvent(agent, {kEventClassKeyboard, 6, {}, {}}));
-  EXPECT_EQ(kNoError, HandleHotKeyEvent(agent, {kEventClassKeyboard, 5, {}, {1, 2}}));
-  EXPECT_EQ(-9874, kEventNotHandled);
-}
-
-TEST_F(EventHandlersTest, ALaunchThatIsWatchedShowsTheOverlay) {
-  server.AnswerCredit(QStringLiteral("toy"), 10);
-  const ProcessSerialNumber process = processes.Launch(Toy(), getpid());
-  EXPECT_TRUE(IsWatched(QStringLiteral("toy")));
-  EXPECT_EQ(1, overlaysShown);
-  EXPECT_EQ((QStringList{QStringLiteral("3"), QStringLiteral("1")}), Frames());
-
-  processes.Quit(process);
-  EXPECT_FALSE(IsWatched(QStringLiteral("toy")));
-  EXPECT_TRUE(removedLines.empty());
-}
-
-TEST_F(EventHandlersTest, ALaunchAndAMinuteOnTheWire) {
-  agent.currentUserName = QStringLiteral("ann");
-  ApplicationInfo toy = Toy();
-  toy.identifier = QStringLiteral("org.example.toy");
-  server.Answer(*toy.identifier, {{QStringLiteral("Enabled"), true},
-                                  {QStringLiteral("Credit"), 30},
-                                  {QStringLiteral("WD start"), 480},
-                                  {QStringLiteral("NextAutoUpdate"), 1.5e9}});
-  (void)processes.Launch(toy, getpid());
-  Tick();
-
-  const QByteArray names =
-      "03000000616e6e"
-      "0f0000006f72672e6578616d706c652e746f79";
-  const QByteArray record =
-      "002f6859"
-      "00000000"
-      "1d000000"
-      "01"
-      "00"
-      "00"
-      "e0010000"
-      "9f050000"
-      "00000000"
-      "9f050000"
-      "01"
-      "00"
-      "00"
-      "00000000"
-      "00"
-      "00000000";
-  std::vector<QByteArray> frames;
-  for (const RecordingServer::Frame& frame : server.TakeFrames())
-    frames.push_back(frame.bytes.toHex());
-  EXPECT_EQ((std::vector<QByteArray>{"00000023"
-                                     "03"
-                                     "00000000" +
-                                         names,
-                                     "00000023"
-                                     "01"
-                                     "00000000" +
-                                         names,
-                                     "0000004e"
-                                     "06"
-                                     "00000000" +
-                                         names + record,
-                                     "00000023"
-                                     "01"
-                                     "00000000" +
-                                         names}),
-            frames);
-}
-
-TEST_F(EventHandlersTest, ALaunchThatIsNotWatchedShowsNothing) {
-  server.Answer(QStringLiteral("toy"), {{QStringLiteral("Enabled"), false}});
+TEST_F(EventHandlersTest, ALaunchThatIsWatchedShowsTheOverlayAndItsEndTakesAwayItsLine) {
+  for (const bool line : {false, true}) {
+    hasLine = line;
+    server.AnswerCredit(u"toy"_s, 10);
+    const ProcessSerialNumber process = processes.Launch(Toy(), getpid());
+    EXPECT_TRUE(IsWatched(u"toy"_s));
+    EXPECT_EQ(1, std::exchange(overlaysShown, 0));
+    EXPECT_EQ(u"3 1"_s, Frames());
+    processes.Quit(process);
+    EXPECT_FALSE(IsWatched(u"toy"_s));
+    EXPECT_EQ(line ? std::vector{getpid()} : std::vector<std::int32_t>(), removedLines);
+  }
+  server.Answer(u"toy"_s, {{u"Enabled"_s, false}});
   (void)processes.Launch(Toy(), getpid());
-  EXPECT_FALSE(IsWatched(QStringLiteral("toy")));
+  EXPECT_FALSE(IsWatched(u"toy"_s));
   EXPECT_EQ(0, overlaysShown);
 }
 
-TEST_F(EventHandlersTest, AnEndTakesAwayTheLineWhereThereIsOne) {
-  server.AnswerCredit(QStringLiteral("toy"), 10);
-  const ProcessSerialNumber process = processes.Launch(Toy(), getpid());
-  hasLine = true;
-  processes.Quit(process);
-  EXPECT_EQ(std::vector{static_cast<std::int32_t>(getpid())}, removedLines);
+TEST_F(EventHandlersTest, ALaunchAndAMinuteOnTheWire) {
+  agent.currentUserName = u"ann"_s;
+  ApplicationInfo toy = Toy();
+  toy.identifier = u"org.example.toy"_s;
+  server.Answer(*toy.identifier, {{u"Enabled"_s, true},
+                                  {u"Credit"_s, 30},
+                                  {u"WD start"_s, 480},
+                                  {u"NextAutoUpdate"_s, 1.5e9}});
+  (void)processes.Launch(toy, getpid());
+  Tick();
+  const QByteArray names = "03000000616e6e0f0000006f72672e6578616d706c652e746f79";
+  const QByteArray record =  // paid, with the Server's 480 and 1439 as bounds
+      "002f6859000000001d000000010000e00100009f05000000000000"
+      "9f050000010000000000000000000000";
+  QByteArray frames;
+  for (const RecordingServer::Frame& frame : server.TakeFrames()) frames += frame.bytes.toHex();
+  EXPECT_EQ("000000230300000000" + names + "000000230100000000" + names + "0000004e0600000000" +
+                names + record + "000000230100000000" + names,
+            frames);
 }
 
 TEST_F(EventHandlersTest, TheTickStandsStillWhileTheSessionIsAway) {
@@ -129,9 +72,8 @@ TEST_F(EventHandlersTest, TheTickStandsStillWhileTheSessionIsAway) {
   EXPECT_FALSE(agent.tickTimer.IsSuspended());
 }
 
-TEST_F(EventHandlersTest, HotKeysAreControlOptionCAndH) {
-  EXPECT_EQ((HotKeyId{0x5146696C, 0x436B6579}), kShowOverlayHotKey);
-  EXPECT_EQ((HotKeyId{0x5146696C, 0x486B6579}), kStatusItemHotKey);
+TEST_F(EventHandlersTest, HotKeysShowTheOverlayAndToggleTheItemAndAFrontSwitchRedraws) {
+  hotKeys.Press({1, 2});
   hotKeys.Press(kShowOverlayHotKey);
   EXPECT_EQ(1, overlaysShown);
   hotKeys.Press(kStatusItemHotKey);
@@ -139,10 +81,7 @@ TEST_F(EventHandlersTest, HotKeysAreControlOptionCAndH) {
   agent.isSystem103 = true;
   hotKeys.Press(kStatusItemHotKey);
   EXPECT_EQ(1, itemsToggled);
-  EXPECT_EQ(QStringList{QStringLiteral("lock")}, ShownAlerts());
-}
-
-TEST_F(EventHandlersTest, AFrontSwitchRedrawsTheOverlay) {
+  EXPECT_EQ(QStringList{u"lock"_s}, ShownAlerts());
   front.SwitchTo(4711);
   EXPECT_EQ(1, overlaysRedrawn);
 }

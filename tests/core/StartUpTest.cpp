@@ -10,14 +10,16 @@
 namespace vardell::test {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 class StartUpTest : public AgentFixture {
  protected:
   StartUpTest() {
     discovery.daemonRuns = false;
     perLook = std::chrono::milliseconds(50);
   }
-  void Configure(int value) { preferences.values[QStringLiteral("Configuration")] = value; }
-  void LetTheServerAppear() { preferences.values[QStringLiteral("Server")] = server.Address(); }
+  void Configure(int value) { preferences.values[u"Configuration"_s] = value; }
+  void LetTheServerAppear() { preferences.values[u"Server"_s] = server.Address(); }
 
   // Runs start-up; each time that it enters the event loop the next step is taken inside it.
   std::string Start(std::vector<std::function<void()>> steps = {}) {
@@ -44,22 +46,12 @@ class StartUpTest : public AgentFixture {
 };
 
 TEST_F(StartUpTest, WithAServerItWatchesWhatRunsAlready) {
-  ApplicationInfo toy;
-  toy.isBundle = true;
-  toy.identifier = QStringLiteral("toy");
-  (void)processes.Run(toy, getpid());
-  server.AnswerCredit(QStringLiteral("toy"), 7);
+  (void)processes.Run(Toy(), getpid());
+  server.AnswerCredit(u"toy"_s, 7);
   LetTheServerAppear();
   EXPECT_EQ(0u, Start().find("Preferences sync'ed.\n"));
-  EXPECT_TRUE(IsWatched(QStringLiteral("toy")));
+  EXPECT_TRUE(IsWatched(u"toy"_s));
   EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
-  EXPECT_TRUE(Runs());
-}
-
-TEST_F(StartUpTest, UnreadablePreferencesAreSaidAndBorne) {
-  preferences.synchronizes = false;
-  LetTheServerAppear();
-  EXPECT_EQ(0u, Start().find("Could not sync preferences!\n"));
   EXPECT_TRUE(Runs());
 }
 
@@ -74,7 +66,7 @@ TEST_F(StartUpTest, WithoutAServerItCarriesOnAndLooksForOneLater) {
 TEST_F(StartUpTest, ConfigurationOneLocksAndInstallsNothing) {
   Configure(1);
   (void)Start();
-  EXPECT_EQ(QStringList{QStringLiteral("Cannot contact server")}, ShownAlerts());
+  EXPECT_EQ(QStringList{u"Cannot contact server"_s}, ShownAlerts());
   EXPECT_FALSE(Runs());
 }
 
@@ -87,21 +79,18 @@ TEST_F(StartUpTest, ConfigurationTwoLocksAndResumesWhenTheServerAppears) {
   (void)Start({[] {}});
   EXPECT_EQ(2, loops);
   EXPECT_TRUE(Runs());
-  EXPECT_EQ(QStringList{QStringLiteral("Cannot contact remote server")}, ShownAlerts());
+  EXPECT_EQ(QStringList{u"Cannot contact remote server"_s}, ShownAlerts());
 }
 
-TEST_F(StartUpTest, ASessionThatIsAwayAtTheStartIsNotCounted) {
+TEST_F(StartUpTest, AnOldSystemWithUnreadablePreferencesInASessionThatIsAwayIsBorne) {
+  system.version = {10, 3};
+  preferences.synchronizes = false;
   session.active = false;
   LetTheServerAppear();
-  (void)Start();
-  EXPECT_TRUE(agent.tickTimer.IsSuspended());
-}
-
-TEST_F(StartUpTest, TheOldSystemIsKnownByItsMinorVersion) {
-  system.version = {10, 3};
-  LetTheServerAppear();
-  (void)Start();
+  EXPECT_EQ(0u, Start().find("Could not sync preferences!\n"));
+  EXPECT_TRUE(Runs());
   EXPECT_TRUE(agent.isSystem103);
+  EXPECT_TRUE(agent.tickTimer.IsSuspended());
 }
 
 }  // namespace
