@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QGuiApplication>
-#include <algorithm>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "tests/support/QtEnvironment.h"
 
@@ -16,8 +13,6 @@ namespace {
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QGuiApplication>);
 
-using Events = std::vector<std::string>;
-
 // Alerts "a", "b" … and locks "L", "M" …: "a+" is a coming up, "a-" its going, "a!" the telling.
 class AlertQueueTest : public testing::Test {
  protected:
@@ -25,33 +20,37 @@ class AlertQueueTest : public testing::Test {
   static void Settle() {
     for (int i = 0; i < 20; ++i) QCoreApplication::processEvents();
   }
-
-  std::function<void()> Show(const std::string& name) {
+  void ExpectEvents(const char* expected) {
+    Settle();
+    EXPECT_EQ(events.join(u' ').toStdString(), expected);
+  }
+  std::function<void()> Show(const QString& name) {
     return [this, name] {
-      events.push_back(name + "+");
+      events << name + u'+';
       if (whileUp.count(name)) whileUp[name]();
       Settle();
-      events.push_back(name + "-");
+      events << name + u'-';
     };
   }
-
-  QueuedAlert Alert(const std::string& name, WatchedAppPtr entry = nullptr) {
+  std::function<void()> Tell(const QString& name) {
+    return [this, name] { events << name + u'!'; };
+  }
+  QueuedAlert Alert(const QString& name, WatchedAppPtr entry = nullptr) {
     QueuedAlert alert;
     alert.entry = std::move(entry);
     alert.show = Show(name);
-    alert.dismissed = [this, name] { events.push_back(name + "!"); };
+    alert.dismissed = Tell(name);
     return alert;
   }
-
-  QueuedAlert Spent(const std::string& name, WatchedAppPtr entry) {
+  QueuedAlert Spent(const QString& name, WatchedAppPtr entry) {
     QueuedAlert alert = Alert(name, std::move(entry));
     alert.replaceable = false;
     alert.outlivesEntry = true;
     return alert;
   }
 
-  Events events;
-  std::map<std::string, std::function<void()>> whileUp;
+  QStringList events;
+  std::map<QString, std::function<void()>> whileUp;
   WatchedAppPtr game = std::make_shared<WatchedApp>();
   WatchedAppPtr chat = std::make_shared<WatchedApp>();
   AlertQueue queue;
@@ -60,36 +59,32 @@ class AlertQueueTest : public testing::Test {
 TEST_F(AlertQueueTest, ShowsOneAfterTheOtherAndNeverFromInsideACall) {
   queue.Enqueue(Alert("a"));
   queue.Enqueue(Alert("b"));
-  EXPECT_EQ(events, Events{});
+  EXPECT_EQ(events, QStringList());
   EXPECT_FALSE(queue.IsIdle());
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "a!", "b+", "b-", "b!"}));
+  ExpectEvents("a+ a- a! b+ b- b!");
   EXPECT_TRUE(queue.IsIdle());
 }
 
-TEST_F(AlertQueueTest, WhatIsQueuedUnderAnAlertWaitsForItsEnd) {
+TEST_F(AlertQueueTest, WhatIsQueuedUnderAnAlertWaitsForItsEndAlsoOfItsEntry) {
   whileUp["a"] = [&] {
     EXPECT_FALSE(queue.IsIdle());
-    queue.Enqueue(Alert("b"));
+    queue.Enqueue(Alert("b", game));
   };
-  queue.Enqueue(Alert("a"));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "a!", "b+", "b-", "b!"}));
+  queue.Enqueue(Alert("a", game));
+  ExpectEvents("a+ a- a! b+ b- b!");
 }
 
 TEST_F(AlertQueueTest, ADismissalMayQueueTheNext) {
   QueuedAlert alert = Alert("a");
   alert.dismissed = [&] { queue.Enqueue(Alert("b")); };
   queue.Enqueue(std::move(alert));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "b+", "b-", "b!"}));
+  ExpectEvents("a+ a- b+ b- b!");
 }
 
 TEST_F(AlertQueueTest, ALockGoesAheadOfWhatWaits) {
   queue.Enqueue(Alert("a"));
   queue.EnqueueLock(Show("L"), {});
-  Settle();
-  EXPECT_EQ(events, (Events{"L+", "L-", "a+", "a-", "a!"}));
+  ExpectEvents("L+ L- a+ a- a!");
 }
 
 TEST_F(AlertQueueTest, ACoverComesOverAStandingAlertALockOverBothAndNothingOverALock) {
@@ -100,38 +95,24 @@ TEST_F(AlertQueueTest, ACoverComesOverAStandingAlertALockOverBothAndNothingOverA
   };
   whileUp["L"] = [&] { queue.Enqueue(Alert("b")); };
   queue.Enqueue(Alert("a"));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "c+", "L+", "L-", "c-", "c!", "d+", "d-", "d!", "a-", "a!", "b+",
-                            "b-", "b!"}));
+  ExpectEvents("a+ c+ L+ L- c- c! d+ d- d! a- a! b+ b- b!");
 }
 
 TEST_F(AlertQueueTest, OneLockServesAllWhoAskForItUntilItHasGone) {
-  const auto ask = [&](const std::string& name) {
-    queue.EnqueueLock(Show(name), [this, name] { events.push_back(name + "!"); });
-  };
+  const auto ask = [&](const char* name) { queue.EnqueueLock(Show(name), Tell(name)); };
   whileUp["L"] = [&] { ask("N"); };
   ask("L");
   ask("M");
   Settle();
   ask("O");
-  Settle();
-  EXPECT_EQ(events, (Events{"L+", "L-", "L!", "M!", "N!", "O+", "O-", "O!"}));
+  ExpectEvents("L+ L- L! M! N! O+ O- O!");
 }
 
 TEST_F(AlertQueueTest, ALaterAlertTakesThePlaceOfAnUnseenOneOfItsEntry) {
   queue.Enqueue(Alert("five minutes", game));
   queue.Enqueue(Alert("other", chat));
   queue.Enqueue(Alert("one minute", game));
-  Settle();
-  EXPECT_EQ(events, (Events{"one minute+", "one minute-", "five minutes!", "one minute!", "other+",
-                            "other-", "other!"}));
-}
-
-TEST_F(AlertQueueTest, WhatIsUpIsNotReplaced) {
-  whileUp["a"] = [&] { queue.Enqueue(Alert("b", game)); };
-  queue.Enqueue(Alert("a", game));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "a!", "b+", "b-", "b!"}));
+  ExpectEvents("one minute+ one minute- five minutes! one minute! other+ other- other!");
 }
 
 TEST_F(AlertQueueTest, SpentAlertsAndAlertsAboutNoApplicationAreNotReplaced) {
@@ -139,9 +120,7 @@ TEST_F(AlertQueueTest, SpentAlertsAndAlertsAboutNoApplicationAreNotReplaced) {
   queue.Enqueue(Alert("curfew", game));
   queue.Enqueue(Alert("x"));
   queue.Enqueue(Alert("y"));
-  Settle();
-  EXPECT_EQ(events, (Events{"spent+", "spent-", "spent!", "curfew+", "curfew-", "curfew!", "x+",
-                            "x-", "x!", "y+", "y-", "y!"}));
+  ExpectEvents("spent+ spent- spent! curfew+ curfew- curfew! x+ x- x! y+ y- y!");
 }
 
 TEST_F(AlertQueueTest, UnseenAlertsOfAGoneEntryAreDroppedAndTheirWaitersTold) {
@@ -150,11 +129,10 @@ TEST_F(AlertQueueTest, UnseenAlertsOfAGoneEntryAreDroppedAndTheirWaitersTold) {
   queue.Enqueue(Alert("other", chat));
   queue.Enqueue(Spent("spent", game));
   queue.DropAlertsOf(*game);
-  EXPECT_EQ(events, Events{}) << "told from inside the call";
+  EXPECT_EQ(events, QStringList()) << "told from inside the call";
   Settle();
-  std::sort(events.begin(), events.end());
-  EXPECT_EQ(events, (Events{"five minutes!", "one minute!", "other!", "other+", "other-", "spent!",
-                            "spent+", "spent-"}));
+  events.sort();
+  ExpectEvents("five minutes! one minute! other! other+ other- spent! spent+ spent-");
 }
 
 TEST_F(AlertQueueTest, AnAlertThatIsUpOutlivesItsEntry) {
@@ -163,8 +141,7 @@ TEST_F(AlertQueueTest, AnAlertThatIsUpOutlivesItsEntry) {
     game.reset();
   };
   queue.Enqueue(Alert("a", game));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "a!"}));
+  ExpectEvents("a+ a- a!");
 }
 
 TEST_F(AlertQueueTest, NothingIsShownWhileTheSessionIsAway) {
@@ -173,19 +150,16 @@ TEST_F(AlertQueueTest, NothingIsShownWhileTheSessionIsAway) {
   queue.EnqueueLock(Show("L"), {});
   queue.Enqueue(Alert("b", game));
   queue.DropAlertsOf(*game);
-  Settle();
-  EXPECT_EQ(events, Events{"b!"});
+  ExpectEvents("b!");
   queue.SetSessionActive(true);
-  Settle();
-  EXPECT_EQ(events, (Events{"b!", "L+", "L-", "a+", "a-", "a!"}));
+  ExpectEvents("b! L+ L- a+ a- a!");
 }
 
 TEST_F(AlertQueueTest, WhatStandsWhenTheSessionGoesKeepsTheNextOneBack) {
   whileUp["a"] = [&] { queue.SetSessionActive(false); };
   queue.Enqueue(Alert("a"));
   queue.Enqueue(Alert("b"));
-  Settle();
-  EXPECT_EQ(events, (Events{"a+", "a-", "a!"}));
+  ExpectEvents("a+ a- a!");
   EXPECT_FALSE(queue.IsIdle());
 }
 

@@ -4,12 +4,15 @@
 
 #include <QApplication>
 #include <QLocale>
+#include <tuple>
 
 #include "tests/support/FakeScreens.h"
 #include "tests/support/QtEnvironment.h"
 
 namespace vardell {
 namespace {
+
+using namespace Qt::StringLiterals;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
@@ -24,13 +27,13 @@ WatchedApp Entry(const char* identifier, const char* displayName) {
 TEST(CreditAlertTextTest, NamesTheApplicationOrTheSession) {
   const WatchedApp game = Entry("org.example.game", "Game <b>%2</b>");
   EXPECT_EQ(CreditAlertText(game, CreditAlertKind::Low),
-            QStringLiteral("Game <b>%2</b>: 1 minute left. Please save your work now. In one "
-                           "minute Game <b>%2</b> will be closed."));
+            u"Game <b>%2</b>: 1 minute left. Please save your work now. In one "
+            "minute Game <b>%2</b> will be closed."_s);
   const WatchedApp session = Entry("com.apple.loginwindow", "computer");
   EXPECT_EQ(CreditAlertText(session, CreditAlertKind::Disco),
-            QStringLiteral("computer: your time is used up. When you click this message away, "
-                           "or in one minute at the latest, your session will be closed."));
-  EXPECT_EQ(ShownName(Entry("COM.APPLE.LOGINWINDOW", "x")), QStringLiteral("x"));
+            u"computer: your time is used up. When you click this message away, "
+            "or in one minute at the latest, your session will be closed."_s);
+  EXPECT_EQ(ShownName(Entry("COM.APPLE.LOGINWINDOW", "x")), u"x"_s);
 }
 
 TEST(CreditAlertTextTest, AnUnknownKindReadsAsLowAndNoStopAlertShowsIt) {
@@ -45,27 +48,15 @@ TEST(CreditAlertTextTest, AnUnknownKindReadsAsLowAndNoStopAlertShowsIt) {
 
 TEST(CreditPanelKindTest, OnlyFiveMinutesTurnIntoTheLastOne) {
   using enum CreditAlertKind;
-  struct Row {
-    CreditAlertKind queued;
-    std::int32_t credit;
-    CreditAlertKind drawn;
-  };
-  constexpr Row kRows[] = {
+  const std::tuple<CreditAlertKind, std::int32_t, CreditAlertKind> kRows[] = {
       {DiscoIn5, 5, DiscoIn5},     {DiscoIn5, 2, DiscoIn5}, {DiscoIn5, 1, Low}, {DiscoIn5, -1, Low},
       {DiscoIn5, 12345, DiscoIn5}, {Low, 5, Low},           {Low, 12345, Low},  {Disco, 1, Disco}};
-  for (const Row& row : kRows)
-    EXPECT_EQ(CreditPanelKind(row.queued, row.credit), row.drawn) << row.credit;
+  for (const auto& [queued, credit, drawn] : kRows)
+    EXPECT_EQ(CreditPanelKind(queued, credit), drawn) << credit;
 }
 
 TEST(CurfewAlertTextTest, TellsTheBoundaryInTheLocalesShortTime) {
-  struct Row {
-    const char* what;
-    const char* locale;
-    bool isEarly;
-    std::int32_t minutes;
-    const char* part;
-  };
-  constexpr Row kRows[] = {
+  const std::tuple<const char*, const char*, bool, std::int32_t, const char*> kRows[] = {
       {"an evening in English", "en_US", false, 1200, "The time for it ended at 8:00 PM today."},
       {"an evening in German", "de_DE", false, 1200, "The time for it ended at 20:00 today."},
       {"a morning", "de_DE", true, 485, "You can start at 08:05 today."},
@@ -74,12 +65,12 @@ TEST(CurfewAlertTextTest, TellsTheBoundaryInTheLocalesShortTime) {
       {"before the day it ends the last", "de_DE", true, -1, "start at 23:59 today."},
   };
   const WatchedApp game = Entry("org.example.game", "Game");
-  for (const Row& row : kRows) {
-    QLocale::setDefault(QLocale(QLatin1String(row.locale)));
-    QString text = CurfewAlertText(row.isEarly, game, row.minutes);
+  for (const auto& [what, locale, isEarly, minutes, part] : kRows) {
+    QLocale::setDefault(QLocale(QLatin1String(locale)));
+    QString text = CurfewAlertText(isEarly, game, minutes);
     text.replace(QChar(0x202f), QLatin1Char(' '));
-    EXPECT_TRUE(text.startsWith(QStringLiteral("Game: it is too "))) << row.what;
-    EXPECT_TRUE(text.contains(QLatin1String(row.part))) << row.what << ": " << text.toStdString();
+    EXPECT_TRUE(text.startsWith(u"Game: it is too "_s)) << what;
+    EXPECT_TRUE(text.contains(QLatin1String(part))) << what << ": " << text.toStdString();
   }
   QLocale::setDefault(QLocale::system());
 }

@@ -23,6 +23,7 @@ using test::Program;
 using test::Tool;
 using test::WaitUntil;
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
@@ -39,9 +40,9 @@ class Formats : public QTranslator {
   }
 
  private:
-  QHash<QByteArray, QString> formats_{{"Credit format", QStringLiteral("%1: %2 left")},
-                                      {"Disk Quota Credit format", QStringLiteral("disk %1")},
-                                      {"Not watching", QStringLiteral("none")}};
+  QHash<QByteArray, QString> formats_{{"Credit format", u"%1: %2 left"_s},
+                                      {"Disk Quota Credit format", u"disk %1"_s},
+                                      {"Not watching", u"none"_s}};
 };
 
 WatchedAppPtr Entry(std::int32_t pid, const char* identifier, const char* name, std::int32_t credit,
@@ -157,10 +158,10 @@ TEST_F(CreditOverlayTest, LiesOverAFullScreenWindowAndLeavesItFocusAndClicks) {
 
   QAccessibleInterface* accessible = QAccessible::queryAccessibleInterface(overlay.get());
   EXPECT_EQ(accessible->role(), QAccessible::AlertMessage);
-  EXPECT_EQ(accessible->text(QAccessible::Name), QStringLiteral("Game: 1 hour 5 minutes left"));
+  EXPECT_EQ(accessible->text(QAccessible::Name), u"Game: 1 hour 5 minutes left"_s);
   game->limits.credit = 1;
   RedrawCreditOverlay(*overlay);
-  EXPECT_EQ(accessible->text(QAccessible::Name), QStringLiteral("Game: 1 minute left"));
+  EXPECT_EQ(accessible->text(QAccessible::Name), u"Game: 1 minute left"_s);
 }
 
 TEST_F(CreditOverlayTest, LiesOverAFullScreenWindowThatComesLaterFromTheNextTickOn) {
@@ -243,30 +244,27 @@ TEST_F(CreditOverlayTest, IsReadableAndWholeInAnyPaletteFontAndLength) {
   const QString longName = QString(QLatin1String("Very Long Name ")).repeated(30);
   const QColor light(240, 240, 240);
   const QColor dark(40, 40, 44);
-  const struct {
-    const char* behaviour;
-    QString name;
-    int points;
-    QColor bar;
-  } kRows[] = {{"light", QStringLiteral("Game"), 9, light},
-               {"a light plate on a dark bar", QStringLiteral("Game"), 9, dark},
-               {"a long name", longName, 9, dark},
-               {"line breaks", QString(QStringLiteral("a\n\tb\u2028")).repeated(200), 20, light},
-               {"large letters", longName, 40, light},
-               {"too large ones", QStringLiteral("Game"), 90, dark}};
-  for (const auto& row : kRows) {
-    game->displayName = row.name;
-    overlay->setFont(QFont(QApplication::font().family(), row.points));
-    overlay->setPalette(row.bar);
-    ASSERT_TRUE(ShowAndWait()) << row.behaviour;
+  const std::tuple<const char*, QString, int, QColor> kRows[] = {
+      {"light", u"Game"_s, 9, light},
+      {"a light plate on a dark bar", u"Game"_s, 9, dark},
+      {"a long name", longName, 9, dark},
+      {"line breaks", u"a\n\tb\u2028"_s.repeated(200), 20, light},
+      {"large letters", longName, 40, light},
+      {"too large ones", u"Game"_s, 90, dark}};
+  for (const auto& [behaviour, name, points, bar] : kRows) {
+    SCOPED_TRACE(behaviour);
+    game->displayName = name;
+    overlay->setFont(QFont(QApplication::font().family(), points));
+    overlay->setPalette(bar);
+    ASSERT_TRUE(ShowAndWait());
     const QImage picture = QGuiApplication::primaryScreen()->grabWindow(0).toImage();
     const QRect letters = Letters(picture);
-    EXPECT_GE(letters.left(), 10) << row.behaviour;
-    EXPECT_LE(letters.right(), 1270) << row.behaviour;
-    EXPECT_GE(letters.top(), 3) << row.behaviour;
-    EXPECT_EQ(picture.pixelColor(2, letters.bottom()), row.bar) << row.behaviour << ": cut below";
+    EXPECT_GE(letters.left(), 10);
+    EXPECT_LE(letters.right(), 1270);
+    EXPECT_GE(letters.top(), 3);
+    EXPECT_EQ(picture.pixelColor(2, letters.bottom()), bar) << "cut below";
     EXPECT_GE(picture.pixelColor(letters.left() - 3, letters.center().y()).lightness(), 188)
-        << row.behaviour << ": blue on a dark ground";
+        << "blue on a dark ground";
     HideCreditOverlay(*overlay);
     ASSERT_TRUE(WaitUntil([] { return !IsSeen(); }));
   }

@@ -17,6 +17,7 @@ namespace {
 using test::Tool;
 using test::WaitUntil;
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 class LockBadgeTest : public test::ModalFixture {
  protected:
@@ -121,24 +122,18 @@ TEST_F(LockBadgeTest, IsNeverAboveAPanel) {
 using AlertHelpersTest = test::ModalFixture;
 
 TEST_F(AlertHelpersTest, OnlyTheButtonWithTheThirdKeyConfirms) {
-  struct Row {
-    const char* what;
-    const char* keys;
-    bool confirms;
-  };
-  for (const Row& row : {Row{"Return", "Return", false},
-                         {"Escape", "Escape", false},
-                         {"the other button", "Tab Return", true}}) {
+  for (const auto& [keys, confirms] :
+       {std::pair("Return", false), {"Escape", false}, {"Tab Return", true}}) {
     When([] { return Shown() && Shown()->isActiveWindow(); },
-         [&] {
+         [keys = keys] {
            QStringList labels;
            for (const auto* button : Shown()->findChildren<QPushButton*>())
              labels << button->text();
            labels.sort();
-           EXPECT_EQ(labels, (QStringList{QStringLiteral("Delete"), QStringLiteral("Keep")}));
-           Tool({"sh", "-c", std::string("xdotool key ") + row.keys});
+           EXPECT_EQ(labels, (QStringList{u"Delete"_s, u"Keep"_s}));
+           Tool({"sh", "-c", std::string("xdotool key ") + keys});
          });
-    EXPECT_EQ(ConfirmAlert("Delete it?", nullptr, "Delete", "Keep"), row.confirms) << row.what;
+    EXPECT_EQ(ConfirmAlert("Delete it?", nullptr, "Delete", "Keep"), confirms) << keys;
   }
   When([] { return Shown() && Shown()->isActiveWindow(); },
        [] {
@@ -151,15 +146,15 @@ TEST_F(AlertHelpersTest, OnlyTheButtonWithTheThirdKeyConfirms) {
 
 TEST_F(AlertHelpersTest, ControlsAreFoundByTheirWholeNameAndGiveTheirText) {
   QWidget window;
-  QLineEdit edit(QStringLiteral("typed"), &window);
-  QLabel label(QStringLiteral("said"), &window);
+  QLineEdit edit(u"typed"_s, &window);
+  QLabel label(u"said"_s, &window);
   constexpr std::uint32_t kForm = FourCharCode("form");
   SetControlId(edit, kForm, 1);
   SetControlId(label, kForm, 2);
   EXPECT_EQ(FindControl(window, kForm, 1), &edit);
   EXPECT_EQ(FindControl(window, FourCharCode("from"), 1), nullptr);
-  EXPECT_EQ(CopyControlText(edit), QStringLiteral("typed"));
-  EXPECT_EQ(CopyControlText(*FindControl(window, kForm, 2)), QStringLiteral("said"));
+  EXPECT_EQ(CopyControlText(edit), u"typed"_s);
+  EXPECT_EQ(CopyControlText(*FindControl(window, kForm, 2)), u"said"_s);
   EXPECT_EQ(CopyControlText(window), QString());
 }
 

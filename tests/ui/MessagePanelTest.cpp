@@ -4,28 +4,25 @@
 
 #include <QApplication>
 #include <QImage>
+#include <tuple>
 
 #include "tests/support/QtEnvironment.h"
 
 namespace vardell {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 TEST(MessagePanelTest, TextsStartAtAThirdAndAtTwoThirdsInIntegersOfSixteenBits) {
-  struct Row {
-    QRect panel;
-    int messageTop;
-    int hintTop;
-    int bottom;
-  };
-  const Row kRows[] = {{QRect(0, 0, 800, 600), 200, 400, 600},
-                       {QRect(0, 0, 1920, 1079), 359, 719, 1079},  // 718 where divided first
-                       {QRect(0, 100, 1920, 1080), 393, 786, 1180},
-                       {QRect(0, 0, 1920, 40000), -8512, -17024, -25536}};
-  for (const Row& row : kRows) {
-    const PanelBoxes boxes = PanelBoxesOf(row.panel);
-    EXPECT_EQ(boxes.messageTop, row.messageTop);
-    EXPECT_EQ(boxes.hintTop, row.hintTop);
-    EXPECT_EQ(boxes.bottom, row.bottom);
+  const std::tuple<QRect, int, int, int> kRows[] = {
+      {QRect(0, 0, 800, 600), 200, 400, 600},
+      {QRect(0, 0, 1920, 1079), 359, 719, 1079},  // 718 where divided first
+      {QRect(0, 100, 1920, 1080), 393, 786, 1180},
+      {QRect(0, 0, 1920, 40000), -8512, -17024, -25536}};
+  for (const auto& [panel, messageTop, hintTop, bottom] : kRows) {
+    const PanelBoxes boxes = PanelBoxesOf(panel);
+    EXPECT_EQ(std::tie(boxes.messageTop, boxes.hintTop, boxes.bottom),
+              std::tie(messageTop, hintTop, bottom));
   }
 }
 
@@ -41,34 +38,28 @@ QRect Ink(const QImage& image, int top, int bottom) {
 }
 
 TEST(MessagePanelTest, NoTextIsCutOffOrMeetsTheHint) {
-  struct Row {
-    const char* what;
-    QString text;
-  };
-  const Row kRows[] = {
-      {"a short one", QStringLiteral("Game")},
-      {"many words",
-       QStringLiteral("Rechtsschutzversicherungsgesellschaften sind alt. ").repeated(12)},
-      {"one word", QString(250, QLatin1Char('W'))},
-      {"more than anybody reads", QString(100000, QLatin1Char('W'))}};
+  const QString kTexts[] = {u"Game"_s,
+                            u"Rechtsschutzversicherungsgesellschaften sind alt. "_s.repeated(12),
+                            QString(250, u'W'), QString(100000, u'W')};
   for (const QSize& size : {QSize(800, 600), QSize(1920, 1080), QSize(640, 1400)}) {
     const QRect panel(QPoint(), size);
     const PanelBoxes boxes = PanelBoxesOf(panel);
-    for (const Row& row : kRows) {
+    for (const QString& words : kTexts) {
+      SCOPED_TRACE(words.size());
       QImage image(size, QImage::Format_RGB32);
       QPainter painter(&image);
-      DrawMessagePanel(painter, panel, row.text, QColor(kMessageColour));
+      DrawMessagePanel(painter, panel, words, QColor(kMessageColour));
       // A letter's highest pixel may stand a row above its line.
       const QRect text = Ink(image, 0, boxes.hintTop - 1);
       const QRect hint = Ink(image, boxes.hintTop - 1, size.height());
-      EXPECT_GE(text.top(), boxes.messageTop - 1) << row.what;
-      EXPECT_LT(text.top(), boxes.messageTop + size.height() / 30) << row.what;
-      EXPECT_LT(text.bottom(), boxes.hintTop - 5) << row.what;
-      EXPECT_LT(hint.bottom(), size.height() - 5) << row.what;
-      EXPECT_GE(text.left(), size.width() / 10) << row.what;
-      EXPECT_LE(text.right(), size.width() - size.width() / 10) << row.what;
-      EXPECT_NEAR(text.center().x(), size.width() / 2, 4) << row.what;
-      EXPECT_NEAR(hint.center().x(), size.width() / 2, 4) << row.what;
+      EXPECT_GE(text.top(), boxes.messageTop - 1);
+      EXPECT_LT(text.top(), boxes.messageTop + size.height() / 30);
+      EXPECT_LT(text.bottom(), boxes.hintTop - 5);
+      EXPECT_LT(hint.bottom(), size.height() - 5);
+      EXPECT_GE(text.left(), size.width() / 10);
+      EXPECT_LE(text.right(), size.width() - size.width() / 10);
+      EXPECT_NEAR(text.center().x(), size.width() / 2, 4);
+      EXPECT_NEAR(hint.center().x(), size.width() / 2, 4);
     }
   }
 }

@@ -26,6 +26,7 @@ using test::Tool;
 using test::WaitUntil;
 using namespace std::chrono_literals;
 using Calls = std::vector<std::string>;
+using namespace Qt::StringLiterals;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
@@ -43,7 +44,7 @@ class MessageWindowTest : public test::ModalFixture {
   MessageHost FakeHost(AlertOptions options = {}) { return Host(fake, options); }
   static WatchedAppPtr Game(std::int32_t credit) {
     auto game = std::make_shared<WatchedApp>();
-    game->displayName = QStringLiteral("Game");
+    game->displayName = u"Game"_s;
     game->limits.credit = credit;
     return game;
   }
@@ -74,7 +75,7 @@ TEST_F(MessageWindowTest, AClickOfAnyButtonOnAnyScreenTakesTheMessageAwayAndOpen
   for (const auto& [where, button] :
        {std::pair(QPoint(5, 5), 1), {QPoint(1000, 400), 2}, {QPoint(1275, 795), 3}}) {
     When(isUp, [this, where = where, button = button] { Click(where, button); });
-    ShowFullScreenMessage(QStringLiteral("Cannot contact server"), true, Host(screens));
+    ShowFullScreenMessage(u"Cannot contact server"_s, true, Host(screens));
     EXPECT_TRUE(AllStepsDone());
     EXPECT_TRUE(WaitUntil([&] { return other.UnmanagedWindows() == before; }))
         << "button " << button;
@@ -113,22 +114,19 @@ TEST_F(MessageWindowTest, NoKeyGetsPastALock) {
 
 TEST_F(MessageWindowTest, WhatAnotherProgramDestroysOrHidesComesBackUntilItIsClicked) {
   XcbScreens screens;
-  const struct {
-    const char* what;
-    std::function<void()> show;
-  } kRows[] = {{"a lock", [&] { LockScreen(Host(screens)); }},
-               {"a credit panel",
-                [&] {
-                  ShowCreditAlert(Game(5), CreditAlertKind::Low, {screens, {}});
-                }},
-               {"a stop alert", [] { ShowStopAlert(QStringLiteral("text"), {}); }}};
+  const std::function<void()> kShows[] = {
+      [&] { LockScreen(Host(screens)); },
+      [&] {
+        ShowCreditAlert(Game(5), CreditAlertKind::Low, {screens, {}});
+      },
+      [] { ShowStopAlert(u"text"_s, {}); }};
   const auto isUp = [&] {
     const MessagePanel* panel = MessagePanel::Topmost();
     const QWidget* up = panel ? panel : Shown();
     return up && other.CanBeSeen(static_cast<xcb_window_t>(up->internalWinId())) &&
            screens.HoldsInput() == (panel != nullptr);
   };
-  for (const auto& row : kRows) {
+  for (const auto& show : kShows) {
     for (const char* deed : {"windowclose", "windowunmap", "windowclose"}) {
       When(isUp, [deed] { Tool({"xdotool", deed, std::to_string(Shown()->winId())}); });
       When(isUp, [this] {
@@ -136,8 +134,8 @@ TEST_F(MessageWindowTest, WhatAnotherProgramDestroysOrHidesComesBackUntilItIsCli
         const QWidget* target = box ? box->defaultButton() : Shown();
         Click(target->mapToGlobal(target->rect().center()));
       });
-      row.show();
-      EXPECT_TRUE(AllStepsDone()) << row.what << ", " << deed;
+      show();
+      EXPECT_TRUE(AllStepsDone()) << deed << ", " << &show - kShows;
       EXPECT_TRUE(WaitUntil([&] { return other.CanTakeKeyboard() && other.CanTakePointer(); }));
     }
   }
@@ -165,18 +163,6 @@ TEST_F(MessageWindowTest, APanelThatIsDestroyedBeneathALockComesBackAfterIt) {
        });
   ShowCreditAlert(Game(5), CreditAlertKind::Low, {screens, {}});
   EXPECT_TRUE(AllStepsDone());
-}
-
-TEST_F(MessageWindowTest, ShowsAndCleansUpInOrder) {
-  When([&] { return Shown() != nullptr; },
-       [&] {
-         EXPECT_EQ(fake.window, Shown()->windowHandle());
-         EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge"}));
-         DismissTopmost();
-       });
-  ShowFullScreenMessage(QStringLiteral("text"), false, FakeHost());
-  EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge", "mode 0 0",
-                               "release", "show badge", "resume"}));
 }
 
 TEST_F(MessageWindowTest, ACreditPanelFollowsTheCreditAndSuspendsNothing) {
@@ -219,47 +205,44 @@ TEST_F(MessageWindowTest, TheCountGoesOnWhileTheInputIsKeptFromTheMessage) {
   });
   When(lastIs("suspend"), [&] { fake.holdsInput = false; });
   When(lastIs("resume"), [&] { DismissTopmost(); });  // what was lost adds up
-  ShowFullScreenMessage(QStringLiteral("text"), false, FakeHost());
+  ShowFullScreenMessage(u"text"_s, false, FakeHost());
   EXPECT_TRUE(AllStepsDone());
   EXPECT_EQ(fake.calls, (Calls{"suspend", "mode 2 8", "capture", "hide badge", "resume", "suspend",
                                "resume", "mode 0 0", "release", "show badge"}));
 }
 
 TEST_F(MessageWindowTest, HidesItselfOnlyWhereTimersAndThePreferenceSaySo) {
-  struct Row {
-    const char* what;
-    std::function<void(const AlertOptions&)> show;
-    bool autoHide;
-    bool hides;
-  };
   const auto message = [this](bool withTimers) {
     return [this, withTimers](const AlertOptions& options) {
-      ShowFullScreenMessage(QStringLiteral("text"), withTimers, FakeHost(options));
+      ShowFullScreenMessage(u"text"_s, withTimers, FakeHost(options));
     };
   };
-  const auto credit = [this](AlertOptions options) {
-    ShowCreditAlert(Game(5), CreditAlertKind::Low, {fake, options});
-  };
-  const auto lock = [this](AlertOptions options) { LockScreen(FakeHost(options)); };
-  const auto alert = [](AlertOptions options) { ShowStopAlert(QStringLiteral("text"), options); };
-  const Row kRows[] = {{"a message", message(true), true, true},
-                       {"a message without timers", message(false), true, false},
-                       {"a message without the preference", message(true), false, false},
-                       {"the lock", lock, true, false},
-                       {"a credit panel", credit, true, true},
-                       {"a credit panel without the preference", credit, false, false},
-                       {"a stop alert", alert, true, true},
-                       {"a stop alert without the preference", alert, false, false}};
-  for (const Row& row : kRows) {
-    bool dismissed = false;
-    QTimer::singleShot(80 * kSecond, qApp, [&] {
-      dismissed = true;
-      if (QWidget* up = Shown()) up->close();
-    });
-    row.show({.autoHideAlerts = row.autoHide});
-    EXPECT_EQ(!dismissed, row.hides) << row.what;
-    EXPECT_EQ(fake.window, nullptr) << row.what;
-    EXPECT_TRUE(WaitUntil([&] { return dismissed; }));
+  const struct {
+    const char* what;
+    std::function<void(const AlertOptions&)> show;
+    bool hasTimers;
+  } kRows[] = {{"a message", message(true), true},
+               {"a message without timers", message(false), false},
+               {"the lock", [this](auto options) { LockScreen(FakeHost(options)); }, false},
+               {"a credit panel",
+                [this](auto options) {
+                  ShowCreditAlert(Game(5), CreditAlertKind::Low, {fake, options});
+                },
+                true},
+               {"a stop alert", [](auto options) { ShowStopAlert(u"text"_s, options); }, true}};
+  for (const auto& row : kRows) {
+    for (const bool autoHide : {true, false}) {
+      SCOPED_TRACE(testing::Message() << row.what << (autoHide ? " with" : " without"));
+      bool dismissed = false;
+      QTimer::singleShot(80 * kSecond, qApp, [&] {
+        dismissed = true;
+        if (QWidget* up = Shown()) up->close();
+      });
+      row.show({.autoHideAlerts = autoHide});
+      EXPECT_EQ(!dismissed, row.hasTimers && autoHide);
+      EXPECT_EQ(fake.window, nullptr);
+      EXPECT_TRUE(WaitUntil([&] { return dismissed; }));
+    }
   }
 }
 
@@ -291,7 +274,7 @@ TEST_F(MessageWindowTest, ALockOverAPanelGivesTheScreensBackToItAndIsNotDismisse
     EXPECT_TRUE(fake.captured);
   };
   When([] { return Shown() != nullptr; }, lockOver);
-  ShowFullScreenMessage(QStringLiteral("text"), true, FakeHost());  // dismissed beneath the lock
+  ShowFullScreenMessage(u"text"_s, true, FakeHost());  // dismissed beneath the lock
   EXPECT_TRUE(AllStepsDone());
   EXPECT_EQ(fake.window, nullptr);
   EXPECT_FALSE(fake.captured);
@@ -307,14 +290,14 @@ TEST_F(MessageWindowTest, ALockOverAPanelGivesTheScreensBackToItAndIsNotDismisse
 }
 
 TEST_F(MessageWindowTest, AnAlertShowsItsTextAsItStands) {
-  const QString text = QStringLiteral("<b>%1</b> & <img src=x> \u5bb6");
+  const QString text = u"<b>%1</b> & <img src=x> \u5bb6"_s;
   When([] { return Shown() != nullptr; },
        [&] {
          auto* box = qobject_cast<QMessageBox*>(Shown());
          ASSERT_NE(box, nullptr);
          EXPECT_EQ(box->text(), text);
          EXPECT_EQ(box->textFormat(), Qt::PlainText);
-         EXPECT_EQ(box->informativeText(), QStringLiteral("Click to continue"));
+         EXPECT_EQ(box->informativeText(), u"Click to continue"_s);
          EXPECT_EQ(QAccessible::queryAccessibleInterface(box)->text(QAccessible::Name), text);
          EXPECT_EQ(QAccessible::queryAccessibleInterface(box)->role(), QAccessible::AlertMessage);
          Click(box->defaultButton()->mapToGlobal(box->defaultButton()->rect().center()));
@@ -341,7 +324,7 @@ TEST_F(MessageWindowTest, WhatIsBeingTypedDoesNotDismissAnAlertWhichThenComesAbo
          EXPECT_FALSE(WaitUntil([] { return !Shown(); }, 300ms));
        });
   When([&] { return up.hasExpired(1000); }, [] { Tool({"xdotool", "key", "Return"}); });
-  ShowStopAlert(QStringLiteral("text"), {});
+  ShowStopAlert(u"text"_s, {});
   EXPECT_TRUE(AllStepsDone());
 }
 
@@ -356,7 +339,7 @@ TEST_F(MessageWindowTest, ALockLiesOverAStandingAlertAndIsClickedFirst) {
          EXPECT_TRUE(alert->isVisible());
          alert->close();
        });
-  ShowStopAlert(QStringLiteral("text"), {});
+  ShowStopAlert(u"text"_s, {});
   EXPECT_TRUE(AllStepsDone());
 }
 

@@ -19,6 +19,7 @@ namespace {
 using test::Program;
 using test::WaitUntil;
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
@@ -99,7 +100,7 @@ TEST_F(StatusNotifierTest, WaitsForTheHostOfAWatcherAlthoughASystemTrayIsThere) 
 }
 
 TEST_F(StatusNotifierTest, APanelReadsTheMenuAndUsesIt) {
-  const QString name = QStringLiteral("Tom & Jerry_2 & Co");
+  const QString name = u"Tom & Jerry_2 & Co"_s;
   StartWatcher();
   const std::string service = WaitForItem();
   SetAppCreditLine(*item, 7, name, 5.0);
@@ -107,7 +108,7 @@ TEST_F(StatusNotifierTest, APanelReadsTheMenuAndUsesIt) {
   Menu(service, {"AboutToShow", "int32:0"});
   const QString layout = Menu(service, {"GetLayout", "int32:0", "int32:-1", "array:string:"});
   QString line = Matches(layout, "\"label\"\\s+variant\\s+string \"(.*)\"").value(0);
-  line.replace(QRegularExpression(QStringLiteral("_(.)")), QStringLiteral("\\1"));  // as drawn
+  line.replace(QRegularExpression(u"_(.)"_s), u"\\1"_s);  // as drawn
   EXPECT_TRUE(line.contains(name) && line.contains(u"4 minutes")) << line.toStdString();
 
   const QStringList ids = Matches(layout, "struct \\{\\s+int32 (\\d+)");

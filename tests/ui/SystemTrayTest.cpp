@@ -17,6 +17,7 @@ namespace {
 
 using test::Program;
 using test::WaitUntil;
+using namespace Qt::StringLiterals;
 
 const auto* const kEnvironment =
     testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
@@ -125,7 +126,7 @@ TEST_F(SystemTrayTest, ThePictureAlternatesBetweenTheFilesLockAndEye) {
   if (TestRoot().isEmpty()) GTEST_SKIP() << "a build without test hooks";
   QPixmap red(22, 22);
   red.fill(Qt::red);
-  ASSERT_TRUE(red.save(ProductPath(QStringLiteral("/lock.tiff"))));
+  ASSERT_TRUE(red.save(ProductPath(u"/lock.tiff"_s)));
   StartTray();
   ASSERT_TRUE(WaitForIcon());
   const auto shown = [] { return Icon()->grab().toImage().pixelColor(11, 11); };
