@@ -6,10 +6,6 @@
 namespace vardell::test {
 namespace {
 
-constexpr std::int64_t kMinute = 60'000;
-constexpr std::int64_t kHour = 60 * kMinute;
-constexpr std::int64_t kMost = 2'147'483'647;
-constexpr std::int64_t kSpent = 12345;
 constexpr std::int64_t kSentWhereUnlimited = 59999;
 
 std::int64_t Real(std::int64_t credit) {

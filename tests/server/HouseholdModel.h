@@ -20,6 +20,14 @@
 
 namespace vardell::test {
 
+constexpr std::int64_t kSecond = 1000;
+constexpr std::int64_t kMinute = 60 * kSecond;
+constexpr std::int64_t kHour = 60 * kMinute;
+constexpr std::int64_t kDay = 24 * kHour;
+constexpr std::int64_t kStartOfAbsoluteTime = 978'307'200'000;  // 2001
+constexpr std::int64_t kMost = 2'147'483'647;
+constexpr std::int64_t kSpent = 12345;
+
 using LimitName = std::pair<QString, QString>;  // user, identifier
 
 struct ModelKeys {

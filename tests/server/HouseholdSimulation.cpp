@@ -12,8 +12,6 @@ namespace vardell::test {
 namespace {
 
 constexpr std::size_t kKeptEvents = 25;
-constexpr std::int64_t kStartOfAbsoluteTime = 978'307'200'000;  // 2001
-constexpr std::int64_t kRefusedCredit = 12345;
 
 // Flushes cost nothing there, and nothing here loses what was written without one.
 QString FolderPath() {
@@ -60,6 +58,11 @@ std::string UseText(const Days& days) {
 }
 
 }  // namespace
+
+std::int64_t InstantOf(const char* local, const char* zone) {
+  const QDateTime plain = QDateTime::fromString(QLatin1String(local), Qt::ISODate);
+  return QDateTime(plain.date(), plain.time(), QTimeZone(zone)).toMSecsSinceEpoch();
+}
 
 QString Simulation::TextOf(const LimitName& name) {
   return name.first + QLatin1Char(' ') + name.second;
@@ -285,7 +288,7 @@ std::optional<std::int64_t> Simulation::Fetch(const Peer& peer, const QString& i
   Expect(QStringLiteral("the answer's credit"), credit, wanted.value_or(0));
   Expect(QStringLiteral("the answer's Enabled"), got.value(QStringLiteral("Enabled")).toBool(),
          isWatched);
-  spentAnswers_ += credit == kRefusedCredit;
+  spentAnswers_ += credit == kSpent;
   CompareAt(peer, identifier);
   return isWatched ? wanted : std::nullopt;
 }

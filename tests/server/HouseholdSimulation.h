@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,26 @@
 #include "tests/server/HouseholdModel.h"
 
 namespace vardell::test {
+
+// When a clock of the zone shows that time.
+std::int64_t InstantOf(const char* local, const char* zone);
+
+class Dice {
+ public:
+  explicit Dice(std::uint64_t seed) : random_(seed) {}
+
+  std::int64_t Below(std::int64_t bound) {
+    return static_cast<std::int64_t>(random_() % static_cast<std::uint64_t>(bound));
+  }
+  bool Once(std::int64_t in) { return Below(in) == 0; }
+  template <typename List>
+  auto& Any(List& list) {
+    return list[static_cast<std::size_t>(Below(static_cast<std::int64_t>(std::size(list))))];
+  }
+
+ private:
+  std::mt19937_64 random_;
+};
 
 // One connection of an agent; its Server is the number of it.
 struct Peer {

@@ -11,9 +11,6 @@ namespace {
 using server::AdminResult;
 using server::AdminStatus;
 
-constexpr std::int64_t kStartOfAbsoluteTime = 978'307'200'000;  // 2001
-constexpr std::int64_t kMostCredit = 2'147'483'647;
-constexpr std::int64_t kRefusedCredit = 12345;
 const server::Actor kRoot{0, QStringLiteral("uid 0 (root)")};
 
 QVariantMap Dictionary(const ModelKeys& keys) {
@@ -74,7 +71,7 @@ void Simulation::Change(const LimitName& name, const ModelKeys& keys, const Mode
                               Dictionary(options));
   });
   AdminStatus wanted = model_.hasDisk ? AdminStatus::Ok : AdminStatus::StoreFailed;
-  if (credit == kRefusedCredit) wanted = AdminStatus::BadValue;
+  if (credit == kSpent) wanted = AdminStatus::BadValue;
   Expect(QStringLiteral("the status: ") + result.message, static_cast<int>(result.status),
          static_cast<int>(wanted));
   if (wanted == AdminStatus::Ok) {
@@ -132,7 +129,7 @@ void Simulation::Adjust(const LimitName& name, bool isAddition, std::int64_t min
   const auto known = adjustments_.find(id);
   AdminStatus wanted = AdminStatus::Ok;
   std::int64_t added = 0;
-  if (!isAddition && minutes == kRefusedCredit) {
+  if (!isAddition && minutes == kSpent) {
     wanted = AdminStatus::BadValue;
   } else if (!account) {
     wanted = AdminStatus::NotFound;
@@ -146,7 +143,7 @@ void Simulation::Adjust(const LimitName& name, bool isAddition, std::int64_t min
   } else {
     const std::int64_t before = account->credit;
     const std::int64_t after = isAddition ? before + minutes : minutes;
-    model_.SetCredit(name, std::clamp<std::int64_t>(after, 0, kMostCredit));
+    model_.SetCredit(name, std::clamp<std::int64_t>(after, 0, kMost));
     added = account->credit - before;
     adjustments_[id] = {name, isAddition, minutes, added};
   }

@@ -1,6 +1,5 @@
 #include "server/Household.h"
 
-
 #include "Common Sources/Caps.h"
 #include "Common Sources/PropertyList.h"
 #include "limits/WatchedApps.h"

@@ -3,16 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <QDateTime>
-#include <random>
 
 #include "tests/server/HouseholdSimulation.h"
 
 namespace vardell::test {
 namespace {
-
-constexpr std::int64_t kMinute = 60'000;
-constexpr std::int64_t kHour = 60 * kMinute;
-constexpr std::int64_t kDay = 24 * kHour;
 
 struct Years {
   const char* behaviour;
@@ -20,11 +15,11 @@ struct Years {
   const char* first;  // top-up, and the time of the day of all
 };
 
-class YearsOfTopUps {
+class YearsOfTopUps : Dice {
  public:
   YearsOfTopUps(const Years& years, unsigned seed)
-      : random_(seed),
-        first_(InstantOf(years)),
+      : Dice(seed),
+        first_(InstantOf(years.first, years.zone)),
         home_(QTimeZone(years.zone), first_ - 2 * kHour),
         names_{{QStringLiteral("anna"), QStringLiteral("game")},
                {QStringLiteral("ben"), QStringLiteral("game")}} {
@@ -60,14 +55,6 @@ class YearsOfTopUps {
   }
 
  private:
-  static std::int64_t InstantOf(const Years& years) {
-    const QDateTime plain = QDateTime::fromString(QLatin1String(years.first), Qt::ISODate);
-    return QDateTime(plain.date(), plain.time(), QTimeZone(years.zone)).toMSecsSinceEpoch();
-  }
-  std::int64_t Below(std::int64_t bound) {
-    return static_cast<std::int64_t>(random_() % static_cast<std::uint64_t>(bound));
-  }
-  bool Once(std::int64_t in) { return Below(in) == 0; }
   void Pass(std::int64_t time) {
     home_.Pass(time);
     lived_ += time;
@@ -104,7 +91,6 @@ class YearsOfTopUps {
     for (const LimitName& name : names_) home_.Compare(name);
   }
 
-  std::mt19937 random_;
   std::int64_t first_;
   Simulation home_;
   LimitName names_[2];
