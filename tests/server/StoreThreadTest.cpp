@@ -47,8 +47,10 @@ class FakeStore : public Store {
                     std::uint64_t lastNumber) override {
     const std::lock_guard lock(disk_.mutex);
     if (disk_.health == Disk::Health::Refuses) return Failed();
-    for (const StoreChange& change : changes)
-      disk_.minutes.push_back(change.ledger->claimed.value());
+    for (const StoreChange& change : changes) {
+      const bool isWhole = change.ledger->user == QLatin1String("anna");
+      disk_.minutes.push_back(isWhole ? change.ledger->claimed.value() : -1);
+    }
     if (lastNumber != 0) disk_.numbers[id_] = lastNumber;
     if (disk_.health == Disk::Health::Well) return {};
     disk_.health = Disk::Health::Refuses;
@@ -93,6 +95,7 @@ class StoreThreadTest : public testing::Test {
     for (int i = first; i <= last; ++i) {
       StoreChange change;
       change.ledger.emplace().claimed = i;
+      change.ledger->user = QStringLiteral("anna");
       change.lane = {QStringLiteral("anna"), QStringLiteral("game"), QStringLiteral("local"),
                      std::chrono::milliseconds(i)};
       (void)thread_->Submit(std::move(change));
