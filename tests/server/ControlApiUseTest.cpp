@@ -70,7 +70,8 @@ TEST_F(ControlApiUse, AnAdjustmentIsAppliedOnceForEachId) {
   const QByteArray body = R"({"minutes":2147483647,"id":"a1"})";
   const int added = std::numeric_limits<std::int32_t>::max() - 30;
   EXPECT_EQ(Added(Ask("POST", kGameAdjustments, body)), added);
-  EXPECT_EQ(Ask("PUT", kGameCredit, R"({"minutes":10,"id":"a2"})").status, 200);
+  const QByteArray set = R"({"minutes":10,"id":"a2","reason":"homework"})";
+  EXPECT_EQ(Ask("PUT", kGameCredit, set).etag, "\"1\"") << "credit is no part of the revision";
   const std::array<std::pair<const char*, QByteArray>, 4> others{{
       {kGameAdjustments, R"({"minutes":5,"id":"a1"})"},
       {kGameAdjustments, R"({"minutes":2147483647,"id":"a1","reason":"again"})"},
@@ -81,15 +82,19 @@ TEST_F(ControlApiUse, AnAdjustmentIsAppliedOnceForEachId) {
     const ControlAnswer again = Ask("POST", kGameAdjustments, body);
     EXPECT_EQ(again.status, 200) << when;
     EXPECT_EQ(Added(again), added) << when << ": what was added then";
+    EXPECT_EQ(Ask("PUT", kGameCredit, set).status, 200) << when;
     for (const auto& [target, other] : others) {
       const bool isPut = target == std::string_view(kGameCredit);
-      EXPECT_EQ(Code(Ask(isPut ? "PUT" : "POST", target, other)), "id-reused")
-          << when << other.data();
+      const ControlAnswer refused = Ask(isPut ? "PUT" : "POST", target, other);
+      EXPECT_EQ(refused.status, 409);
+      EXPECT_EQ(Code(refused), "id-reused") << when << other.data();
     }
     EXPECT_EQ(Credit(), 10) << when;
-    EXPECT_EQ(Ledger().size(), 3u) << "booked twice " << when;
+    ASSERT_EQ(Ledger().size(), 3u) << "booked twice " << when;
     Open();
   }
+  EXPECT_EQ(Ledger()[2].reason, QStringLiteral("homework"));
+  EXPECT_EQ(Ledger()[2].actor, requester_.actor.name);
 }
 
 TEST_F(ControlApiUse, UsageIsShownByDayAndCanBeNarrowed) {

@@ -35,6 +35,14 @@ QByteArray Ask(const Client& client, const QByteArray& request) {
 
 class ControlServerTest : public HouseholdFixture {
  protected:
+  // Everybody has that role.
+  void Start(Role role) {
+    ControlServer::Options options;
+    options.whoIs = [role](uid_t uid, gid_t) {
+      return Requester{{uid, QStringLiteral("uid")}, QStringLiteral("somebody"), role};
+    };
+    Start(options);
+  }
   void Start(ControlServer::Options options = {}) {
     if (options.path.isEmpty()) options.path = Path();
     options.status = [this] {
@@ -63,23 +71,13 @@ class ControlServerTest : public HouseholdFixture {
     return {};
   }
 
-  static std::function<Requester(uid_t, gid_t)> Everybody(Role role) {
-    return [role](uid_t uid, gid_t) {
-      return Requester{{uid, QStringLiteral("uid")}, QStringLiteral("somebody"), role};
-    };
-  }
-
   NetworkThread network_;
   std::unique_ptr<ControlServer> server_;
   std::vector<int> timesAskedAtStatus_;  // the clock
 };
 
 TEST_F(ControlServerTest, AnswersOneRequestAfterTheOtherWithTheirHeaders) {
-  ControlServer::Options options;
-  options.whoIs = [this](uid_t, gid_t) {
-    return Requester{root_, QStringLiteral("root"), Role::Admin};
-  };
-  Start(options);
+  Start(Role::Admin);
   {
     const Client both(Path());
     both.Send(Request("GET /v1/users") + Request("GET /v1/nothing", {}, "Connection: close\r\n"));
@@ -174,9 +172,7 @@ TEST_F(ControlServerTest, OnlyAnAdministratorsBackupMayBeLarge) {
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
-    ControlServer::Options options;
-    options.whoIs = Everybody(row.role);
-    Start(options);
+    Start(row.role);
     {
       const Client client(Path());
       const bool isRead = row.length <= kMaxControlBodyBytes || row.status != QByteArray("413");
@@ -192,9 +188,7 @@ TEST_F(ControlServerTest, OnlyAnAdministratorsBackupMayBeLarge) {
 }
 
 TEST_F(ControlServerTest, OthersAreAnsweredBetweenTheStepsOfARestore) {
-  ControlServer::Options options;
-  options.whoIs = Everybody(Role::Admin);
-  Start(options);
+  Start(Role::Admin);
   QByteArray days;
   for (int day = 0; day < 12000; ++day) {
     days += ",\"" + QDate(1980, 1, 1).addDays(day).toString(Qt::ISODate).toLatin1() + "\":1";
@@ -216,9 +210,7 @@ TEST_F(ControlServerTest, OthersAreAnsweredBetweenTheStepsOfARestore) {
 }
 
 TEST_F(ControlServerTest, EndsWhileARestoreIsUnderWay) {
-  ControlServer::Options options;
-  options.whoIs = Everybody(Role::Admin);
-  Start(options);
+  Start(Role::Admin);
   const Client client(Path());
   client.Send(Request("PUT /v1/backup", QByteArray(20 << 20, '[')));
   client.Send(Request("GET /v1/users"));

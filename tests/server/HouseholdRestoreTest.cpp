@@ -48,8 +48,30 @@ class HouseholdRestoreTest : public HouseholdFixture {
       if (const auto result = restore.Step()) return *result;
     }
   }
-  RestoreResult Restore(const Backup& backup) {
-    return Finish(*household_->BeginRestore(root_, backup));
+  // Attempts get further each time, up to the one that comes to its end.
+  void ExpectAllOrNothing(
+      const std::function<std::optional<RestoreResult>(const Backup&, int number)>& attempt) {
+    const QByteArray before = State();
+    const Backup backup = Large();
+    std::optional<RestoreResult> result;
+    int failures = 0;
+    for (; !(result = attempt(backup, failures + 1)); ++failures) {
+      SCOPED_TRACE(failures);
+      ASSERT_LT(failures, 100);
+      EXPECT_EQ(State(), before);
+      for (const LedgerRow& row : Ledger()) EXPECT_NE(row.source, QStringLiteral("restore"));
+      if (failures % 2 == 0) Open();
+      EXPECT_EQ(State(), before);
+    }
+    EXPECT_GT(failures, 3);
+    EXPECT_EQ(result->status, AdminStatus::Ok);
+    EXPECT_EQ(result->counts.removed, 1);
+    EXPECT_EQ(result->counts.changed, 1);
+    EXPECT_EQ(result->counts.same, 1);
+    for (const char* when : {"at once", "after a restart"}) {
+      EXPECT_EQ(State(), Text(backup)) << when;
+      Open();
+    }
   }
 };
 
@@ -105,56 +127,22 @@ TEST_F(HouseholdRestoreTest, UseThatBeginsRightBeforeTheLastStepIsReplacedToo) {
 }
 
 TEST_F(HouseholdRestoreTest, GivenUpAfterAnyStepItLeavesEverythingAsItWas) {
-  const QByteArray before = State();
-  const Backup backup = Large();
-  std::optional<RestoreResult> result;
-  for (int steps = 1; !result; ++steps) {
-    SCOPED_TRACE(steps);
-    ASSERT_LT(steps, 100);
-    {
-      const auto restore = household_->BeginRestore(root_, backup);
-      for (int step = 0; step < steps && !result; ++step) result = restore->Step();
-    }
-    if (result) break;
-    EXPECT_EQ(State(), before);
-    for (const LedgerRow& row : Ledger()) EXPECT_NE(row.source, QStringLiteral("restore"));
-    if (steps % 2 == 0) Open();
-    EXPECT_EQ(State(), before);
-  }
-  EXPECT_EQ(result->status, AdminStatus::Ok);
-  EXPECT_EQ(result->counts.removed, 1);
-  EXPECT_EQ(result->counts.changed, 1);
-  EXPECT_EQ(result->counts.same, 1);
-  for (const char* when : {"at once", "after a restart"}) {
-    EXPECT_EQ(State(), Text(backup)) << when;
-    Open();
-  }
+  ExpectAllOrNothing([this](const Backup& backup, int steps) {
+    const auto restore = household_->BeginRestore(root_, backup);
+    std::optional<RestoreResult> result;
+    for (int step = 0; step < steps && !result; ++step) result = restore->Step();
+    return result;
+  });
 }
 
 TEST_F(HouseholdRestoreTest, AFullDiskAtAnyPointLeavesEverythingAsItWas) {
-  const QByteArray before = State();
-  const Backup backup = Large();
-  RestoreResult result{AdminStatus::StoreFailed, {}, {}};
-  int failures = 0;
-  for (rlim_t room = 0; result.status != AdminStatus::Ok; room += 250000) {
-    SCOPED_TRACE(room);
-    ASSERT_LT(room, 20000000u);
-    {
-      const FullDisk full(room);
-      result = Restore(backup);
-    }
-    if (result.status == AdminStatus::Ok) break;
-    ++failures;
+  ExpectAllOrNothing([this](const Backup& backup, int number) -> std::optional<RestoreResult> {
+    const FullDisk full(static_cast<rlim_t>(number - 1) * 250000);
+    const RestoreResult result = Finish(*household_->BeginRestore(root_, backup));
+    if (result.status == AdminStatus::Ok) return result;
     EXPECT_FALSE(result.message.isEmpty());
-    EXPECT_EQ(State(), before);
-    if (failures % 2 == 0) Open();
-    EXPECT_EQ(State(), before);
-  }
-  EXPECT_GT(failures, 3);
-  for (const char* when : {"at once", "after a restart"}) {
-    EXPECT_EQ(State(), Text(backup)) << when;
-    Open();
-  }
+    return std::nullopt;
+  });
 }
 
 }  // namespace
