@@ -64,13 +64,17 @@ class HouseholdOptions : public HouseholdFixture {
   const QDateTime begin_ = now_;
 };
 
-TEST_F(HouseholdOptions, WhatIsUnlimitedIsShownAsSuch) {
+TEST_F(HouseholdOptions, WhatIsUnlimitedIsShownAsSuchAndHasItsHours) {
   Choose({{QStringLiteral("unlimited"), true}}, {{kCredit, 2}});
   EXPECT_EQ(Begin(), kUnlimitedCredit);
   const QVariantMap shown = household_->LimitsOfUser(connection_, anna_).value(game_).toMap();
   EXPECT_EQ(shown.value(kCredit), kUnlimitedCredit);
   const auto agents = household_->Agents([](const QString&) { return true; });
   EXPECT_TRUE(agents.at(0).applications.at(0).unlimited);
+  Choose("schedule", Thursdays("15:00", "18:10"));
+  EXPECT_EQ(Begin(), 10) << "but within its hours";
+  Choose({{QStringLiteral("unlimited"), false}});
+  EXPECT_EQ(Begin(), 2) << "which cap no credit that ends before";
 }
 
 TEST_F(HouseholdOptions, HoursEndWithTheUsualWarningsAndAreNeitherPaidForNorFree) {

@@ -9,6 +9,7 @@
 #include "server/Spool.h"
 #include "server/Store.h"
 #include "tests/server/CrashLoad.h"
+#include "tests/server/StoreFixture.h"
 
 namespace vardell::server {
 namespace {
@@ -190,16 +191,7 @@ TEST_F(StoreTroubleTest, OfADamagedSpoolEverythingBeforeTheDamageIsApplied) {
       if (row.identifier == QStringLiteral("app0")) credit = row.minutes;
     }
     for (int i = 1; i <= kChanges; ++i) {
-      StoreChange change;
-      change.credit = CreditRow{MyName(), QStringLiteral("app0"), credit - i, false};
-      change.ledger = LedgerRow{};
-      change.ledger->time = QDateTime::currentDateTime();
-      change.ledger->user = MyName();
-      change.ledger->identifier = QStringLiteral("app0");
-      change.ledger->source = QStringLiteral("report");
-      change.ledger->used = 1;
-      change.ledger->minutes = -1;
-      change.ledger->credit = credit - i;
+      const StoreChange change = Use({MyName(), QStringLiteral("app0")}, 1, credit - i + 1);
       QString error;
       ASSERT_TRUE(spool.Append({{last + static_cast<std::uint64_t>(i), change}}, &error));
       ends.push_back(Bytes(path.toStdString()).size());
