@@ -13,8 +13,7 @@ std::vector<ScriptedPeer::Script> SlowPages(int count, std::chrono::milliseconds
   std::vector<ScriptedPeer::Script> scripts;
   for (int page = 1; page <= count; ++page) {
     scripts.push_back([=](PeerConnection& peer) {
-      QByteArray request;
-      while (!request.endsWith("\r\n\r\n")) request += peer.ReadBytes(1);
+      (void)ScriptedHttpPeer::ReadRequest(peer);
       peer.Pause(pause);
       const QByteArray row = page < count ? R"({"id":)" + QByteArray::number(page) + "}" : "";
       peer.Send(Answer(200, "{\"rows\":[" + row + "]}"));
@@ -59,8 +58,7 @@ TEST(Terminal, AServerThatWorksWithoutAWordIsSeenToBeWaitedFor) {
   const QTemporaryDir folder;
   const QString path = folder.filePath(u"control.sock"_s);
   const ScriptedPeer slow({[](PeerConnection& peer) {
-                            QByteArray request;
-                            while (!request.endsWith("\r\n\r\n")) request += peer.ReadBytes(1);
+                            (void)ScriptedHttpPeer::ReadRequest(peer);
                             peer.Pause(600ms);
                             peer.Send(Answer(200, R"({"limits":[],"usage":[]})"));
                           }},

@@ -62,7 +62,7 @@ class VardellctlServer : public testing::Test {
 };
 
 TEST_F(VardellctlServer, WhatIsSetIsShownAndMinutesAreBookedOnce) {
-  const std::string odd = "a/b c?..";
+  const std::string odd = "a/b c?d#e%\u00eb..";
   const struct {
     std::vector<std::string> words;
     const char* says = "";

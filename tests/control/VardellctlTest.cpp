@@ -79,20 +79,6 @@ TEST(Vardellctl, AChangeThatIsForestalledIsTriedAnewAndThenGivenUp) {
   }
 }
 
-TEST(Vardellctl, IdentifiersAreEncodedInTargets) {
-  const std::pair<const char*, const char*> rows[] = {{"computer", "com.apple.loginwindow"},
-                                                      {"a/b c?d#e%", "a%2Fb%20c%3Fd%23e%25"},
-                                                      {"..", "%2E%2E"},
-                                                      {"spiël", "spi%C3%ABl"}};
-  for (const auto& [identifier, target] : rows) {
-    const std::string words = std::string("limits|show|anna|") + identifier;
-    const auto requests = Vardellctl(words.c_str(), {Answer(200, Limit(1))}).requests;
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(FirstLine(requests[0]),
-              QByteArray("GET /v1/users/anna/limits/") + target + " HTTP/1.1");
-  }
-}
-
 TEST(Vardellctl, CreditIsSetUnderAnIdWithItsReason) {
   const std::vector<QByteArray> answers{Answer(200, Limit(1, 45))};
   const auto [status, output, error, requests] =
@@ -136,11 +122,6 @@ TEST(Vardellctl, AnswersAreShownAsTablesInLocalTime) {
        "12  2026-12-01 09:00:00  anna  org.game    report       -1       1        1  local  "
        "anna\n",
        "GET /v1/ledger?after=12&user=anna&identifier=&limit=500 HTTP/1.1"},
-      {"limits|show",
-       {R"({"users":["anna","ben"]})", "{\"limits\":[" + Limit(1) + "]}", R"({"limits":[]})"},
-       "USER  IDENTIFIER  CREDIT  ENABLED  WEEK DAYS       WEEK-ENDS  TOP-UP  QUOTA\n"
-       "anna  org.game        30  yes      08:00 to 20:00  any time   none    none\n",
-       "GET /v1/users/ben/limits HTTP/1.1"},
       {"credit|show|anna",
        {"{\"limits\":[" + hostile + "]}"},  // no command for the terminal
        "USER  IDENTIFIER   MINUTES\nanna  x\uFFFD]0;evil\uFFFD\uFFFD        1\n",
