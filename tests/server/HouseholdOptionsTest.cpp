@@ -1,4 +1,5 @@
-// What the Household makes of a limit's options; its credit under them is in HouseholdModelTest.
+// What the Household makes of a limit's options; what credit pays without hours is in
+// HouseholdModelTest.
 #include "Common Sources/Caps.h"
 #include "limits/WatchedApps.h"
 #include "link/LimitsRecord.h"
@@ -96,6 +97,12 @@ TEST_F(HouseholdOptions, HoursEndWithTheUsualWarningsAndAreNeitherPaidForNorFree
   Report(0);
   Report(-1);
   EXPECT_EQ(Credit(), 190);
+  Pass(760);
+  Choose(QVariantMap(), {{kCredit, 0}});
+  EXPECT_EQ(Begin(), kSpentCredit);
+  Report(0);
+  EXPECT_EQ(Used(anna_), 10) << "nor is there a minute of grace";
+  Choose(QVariantMap(), {{kCredit, 190}});
   Pass(86400 * 7 - 3600);
   EXPECT_EQ(Begin(), 70) << "next week, an hour earlier";
   Choose("schedule", QVariant::fromValue(nullptr));
