@@ -1,9 +1,7 @@
 #include "Common Sources/CompressedArchive.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <syslog.h>
-#include <zlib.h>
 
 #include <QDateTime>
 #include <QDebug>
@@ -12,9 +10,7 @@
 #include <QTimeZone>
 #include <QtEndian>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
-#include <new>
 
 #include "Common Sources/Caps.h"
 #include "Common Sources/FileSystem.h"
@@ -29,22 +25,19 @@ std::size_t largestArray = 0;  // asked for since it was set to 0
 
 void* operator new[](std::size_t size) {
   largestArray = std::max(largestArray, size);
-  if (void* array = std::malloc(size)) return array;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  largestArray = std::max(largestArray, size);
-  return std::malloc(size);
+  return ::operator new(size);
 }
 void operator delete[](void* array) noexcept {
-  std::free(array);
+  ::operator delete(array);
 }
 void operator delete[](void* array, std::size_t) noexcept {
-  std::free(array);
+  ::operator delete(array);
 }
 
 namespace vardell {
 namespace {
+
+using namespace Qt::StringLiterals;
 
 constexpr qlonglong kLeast = std::numeric_limits<qlonglong>::min();
 constexpr qulonglong kGreatest = std::numeric_limits<qulonglong>::max();
@@ -61,6 +54,8 @@ std::string Shown(const QVariant& value) {
   return text.left(200).toStdString();
 }
 
+using Values = std::initializer_list<QVariant>;
+
 void ExpectBack(const QVariant& value, std::uint32_t mode, const QVariant& expected) {
   const QByteArray blob = CreateCompressedArchive(value, mode);
   ASSERT_FALSE(blob.isNull()) << Shown(value) << " in mode " << mode;
@@ -68,108 +63,79 @@ void ExpectBack(const QVariant& value, std::uint32_t mode, const QVariant& expec
   EXPECT_TRUE(test::SameValue(back, expected)) << "mode " << mode << " gave " << Shown(back);
 }
 
+void ExpectRefused(Values values) {
+  for (const QVariant& value : values) {
+    for (const std::uint32_t mode : kModes)
+      EXPECT_TRUE(CreateCompressedArchive(value, mode).isNull()) << Shown(value) << " in " << mode;
+  }
+}
+
 QVariant Nested(int depth) {
   QVariant value = QVariantMap{};
   for (int i = 1; i < depth; ++i) {
-    value = i % 2 == 0 ? QVariant(QVariantMap{{QStringLiteral("k"), value}})
+    value = i % 2 == 0 ? QVariant(QVariantMap{{u"k"_s, value}})
                        : QVariant(QVariantList{value, qlonglong(i)});
   }
   return value;
 }
 
 QVariant Everything() {
-  const QVariantList list{QStringLiteral("a"),
-                          QStringLiteral("a"),
-                          QStringLiteral("5"),
-                          qlonglong(5),
-                          5.0,
-                          qlonglong(1),
-                          true,
-                          false,
-                          1.0,
-                          kLeast,
-                          kGreatest,
-                          qlonglong(70000),
-                          -0.0,
-                          0.0,
-                          kInfinity,
-                          std::nan(""),
-                          UtcDate(2024, 2, 29, 59),
-                          UtcDate(2024, 2, 29, 59),
-                          QByteArray("\0\xFF", 2),
-                          QByteArray("")};
-  return QVariantMap{{QStringLiteral(""), QString(QLatin1String(""))},
-                     {QStringLiteral("$null"), QStringLiteral("$null")},
-                     {QStringLiteral("NS.keys"), QVariantMap{}},
-                     {QStringLiteral("a"), QVariantList{}},
-                     {QString::fromUtf8("Zo\xC3\xAB \xF0\x9F\x90\xB1"), list},
-                     {QString::fromUtf8("e\xCC\x81 \xD7\xA9\xD7\x9C \xE2\x80\x8F"),
-                      QVariantList{QVariant(list), QVariantMap{{QStringLiteral("a"), list}}}}};
+  const QVariant date = UtcDate(2024, 2, 29, 59);
+  QVariantList list{u"a"_s, u"a"_s, u"5"_s, true, false, date, date};
+  list << 5.0 << 1.0 << -0.0 << 0.0 << kInfinity << std::nan("") << QByteArray("\0\xFF", 2);
+  list << kLeast << kGreatest << qlonglong(5) << qlonglong(1) << qlonglong(70000) << QByteArray("");
+  return QVariantMap{{u""_s, u""_s},
+                     {u"$null"_s, u"$null"_s},
+                     {u"NS.keys"_s, QVariantMap{}},
+                     {u"a"_s, QVariantList{}},
+                     {u"Zo\u00EB \U0001F431"_s, list},
+                     {u"e\u0301 \u05E9\u05DC \u200F"_s,
+                      QVariantList{QVariant(list), QVariantMap{{u"a"_s, list}}}}};
 }
 
 QVariantMap Large() {
   QVariantMap map;
   for (int i = 0; i < 20000; ++i) {
-    map.insert(QStringLiteral("key %1").arg(i),
-               QVariantList{qlonglong(i), QString::number(i % 100), i / 3.0});
+    map.insert(u"key %1"_s.arg(i), QVariantList{qlonglong(i), QString::number(i % 100), i / 3.0});
   }
-  map.insert(QStringLiteral("text"), QString(300000, QChar(0x5D0)));
-  map.insert(QStringLiteral("data"), QByteArray(2000000, 'x'));
+  map.insert(u"text"_s, QString(300000, QChar(0x5D0)));
+  map.insert(u"data"_s, QByteArray(2000000, 'x'));
   return map;
 }
 
-const QVariant kSmall = QVariantMap{{QStringLiteral("a"), QVariantList{true, qlonglong(5)}}};
+const QVariant kSmall = QVariantMap{{u"a"_s, QVariantList{true, qlonglong(5)}}};
 
 // ---- Packing and unpacking ----
 
-TEST(CompressedArchive, GivesBackAnEqualValueInEveryMode) {
-  for (const QVariant& value : std::initializer_list<QVariant>{
-           Everything(), Large(), Nested(kMaxPropertyListDepth), QVariantMap{}, QVariantList{},
-           QString(QLatin1String("")), QByteArray(""), true, kLeast, kGreatest, 0.1, std::nan(""),
-           UtcDate(1, 1, 1), UtcDate(9999, 12, 31, 59), QString(QChar(0xFEFF)) + u'x'}) {
-    for (const std::uint32_t mode : kModes) ExpectBack(value, mode, value);
-  }
-}
-
-TEST(CompressedArchive, GivesTheTypesOfPropertyLists) {
-  const QTimeZone zone(3600);
-  const std::pair<QVariant, QVariant> kRows[] = {
-      {-5, qlonglong(-5)},
-      {5u, qlonglong(5)},
-      {qulonglong(5), qlonglong(5)},
-      {QDateTime(QDate(2024, 3, 1), QTime(0, 59), zone), UtcDate(2024, 2, 29)},
-  };
-  for (const auto& [value, expected] : kRows) {
-    for (const std::uint32_t mode : kModes) ExpectBack(value, mode, expected);
+TEST(CompressedArchive, GivesBackAnEqualValueOfAPropertyListsType) {
+  const QDateTime zoned(QDate(2024, 3, 1), QTime(0, 59), QTimeZone(3600));
+  for (const std::uint32_t mode : kModes) {
+    for (const QVariant& value :
+         Values{Everything(), Large(), Nested(kMaxPropertyListDepth), QVariantMap{}, QVariantList{},
+                u""_s, QByteArray(""), true, kLeast, kGreatest, 0.1, std::nan(""), UtcDate(1, 1, 1),
+                UtcDate(9999, 12, 31, 59), u"\uFEFFx"_s})
+      ExpectBack(value, mode, value);
+    for (const QVariant& number : Values{5u, 5, qulonglong(5)})
+      ExpectBack(number, mode, qlonglong(5));
+    ExpectBack(zoned, mode, UtcDate(2024, 2, 29));
   }
   // What each mode keeps.
   ExpectBack(UtcDate(1899, 12, 31, 58, 999), kArchiveXml, UtcDate(1899, 12, 31, 58));
   for (const std::uint32_t mode : {kArchiveSequential, kArchiveKeyed}) {
-    for (const QVariant& value : std::initializer_list<QVariant>{
+    for (const QVariant& value : Values{
              UtcDate(1899, 12, 31, 58, 999), UtcDate(1, 1, 1, 0, 1), UtcDate(9999, 12, 31, 59, 999),
-             QString(QChar(0)) + QChar(0xFFFF), QByteArray(20 << 20, '\0')}) {
+             QString(QChar(0)) + QChar(0xFFFF), QByteArray(20 << 20, '\0')})
       ExpectBack(value, mode, value);
-    }
   }
 }
 
 TEST(CompressedArchive, RefusesValuesThatItCannotHold) {
-  for (const QVariant& value : std::initializer_list<QVariant>{
-           QVariant(), QVariantList{QVariant()}, QStringList{QStringLiteral("a")}, QDateTime(),
-           QString(QChar(0xD800)), QVariantMap{{QString(QChar(0xDC00)), true}},
-           UtcDate(10000, 1, 1), UtcDate(-1, 1, 1), Nested(kMaxPropertyListDepth + 1)}) {
-    for (const std::uint32_t mode : kModes) {
-      EXPECT_TRUE(CreateCompressedArchive(value, mode).isNull()) << Shown(value) << " in " << mode;
-    }
-  }
+  ExpectRefused({QVariant(), QVariantList{QVariant()}, QStringList{u"a"_s}, QDateTime(),
+                 QString(QChar(0xD800)), QVariantMap{{QString(QChar(0xDC00)), true}},
+                 UtcDate(10000, 1, 1), UtcDate(-1, 1, 1), Nested(kMaxPropertyListDepth + 1)});
+  ExpectRefused({QVariantList(kMaxArchiveNodes, true), QByteArray(kMaxArchiveBytes, 'x'),
+                 QString(kMaxArchiveBytes + 1, u'x'), QVariantList(9, QString(8 << 20, u'x'))});
   EXPECT_TRUE(CreateCompressedArchive(QByteArray(6 << 20, 'x'), kArchiveXml).isNull());
-  for (const QVariant& value : std::initializer_list<QVariant>{
-           QVariantList(kMaxArchiveNodes, true), QByteArray(kMaxArchiveBytes, 'x'),
-           QString(kMaxArchiveBytes + 1, u'x'), QVariantList(9, QString(8 << 20, u'x'))}) {
-    for (const std::uint32_t mode : kModes) {
-      EXPECT_TRUE(CreateCompressedArchive(value, mode).isNull()) << "in " << mode;
-    }
-  }
 }
 
 TEST(CompressedArchive, KnowsThreeModes) {
@@ -251,7 +217,7 @@ TEST(CompressedArchive, RefusesMoreThanTheModeAllows) {
 TEST(ObjectArchive, HasTheBytesThatItsHeaderShows) {
   const QByteArray bytes = QByteArray("VardellValue\1\0\0\0", 16) +
                            QByteArray("\x0A\1\0\0\0\1\0\0\0a\3\5\0\0\0\0\0\0\0", 19);
-  const QVariant value = QVariantMap{{QStringLiteral("a"), qlonglong(5)}};
+  const QVariant value = QVariantMap{{u"a"_s, qlonglong(5)}};
   EXPECT_EQ(WriteObjectArchive(value), bytes);
   EXPECT_EQ(ReadObjectArchive(bytes), value);
 }
@@ -290,8 +256,8 @@ TEST(ObjectArchive, RefusesWhatIsNotExactlyOneValue) {
 class KeyedArchives : public ::testing::Test {
  protected:
   void Run(std::vector<std::string> words) {
-    words.insert(words.begin(), {"/usr/bin/python3", "-B",
-                                 VARDELL_SOURCE_DIR "/tests/Common Sources/KeyedArchives.py"});
+    const char script[] = VARDELL_SOURCE_DIR "/tests/Common Sources/KeyedArchives.py";
+    words.insert(words.begin(), {"/usr/bin/python3", "-B", script});
     const test::Finished finished = test::Run(words, {});
     ASSERT_EQ(finished.status, 0) << finished.output.toStdString();
   }
@@ -304,11 +270,11 @@ class KeyedArchives : public ::testing::Test {
 };
 
 TEST_F(KeyedArchives, AreReadByAnotherReader) {
-  for (const QVariant& value : std::initializer_list<QVariant>{
-           Everything(), Large(), Nested(kMaxPropertyListDepth), QVariantMap{}, true,
-           UtcDate(1899, 12, 31, 58, 999), kGreatest, QString(70000, QChar(0xEB))}) {
+  for (const QVariant& value :
+       Values{Everything(), Large(), Nested(kMaxPropertyListDepth), QVariantMap{}, true,
+              UtcDate(1899, 12, 31, 58, 999), kGreatest, QString(70000, QChar(0xEB))}) {
     SCOPED_TRACE(Shown(value));
-    const QByteArray keyed = Path(QStringLiteral("keyed")), xml = Path(QStringLiteral("xml"));
+    const QByteArray keyed = Path(u"keyed"_s), xml = Path(u"xml"_s);
     ASSERT_EQ(StoreFile(keyed, CreateCompressedArchive(value, kArchiveKeyed)), 0);
     ASSERT_EQ(StoreFile(xml, CreateCompressedArchive(value, kArchiveXml)), 0);
     Run({"check", keyed.toStdString(), xml.toStdString()});
@@ -317,12 +283,12 @@ TEST_F(KeyedArchives, AreReadByAnotherReader) {
 
 TEST_F(KeyedArchives, OfAnotherWriterAreReadOrRefused) {
   Run({"make", folder.path().toStdString()});
-  const QStringList names = QDir(folder.path()).entryList({QStringLiteral("*.blob")});
+  const QStringList names = QDir(folder.path()).entryList({u"*.blob"_s});
   int accepted = 0;
   for (const QString& name : names) {
     SCOPED_TRACE(name.toStdString());
     const QVariant value = CopyObjectFromCompressedArchive(Load(name), kArchiveKeyed);
-    const QByteArray xml = Load(name.chopped(5) + QStringLiteral(".xml"));
+    const QByteArray xml = Load(name.chopped(5) + u".xml"_s);
     EXPECT_EQ(value.isValid(), !xml.isEmpty());
     if (xml.isEmpty()) continue;
     EXPECT_TRUE(test::SameValue(value, ReadPropertyListXml(xml).value())) << Shown(value);

@@ -6,18 +6,17 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
-#include <QLocale>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTranslator>
 #include <QXmlStreamReader>
 #include <cstdlib>
 #include <iostream>
-#include <utility>
-#include <vector>
 
 namespace vardell {
 namespace {
+
+using namespace Qt::StringLiterals;
 
 struct Application {
   int argc = 1;
@@ -56,8 +55,7 @@ QString AgentSources() {
   QString all;
   for (const char* folder : {"Common Sources", "core", "limits", "link", "platform", "ui"}) {
     QDirIterator files(QStringLiteral(VARDELL_SOURCE_DIR "/") + QLatin1String(folder),
-                       {QStringLiteral("*.cpp"), QStringLiteral("*.h")}, QDir::Files,
-                       QDirIterator::Subdirectories);
+                       {u"*.cpp"_s, u"*.h"_s}, QDir::Files, QDirIterator::Subdirectories);
     while (files.hasNext()) all += ReadSource(files.next());
   }
   return all;
@@ -79,23 +77,22 @@ TEST(LocalizationTest, EveryKeyThatTheAgentUsesHasAText) {
 TEST(LocalizationTest, EveryLanguageHasEveryTextWithTheSamePlacesAndItsOwnMarks) {
   Application application;
   InstallTranslations(application.application);
-  const QStringList files = QDir(QStringLiteral(":/i18n")).entryList();
+  const QStringList files = QDir(u":/i18n"_s).entryList();
   ASSERT_EQ(files.join(u' ').toStdString(),
             "vardell_de.qm vardell_en.qm vardell_es.qm vardell_fr.qm");
   const QSet<QString> keys = EnglishKeys();
   for (const QString& file : files) {
     QTranslator translator;
-    ASSERT_TRUE(translator.load(QStringLiteral(":/i18n/") + file));
+    ASSERT_TRUE(translator.load(u":/i18n/"_s + file));
     for (const QString& key : keys) {
-      SCOPED_TRACE((file + QStringLiteral(": ") + key).toStdString());
+      SCOPED_TRACE((file + u": "_s + key).toStdString());
       const QByteArray name = key.toUtf8();
       const QString text = translator.translate("Vardell", name.constData());
       const QString english = Localized(name.constData());
       EXPECT_FALSE(text.isEmpty());
       EXPECT_EQ(text, text.trimmed());
       EXPECT_EQ(Matches(text, "%(.)"), Matches(english, "%([12])"));
-      EXPECT_FALSE(text.contains(QRegularExpression(QStringLiteral("['\"]|  "))))
-          << "typewriter's marks";
+      EXPECT_FALSE(text.contains(QRegularExpression(u"['\"]|  "_s))) << "typewriter's marks";
       const char* const wrongBlank = file.contains(QLatin1String("_fr"))
                                          ? "[^\\x{202f}][:;!?]|\\x{202f}(?![:;!?])"
                                          : "\\s[:;!?]";
@@ -105,9 +102,12 @@ TEST(LocalizationTest, EveryLanguageHasEveryTextWithTheSamePlacesAndItsOwnMarks)
 }
 
 // In a process of its own, since Qt reads the environment once.
-[[noreturn]] void ShowLockCommand(const std::vector<std::pair<const char*, const char*>>& set) {
+[[noreturn]] void ShowLockCommand(const QByteArray& set) {
   for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) unsetenv(name);
-  for (const auto& [name, value] : set) setenv(name, value, 1);
+  for (const QByteArray& word : set.split(' ')) {
+    const qsizetype equals = word.indexOf('=');
+    if (equals > 0) qputenv(word.first(equals), word.mid(equals + 1));
+  }
   Application application;
   InstallTranslations(application.application);
   std::cerr << "<" << Localized("Lock computer").toStdString() << ">" << std::endl;
@@ -120,37 +120,24 @@ TEST(LocalizationDeathTest, TakesTheLanguageOfTheDesktop) {
   constexpr char kGerman[] = "<Computer sperren>";
   constexpr char kFrench[] = "<Verrouiller l’ordinateur>";
   constexpr char kSpanish[] = "<Bloquear el ordenador>";
-  const struct {
-    const char* what;
-    std::vector<std::pair<const char*, const char*>> set;
-    const char* shown;
-  } kRows[] = {
-      {"nothing set", {}, kEnglish},
-      {"no language", {{"LANG", "C"}}, kEnglish},
-      {"a language without texts", {{"LANG", "fi_FI.UTF-8"}}, kEnglish},
-      {"no locale at all", {{"LANG", "german"}}, kEnglish},
-      {"German", {{"LANG", "de_DE.UTF-8"}}, kGerman},
-      {"a variant", {{"LANG", "de_AT.UTF-8"}}, kGerman},
-      {"an old code set", {{"LANG", "de_DE@euro"}}, kGerman},
-      {"a variant overseas", {{"LANG", "fr_CA"}}, kFrench},
-      {"Spanish overseas", {{"LANG", "es_MX.UTF-8"}}, kSpanish},
-      {"messages before the rest",
-       {{"LANG", "de_DE.UTF-8"}, {"LC_MESSAGES", "es_ES.UTF-8"}},
-       kSpanish},
-      {"all before messages", {{"LC_MESSAGES", "es_ES.UTF-8"}, {"LC_ALL", "fr_FR.UTF-8"}}, kFrench},
-      {"a list begins with its first",
-       {{"LANG", "fr_FR.UTF-8"}, {"LANGUAGE", "de_AT:fr"}},
-       kGerman},
-      {"a list goes on to one that has texts",
-       {{"LANG", "fi_FI.UTF-8"}, {"LANGUAGE", "fi:fr_CA:de"}},
-       kFrench},
-      {"English has texts too", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "en_GB:de"}}, kEnglish},
-      {"an empty list", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", ""}}, kGerman},
+  const char* const kRows[][3] = {
+      {"nothing set", "", kEnglish},
+      {"no language", "LANG=C", kEnglish},
+      {"a language without texts", "LANG=fi_FI.UTF-8", kEnglish},
+      {"no locale at all", "LANG=german", kEnglish},
+      {"a variant", "LANG=de_AT.UTF-8", kGerman},
+      {"an old code set", "LANG=de_DE@euro", kGerman},
+      {"a variant overseas", "LANG=fr_CA", kFrench},
+      {"messages before the rest", "LANG=de_DE.UTF-8 LC_MESSAGES=es_ES.UTF-8", kSpanish},
+      {"all before messages", "LC_MESSAGES=es_ES.UTF-8 LC_ALL=fr_FR.UTF-8", kFrench},
+      {"a list begins with its first", "LANG=fr_FR.UTF-8 LANGUAGE=de_AT:fr", kGerman},
+      {"a list goes on to one that has texts", "LANG=fi_FI LANGUAGE=fi:fr_CA:de", kFrench},
+      {"English has texts too", "LANG=de_DE.UTF-8 LANGUAGE=en_GB:de", kEnglish},
+      {"an empty list", "LANG=de_DE.UTF-8 LANGUAGE=", kGerman},
   };
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  for (const auto& row : kRows) {
-    EXPECT_EXIT(ShowLockCommand(row.set), testing::ExitedWithCode(0), row.shown) << row.what;
-  }
+  for (const auto& [what, set, shown] : kRows)
+    EXPECT_EXIT(ShowLockCommand(set), testing::ExitedWithCode(0), shown) << what;
 }
 
 TEST(LocalizationTest, FillsInArgumentsInOnePass) {

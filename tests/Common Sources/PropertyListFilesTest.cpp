@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QTemporaryDir>
+#include <tuple>
 
 #include "Common Sources/FileSystem.h"
 #include "Common Sources/PropertyList.h"
@@ -12,8 +13,10 @@
 namespace vardell {
 namespace {
 
-const QVariantMap kOld{{QStringLiteral("old"), QString(1000, QChar(u'l'))}};
-const QVariantMap kNew{{QStringLiteral("new"), qlonglong(1)}};
+using namespace Qt::StringLiterals;
+
+const QVariantMap kOld{{u"old"_s, QString(1000, QChar(u'l'))}};
+const QVariantMap kNew{{u"new"_s, qlonglong(1)}};
 
 class PropertyListFiles : public ::testing::Test {
  protected:
@@ -42,14 +45,14 @@ TEST_F(PropertyListFiles, WritesAndReadsUnderNamesThatUrlsQuote) {
       EXPECT_EQ(WritePropertyListToURL(kNew, QUrl::fromLocalFile(path), inPlace), 0);
       ExpectFile(path, kNew);
       EXPECT_TRUE(QFile::exists(path));
-      EXPECT_FALSE(QFile::exists(path + QStringLiteral(".tmp")));
+      EXPECT_FALSE(QFile::exists(path + u".tmp"_s));
       ASSERT_TRUE(QFile::remove(path));
     }
   }
 }
 
 TEST_F(PropertyListFiles, SetsOneKeyOfADictionary) {
-  const QString key = QStringLiteral("new");
+  const QString key = u"new"_s;
   const QString path = Path("settings.plist");
   const auto set = [&](const QVariant& value) {
     return SetPropertyListFileValue(path, key, value);
@@ -74,9 +77,9 @@ TEST_F(PropertyListFiles, KnowsItsPlaces) {
   EXPECT_EQ(QString::fromUtf8(CopyMessagesFilePath().get()),
             Path("Library/Application Support/Vardell/messagesFile"));
 
-  EXPECT_FALSE(SetGlobalSettingsValue(QStringLiteral("new"), qlonglong(1)));
+  EXPECT_FALSE(SetGlobalSettingsValue(u"new"_s, qlonglong(1)));
   ASSERT_TRUE(QDir().mkpath(Path("Library/Application Support/Vardell 5")));
-  EXPECT_TRUE(SetGlobalSettingsValue(QStringLiteral("new"), qlonglong(1)));
+  EXPECT_TRUE(SetGlobalSettingsValue(u"new"_s, qlonglong(1)));
   ExpectFile(Path("Library/Application Support/Vardell 5/com.brenwick.vardell5.plist"), kNew);
 }
 
@@ -87,15 +90,15 @@ TEST_F(PropertyListFiles, TakesTheNameOfAUrl) {
     std::int32_t status;
     QString name;
   } kRows[] = {
-      {QUrl(QStringLiteral("file:///a/b%20c.plist")), 0, QStringLiteral("b c.plist")},
-      {QUrl(QStringLiteral("file:///a/b/")), 0, QStringLiteral("b")},
+      {QUrl(u"file:///a/b%20c.plist"_s), 0, u"b c.plist"_s},
+      {QUrl(u"file:///a/b/"_s), 0, u"b"_s},
       {FileUrl(u'/' + longest), 0, longest},
       {FileUrl(u'/' + longest + u'a'), -108, {}},
       {QUrl(), -1, {}},
-      {QUrl(QStringLiteral("file:///")), -1, {}},
+      {QUrl(u"file:///"_s), -1, {}},
   };
   for (const auto& row : kRows) {
-    QString name = QStringLiteral("before");
+    QString name = u"before"_s;
     EXPECT_EQ(GetFileNameFromURL(row.url, &name), row.status) << row.url.toString().toStdString();
     EXPECT_EQ(name, row.name);
   }
@@ -114,13 +117,12 @@ TEST_F(PropertyListFiles, ReadsNothingFromWhatIsNoFile) {
   for (const char* name : {"text", "empty", "huge", "pipe", "missing", ".", "text/x"}) {
     EXPECT_FALSE(ReadPropertyListFromPath(Path(name)).has_value()) << name;
   }
-  for (const QString& path :
-       {QString(), QStringLiteral("/dev/zero"), list + QChar(0), list + QChar(0xD800)}) {
+  for (const QString& path : {QString(), u"/dev/zero"_s, list + QChar(0), list + QChar(0xD800)}) {
     EXPECT_FALSE(ReadPropertyListFromPath(path).has_value()) << path.toStdString();
   }
   QUrl elsewhere = QUrl::fromLocalFile(list);
-  elsewhere.setHost(QStringLiteral("elsewhere.example"));
-  for (const QUrl& url : {QUrl(), QUrl(QStringLiteral("http://localhost/x")), elsewhere}) {
+  elsewhere.setHost(u"elsewhere.example"_s);
+  for (const QUrl& url : {QUrl(), QUrl(u"http://localhost/x"_s), elsewhere}) {
     EXPECT_FALSE(ReadPropertyListFromURL(url).has_value()) << url.toString().toStdString();
   }
 }
@@ -129,29 +131,22 @@ TEST_F(PropertyListFiles, TellsWhyNothingWasWritten) {
   const QUrl kept = FileUrl(Path("kept"));
   ASSERT_EQ(WritePropertyListToURL(kOld, kept, true), 0);
   MakePipe("pipe");
-  const struct {
-    const char* behaviour;
-    QVariant value;
-    QUrl target;
-    bool inPlace;
-    std::int32_t status;
-  } kRows[] = {
+  const std::tuple<const char*, QVariant, QUrl, bool, std::int32_t> kRows[] = {
       {"a value that is none", QVariant(), kept, true, -1},
       {"the same through a temporary file", QVariant(), kept, false, -1},
       {"no URL", kNew, QUrl(), true, -1},
-      {"a URL of the network", kNew, QUrl(QStringLiteral("http://localhost/x")), true, -1},
+      {"a URL of the network", kNew, QUrl(u"http://localhost/x"_s), true, -1},
       {"a missing folder", kNew, FileUrl(Path("no/file")), true, kUrlNotFound},
       {"a missing folder, temporary", kNew, FileUrl(Path("no/file")), false, -1},
       {"a pipe", kNew, FileUrl(Path("pipe")), true, kUrlUnknownError},
       {"a folder", kNew, FileUrl(folder.path()), true, kUrlUnknownError},
       {"a folder, temporary", kNew, FileUrl(folder.path()), false, kFileNameExists},
   };
-  for (const auto& row : kRows) {
-    EXPECT_EQ(WritePropertyListToURL(row.value, row.target, row.inPlace), row.status)
-        << row.behaviour;
+  for (const auto& [behaviour, value, target, inPlace, status] : kRows) {
+    EXPECT_EQ(WritePropertyListToURL(value, target, inPlace), status) << behaviour;
   }
   ExpectFile(kept.toLocalFile(), kOld);
-  ASSERT_EQ(::unlink((folder.path() + QStringLiteral(".tmp")).toUtf8().constData()), 0);
+  ASSERT_EQ(::unlink((folder.path() + u".tmp"_s).toUtf8().constData()), 0);
 
   // A failed temporary file leaves no target: the name has room for it, not for the extension.
   const QString path = Path(QString(252, QChar(u'a')));

@@ -12,6 +12,8 @@
 namespace vardell {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 TEST(ShellHelpers, TakesThePidFromTheFirstLine) {
   EXPECT_EQ(PidFromProcessList("root       123  0.0 x\nroot 456 y\n"), 123);
   EXPECT_EQ(PidFromProcessList("root 12"), 12);
@@ -26,7 +28,7 @@ TEST(ShellHelpers, FindsAProcessByTheNameInItsCommandLine) {
   QTemporaryDir folder;
   const QByteArray path = qgetenv("PATH");
   qputenv("PATH", folder.path().toUtf8() + ":" + path);
-  const QByteArray program = folder.filePath(QStringLiteral("ps")).toUtf8();
+  const QByteArray program = folder.filePath(u"ps"_s).toUtf8();
   const auto list = [&program](const QByteArray& listing) {
     (void)StoreFile(program,
                     "#!/bin/sh\n[ \"$*\" = auxww ] || exit 1\ncat <<'END'\n" + listing + "END\n");
@@ -56,13 +58,13 @@ TEST(ShellHelpers, RunsCommands) {
     if (stream) (void)std::fread(text, 1, sizeof text - 1, stream.get());
     return std::string(stream ? text : "null");
   };
-  EXPECT_EQ(output(QStringLiteral("printf 'gr\u00FCn'")), "gr\xC3\xBCn");
-  for (const QString& command : {QString(), QStringLiteral("echo ") + QChar(0xD800),
-                                 QStringLiteral("echo a") + QChar(0) + QStringLiteral("b")}) {
+  EXPECT_EQ(output(u"printf 'gr\u00FCn'"_s), "gr\xC3\xBCn");
+  for (const QString& command :
+       {QString(), u"echo "_s + QChar(0xD800), u"echo a"_s + QChar(0) + u"b"_s}) {
     EXPECT_EQ(output(command), "null");
     EXPECT_EQ(RunShellCommand(command), 0);
   }
-  EXPECT_EQ(WEXITSTATUS(RunShellCommand(QStringLiteral("exit 3"))), 3);
+  EXPECT_EQ(WEXITSTATUS(RunShellCommand(u"exit 3"_s)), 3);
 }
 
 TEST(ShellHelpers, TellsPortableNames) {
@@ -79,7 +81,7 @@ TEST(ShellHelpers, TellsPortableNames) {
 TEST(ShellHelpers, CopiesUTF8WithRoomToSpare) {
   std::size_t length = 99;
   EXPECT_EQ(CopyUTF8CString(QString(), &length), nullptr);
-  const auto text = CopyUTF8CString(QStringLiteral("\u20AC\u20AC"), &length);
+  const auto text = CopyUTF8CString(u"\u20AC\u20AC"_s, &length);
   EXPECT_EQ(length, 6u);
   EXPECT_EQ(std::string(text.get(), 10), std::string("\xE2\x82\xAC\xE2\x82\xAC\0\0\0\0", 10));
   EXPECT_STREQ(CopyUTF8CString(QString(QChar(0xD800)), &length).get(), "");
@@ -90,7 +92,7 @@ TEST(ShellHelpers, CreatesItemsOnce) {
   QTemporaryDir folder;
   for (const auto create : {CreateDirectoryAtURL, CreateFileAtURL}) {
     const bool isFolder = create == CreateDirectoryAtURL;
-    const QString path = folder.filePath(isFolder ? QStringLiteral("a d") : QStringLiteral("a%f"));
+    const QString path = folder.filePath(isFolder ? u"a d"_s : u"a%f"_s);
     for (int times = 0; times < 2; ++times) {
       QString made;
       EXPECT_EQ(create(FileUrl(path), &made), 0);
@@ -98,21 +100,20 @@ TEST(ShellHelpers, CreatesItemsOnce) {
       EXPECT_EQ(QFileInfo(path).isDir(), isFolder);
       EXPECT_EQ(QFileInfo(path).isFile(), !isFolder);
     }
-    QString untouched = QStringLiteral("x");
-    for (const QUrl& bad :
-         {FileUrl(folder.filePath(QStringLiteral("no/parent"))), QUrl(),
-          FileUrl(folder.filePath(QString(255, QChar(u'a')))), FileUrl(QStringLiteral("/")),
-          FileUrl(path + QChar(0)), QUrl(QStringLiteral("http://localhost/x"))}) {
+    QString untouched = u"x"_s;
+    for (const QUrl& bad : {FileUrl(folder.filePath(u"no/parent"_s)), QUrl(),
+                            FileUrl(folder.filePath(QString(255, QChar(u'a')))), FileUrl(u"/"_s),
+                            FileUrl(path + QChar(0)), QUrl(u"http://localhost/x"_s)}) {
       EXPECT_EQ(create(bad, &untouched), kCreateNotTried) << bad.toString().toStdString();
     }
-    EXPECT_EQ(untouched, QStringLiteral("x"));
+    EXPECT_EQ(untouched, u"x"_s);
   }
-  EXPECT_EQ(CreateFileAtURL(FileUrl(QStringLiteral("/proc/x"))), kFileNotFound);
+  EXPECT_EQ(CreateFileAtURL(FileUrl(u"/proc/x"_s)), kFileNotFound);
 }
 
 TEST(ShellHelpers, MapsAFileAndNothingElse) {
   QTemporaryDir folder;
-  const QString path = folder.filePath(QStringLiteral("file"));
+  const QString path = folder.filePath(u"file"_s);
   ASSERT_EQ(StoreFile(path.toUtf8(), "hello"), 0);
   void* address = nullptr;
   std::uint64_t length = 0;
@@ -124,13 +125,13 @@ TEST(ShellHelpers, MapsAFileAndNothingElse) {
   EXPECT_EQ(std::string(static_cast<char*>(address), length), "jello");
   ::munmap(address, length);
 
-  const QString empty = folder.filePath(QStringLiteral("empty"));
-  const QString pipe = folder.filePath(QStringLiteral("pipe"));
+  const QString empty = folder.filePath(u"empty"_s);
+  const QString pipe = folder.filePath(u"pipe"_s);
   ASSERT_EQ(StoreFile(empty.toUtf8(), ""), 0);
   ASSERT_EQ(::mkfifo(pipe.toUtf8().constData(), 0600), 0);
   const std::pair<QString, std::int32_t> kRows[] = {
       {empty, 0},
-      {folder.filePath(QStringLiteral("missing")), kMapNotOpened},
+      {folder.filePath(u"missing"_s), kMapNotOpened},
       {pipe, kMapNotOpened},
       {folder.path(), kMapNotOpened},
       {QString(), kFileNotFound},

@@ -14,6 +14,8 @@
 namespace vardell {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 QByteArray Png(const QColor& colour) {
   QImage image(2, 2, QImage::Format_RGB32);
   image.fill(colour);
@@ -34,9 +36,9 @@ class UserPicture : public ::testing::Test {
     qputenv("VARDELL_TEST_ROOT", folder.path().toUtf8());
     path = qgetenv("PATH");
     qputenv("PATH", folder.path().toUtf8() + ":" + path);
-    Put(QStringLiteral("dscl"), "#!/bin/sh\ncd " + folder.path().toUtf8() +
-                                    "\necho \"$*\" >> asked\ncat \"answer-$4\" 2>/dev/null\n");
-    ASSERT_EQ(::chmod(folder.filePath(QStringLiteral("dscl")).toUtf8().constData(), 0700), 0);
+    Put(u"dscl"_s, "#!/bin/sh\ncd " + folder.path().toUtf8() +
+                       "\necho \"$*\" >> asked\ncat \"answer-$4\" 2>/dev/null\n");
+    ASSERT_EQ(::chmod(folder.filePath(u"dscl"_s).toUtf8().constData(), 0700), 0);
   }
   void TearDown() override {
     qputenv("PATH", path);
@@ -49,11 +51,11 @@ class UserPicture : public ::testing::Test {
     ASSERT_EQ(StoreFile(file.toUtf8(), bytes), 0);
   }
   void AnswerPhoto(const QByteArray& image) {
-    Put(QStringLiteral("answer-JPEGPhoto"), "JPEGPhoto:\n " + image.toHex() + "\n");
+    Put(u"answer-JPEGPhoto"_s, "JPEGPhoto:\n " + image.toHex() + "\n");
   }
-  void AnswerPicture(const QByteArray& text) { Put(QStringLiteral("answer-Picture"), text); }
+  void AnswerPicture(const QByteArray& text) { Put(u"answer-Picture"_s, text); }
   QByteArray Asked() const {
-    return LoadFile(folder.filePath(QStringLiteral("asked")).toUtf8(), 4096).value_or("");
+    return LoadFile(folder.filePath(u"asked"_s).toUtf8(), 4096).value_or("");
   }
   void ExpectColour(const QString& name, const QColor& colour) {
     const QImage image = CopyUserPicture(name);
@@ -68,13 +70,13 @@ class UserPicture : public ::testing::Test {
 };
 
 TEST_F(UserPicture, EachSourceGivesWayToTheOneBefore) {
-  EXPECT_TRUE(CopyUserPicture(QStringLiteral("tim-2")).isNull());
+  EXPECT_TRUE(CopyUserPicture(u"tim-2"_s).isNull());
   EXPECT_EQ(Asked(), ". -read /Users/tim-2 JPEGPhoto\n. -read /Users/tim-2 Picture\n");
-  Put(home.mid(1) + QStringLiteral("/.face"), Png(Qt::red));
+  Put(home.mid(1) + u"/.face"_s, Png(Qt::red));
   ExpectColour(user, Qt::red);
-  Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
+  Put(u"var/lib/AccountsService/icons/"_s + user, Png(Qt::green));
   ExpectColour(user, Qt::green);
-  Put(QStringLiteral("pic ture.png"), Png(Qt::blue));
+  Put(u"pic ture.png"_s, Png(Qt::blue));
   AnswerPicture("Picture:  \r\n " + folder.path().toUtf8() + "/pic ture.png\n");
   ExpectColour(user, Qt::blue);
   AnswerPhoto(Png(Qt::yellow));
@@ -82,23 +84,23 @@ TEST_F(UserPicture, EachSourceGivesWayToTheOneBefore) {
 }
 
 TEST_F(UserPicture, ANameThatIsNotPortableNeverReachesTheShell) {
-  const QString marker = folder.filePath(QStringLiteral("ran"));
+  const QString marker = folder.filePath(u"ran"_s);
   for (const char* name : {"x; touch RAN", "$(touch RAN)", "`touch RAN`", "x\ntouch RAN\n", "-x",
                            "J\xC3\xB3zef", "../x", "", "|touch RAN"}) {
-    CopyUserPicture(QString::fromUtf8(name).replace(QStringLiteral("RAN"), marker));
+    CopyUserPicture(QString::fromUtf8(name).replace(u"RAN"_s, marker));
     EXPECT_EQ(Asked(), "") << name;
     EXPECT_FALSE(QFile::exists(marker)) << name;
   }
   // Its icon is shown all the same.
   const QString name = QString::fromUtf8("J\xC3\xB3zef");
-  Put(QStringLiteral("var/lib/AccountsService/icons/") + name, Png(Qt::green));
-  Put(QStringLiteral("var/lib/AccountsService/secret"), Png(Qt::red));
+  Put(u"var/lib/AccountsService/icons/"_s + name, Png(Qt::green));
+  Put(u"var/lib/AccountsService/secret"_s, Png(Qt::red));
   ExpectColour(name, Qt::green);
-  EXPECT_TRUE(CopyUserPicture(QStringLiteral("../secret")).isNull());
+  EXPECT_TRUE(CopyUserPicture(u"../secret"_s).isNull());
 }
 
 TEST_F(UserPicture, WhatIsNoImageIsPassedOver) {
-  Put(QStringLiteral("var/lib/AccountsService/icons/") + user, Png(Qt::green));
+  Put(u"var/lib/AccountsService/icons/"_s + user, Png(Qt::green));
   AnswerPhoto("hello");
   for (const QByteArray& answer :
        {QByteArray(), QByteArray("\n"), QByteArray("Picture: /dev/zero\n"),
