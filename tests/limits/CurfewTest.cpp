@@ -3,17 +3,25 @@
 #include <gtest/gtest.h>
 
 #include <QTimeZone>
+#include <tuple>
 
 namespace vardell {
 namespace {
 
 using Kill = CurfewDecision::Kill;
+using namespace Qt::StringLiterals;
 
 enum Day { Monday = 1, Tuesday = 2, Friday = 5, Saturday = 6, Sunday = 7 };
 
 // 1 January 2024 was a Monday.
 QDateTime At(int day, int hour, int minute) {
   return QDateTime(QDate(2024, 1, day), QTime(hour, minute, 30), Qt::UTC);
+}
+
+// 2024 in Berlin, by the hour of Greenwich.
+QDateTime Berlin(int month, int day, int hour, int minute) {
+  const QDateTime utc(QDate(2024, month, day), QTime(hour, minute, 30), Qt::UTC);
+  return utc.toTimeZone(QTimeZone("Europe/Berlin"));
 }
 
 LimitsRecord Hours(int start, int stop) {
@@ -25,10 +33,10 @@ LimitsRecord Hours(int start, int stop) {
 }
 
 QString Alert(bool isEarly, std::int32_t minutes) {
-  return (isEarly ? QStringLiteral("early %1") : QStringLiteral("late %1")).arg(minutes);
+  return (isEarly ? u"early %1"_s : u"late %1"_s).arg(minutes);
 }
 
-TEST(Curfew, DecidesByDayHourAndWarning) {
+TEST(Curfew, DecidesByDayHourOnTheWallAndWarning) {
   using enum CurfewDecision::Kill;
   const LimitsRecord day = Hours(480, 1200);
   const LimitsRecord never = Hours(0, 0);
@@ -67,6 +75,14 @@ TEST(Curfew, DecidesByDayHourAndWarning) {
       {"both bounds, warned, week-day: both ends", backwards, true, At(Monday, 12, 0), none,
        EntryThenSession},
       {"both bounds, warned, week-end: one end", backwards, true, At(Sunday, 12, 0), none, Session},
+      {"spring, before two is allowed", Hours(0, 150), false, Berlin(3, 31, 0, 59), none, None},
+      {"spring, then it is past half past two", Hours(0, 150), false, Berlin(3, 31, 1, 0),
+       Alert(false, 150), None},
+      {"autumn, half past two is too late", Hours(0, 150), false, Berlin(10, 27, 0, 30),
+       Alert(false, 150), None},
+      {"autumn, then it is two again", Hours(0, 150), false, Berlin(10, 27, 1, 0), none, None},
+      {"autumn, and half past two again", Hours(0, 150), false, Berlin(10, 27, 1, 30),
+       Alert(false, 150), None},
       {"bounds beyond all sense", Hours(2147483647, -2147483647 - 1), false, At(Monday, 12, 0),
        Alert(true, 2147483647), Session},
   };
@@ -81,34 +97,6 @@ TEST(Curfew, DecidesByDayHourAndWarning) {
   }
 }
 
-TEST(Curfew, CountsByTheClockOnTheWallWhereClocksChange) {
-  const QTimeZone berlin("Europe/Berlin");
-  const auto wall = [&](int month, int day, int hourUtc, int minute) {
-    return QDateTime(QDate(2024, month, day), QTime(hourUtc, minute, 30), Qt::UTC)
-        .toTimeZone(berlin);
-  };
-  const struct {
-    const char* behaviour;
-    LimitsRecord limits;
-    QDateTime now;
-    QString alert;
-  } kRows[] = {
-      {"spring: the minute before two is allowed", Hours(0, 150), wall(3, 31, 0, 59), QString()},
-      {"spring: the next one is past half past two", Hours(0, 150), wall(3, 31, 1, 0),
-       Alert(false, 150)},
-      {"autumn: half past two is too late", Hours(0, 150), wall(10, 27, 0, 30), Alert(false, 150)},
-      {"autumn: an hour later it is two again", Hours(0, 150), wall(10, 27, 1, 0), QString()},
-      {"autumn: and half past two once more", Hours(0, 150), wall(10, 27, 1, 30),
-       Alert(false, 150)},
-  };
-  for (const auto& row : kRows) {
-    const CurfewDecision decision = DecideCurfew(row.limits, false, row.now);
-    EXPECT_EQ(decision.alert ? Alert(decision.alertIsEarly, decision.boundaryMinutes) : QString(),
-              row.alert)
-        << row.behaviour;
-  }
-}
-
 class CurfewCheck : public ::testing::Test {
  protected:
   CurfewCheck() {
@@ -120,7 +108,7 @@ class CurfewCheck : public ::testing::Test {
       happened << Alert(isEarly, minutes);
       dismiss = std::move(seen);
     };
-    actions.killProcess = [this](int pid) { happened << QStringLiteral("kill %1").arg(pid); };
+    actions.killProcess = [this](int pid) { happened << u"kill %1"_s.arg(pid); };
     actions.loginPid = [this] { return loginPid; };
   }
 
@@ -143,8 +131,8 @@ class CurfewCheck : public ::testing::Test {
 };
 
 const QStringList kNothing;
-const QStringList kKillEntry{QStringLiteral("kill 40")};
-const QStringList kKillSession{QStringLiteral("kill 77")};
+const QStringList kKillEntry{u"kill 40"_s};
+const QStringList kKillSession{u"kill 77"_s};
 const QStringList kEarly{Alert(true, 480)};
 
 TEST_F(CurfewCheck, TheWarningOfTheMorningStillCountsInTheEvening) {
@@ -161,7 +149,7 @@ TEST_F(CurfewCheck, ABreachOfBothBoundsWaitsForItsAlert) {
   entry->limits = Hours(1200, 480);
   EXPECT_EQ(CheckAt(Monday, 12, 0), QStringList{Alert(true, 1200)});
   loginPid = 78;
-  EXPECT_EQ(Dismiss(), QStringList{QStringLiteral("kill 78")});
+  EXPECT_EQ(Dismiss(), QStringList{u"kill 78"_s});
   EXPECT_EQ(Dismiss(), kNothing);
 }
 

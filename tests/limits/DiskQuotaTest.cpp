@@ -8,6 +8,8 @@
 namespace vardell {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 constexpr std::uint64_t kMega = 1u << 20;
 constexpr std::int16_t kLeast = std::numeric_limits<std::int16_t>::min();
 constexpr std::int16_t kMost = std::numeric_limits<std::int16_t>::max();
@@ -72,7 +74,7 @@ class DiskQuotaCheckTest : public testing::Test {
       dismiss_ = std::move(dismissed);
     };
     actions.setDiskLine = [this](bool enabled, std::uint64_t limit, std::uint64_t usage) {
-      told_ << QStringLiteral("%1 %2 of %3").arg(enabled).arg(usage).arg(limit);
+      told_ << u"%1 %2 of %3"_s.arg(enabled).arg(usage).arg(limit);
     };
     CheckDiskQuota(entry_, quota_, actions);
     EXPECT_EQ(entry_->limits.credit, 10);
@@ -99,7 +101,7 @@ TEST_F(DiskQuotaCheckTest, ACheckUnderTheMessageDecidesNothingWhenItsFigureComes
 TEST_F(DiskQuotaCheckTest, WhatIsNoQuotaSaysSoAndMeasuresNothing) {
   entry_->limits.diskQuotaEnabled = 0;
   Check();
-  EXPECT_EQ(Told(), QStringList(QStringLiteral("0 0 of 0")));
+  EXPECT_EQ(Told(), QStringList(u"0 0 of 0"_s));
   EXPECT_FALSE(deliver_);
 }
 
@@ -115,7 +117,7 @@ TEST_F(DiskQuotaCheckTest, AFigureServesTheEntryThatAskedLast) {
   Renew(3);
   Check();
   Figure(2 * kMega);
-  EXPECT_EQ(Told(), QStringList(QStringLiteral("1 2097152 of 3145728")));
+  EXPECT_EQ(Told(), QStringList(u"1 2097152 of 3145728"_s));
   Check();
   Renew(0);
   entry_->limits.diskQuotaEnabled = 0;

@@ -16,10 +16,13 @@
 #include <limits>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace vardell {
 namespace {
+
+using namespace Qt::StringLiterals;
 
 constexpr std::uint64_t kMega = 1u << 20;
 constexpr off_t kLargestFile = std::numeric_limits<off_t>::max();
@@ -28,7 +31,7 @@ constexpr off_t kLargestFile = std::numeric_limits<off_t>::max();
 class Tree {
  public:
   explicit Tree(const char* in = "/dev/shm")
-      : folder_(QString::fromLatin1(in) + QStringLiteral("/vardell-tree-XXXXXX")) {
+      : folder_(QString::fromLatin1(in) + u"/vardell-tree-XXXXXX"_s) {
     chmod(Path("").c_str(), 0755);
   }
   ~Tree() { (void)!std::system(("rm -rf '" + Path("") + "'").c_str()); }
@@ -62,14 +65,8 @@ class Tree {
   QTemporaryDir folder_;
 };
 
-struct Row {
-  const char* behaviour;
-  std::function<void(const Tree&)> make;
-  std::uint64_t size;
-};
-
 TEST(FolderSizeTest, AddsUpTheFiles) {
-  const Row kRows[] = {
+  const std::tuple<const char*, std::function<void(const Tree&)>, std::uint64_t> kRows[] = {
       {"an empty folder holds nothing", [](const Tree& tree) { tree.Folder("a"); }, 0},
       {"files of folders within folders add up",
        [](const Tree& tree) {
@@ -120,10 +117,10 @@ TEST(FolderSizeTest, AddsUpTheFiles) {
        [](const Tree& tree) { tree.File("a", kLargestFile), tree.File("b", kLargestFile); },
        std::uint64_t{kLargestFile}},
   };
-  for (const Row& row : kRows) {
+  for (const auto& [behaviour, make, size] : kRows) {
     const Tree tree;
-    ASSERT_NO_FATAL_FAILURE(row.make(tree)) << row.behaviour;
-    EXPECT_EQ(tree.Size(), row.size) << row.behaviour;
+    ASSERT_NO_FATAL_FAILURE(make(tree)) << behaviour;
+    EXPECT_EQ(tree.Size(), size) << behaviour;
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 
 #include "Common Sources/PropertyList.h"
 #include "link/VardellLoader.h"
@@ -10,6 +11,8 @@
 #include "tests/support/ScriptedPeer.h"
 
 namespace vardell {
+
+using namespace Qt::StringLiterals;
 
 static void PrintTo(const LimitsRecord& record, std::ostream* out) {
   QString text;
@@ -50,22 +53,22 @@ LimitsRecord Parse(const QVariantMap& dictionary) {
 
 TEST(LimitsDictionary, ReadsItsSixteenKeys) {
   const QVariantMap dictionary{
-      {QStringLiteral("NextAutoUpdate"), 7.5e8},
-      {QStringLiteral("Credit"), qlonglong(12)},
-      {QStringLiteral("Report Credit"), true},
-      {QStringLiteral("Enabled"), true},
-      {QStringLiteral("AutoUpdateCoeff"), qlonglong(60)},
-      {QStringLiteral("AutoUpdateValue"), qlonglong(3)},
-      {QStringLiteral("WE Coeff"), qlonglong(59)},
-      {QStringLiteral("WE Value"), qlonglong(4)},
-      {QStringLiteral("WD start"), qlonglong(480)},
-      {QStringLiteral("WD stop"), qlonglong(1200)},
-      {QStringLiteral("WE start"), qlonglong(540)},
-      {QStringLiteral("WE stop"), qlonglong(1260)},
-      {QStringLiteral("WD Curfew Enabled"), true},
-      {QStringLiteral("WE Curfew Enabled"), true},
-      {QStringLiteral("DQ Enabled"), true},
-      {QStringLiteral("DQ Value"), qlonglong(2048)},
+      {u"NextAutoUpdate"_s, 7.5e8},
+      {u"Credit"_s, qlonglong(12)},
+      {u"Report Credit"_s, true},
+      {u"Enabled"_s, true},
+      {u"AutoUpdateCoeff"_s, qlonglong(60)},
+      {u"AutoUpdateValue"_s, qlonglong(3)},
+      {u"WE Coeff"_s, qlonglong(59)},
+      {u"WE Value"_s, qlonglong(4)},
+      {u"WD start"_s, qlonglong(480)},
+      {u"WD stop"_s, qlonglong(1200)},
+      {u"WE start"_s, qlonglong(540)},
+      {u"WE stop"_s, qlonglong(1260)},
+      {u"WD Curfew Enabled"_s, true},
+      {u"WE Curfew Enabled"_s, true},
+      {u"DQ Enabled"_s, true},
+      {u"DQ Value"_s, qlonglong(2048)},
   };
   EXPECT_EQ(Parse(dictionary), Full());
   EXPECT_EQ(MakeLimitsDictionary(Full()), dictionary);
@@ -75,7 +78,7 @@ TEST(LimitsDictionary, ReadsItsSixteenKeys) {
   ParseLimitsDictionary(nullptr, &record);
   EXPECT_EQ(record, Full());
   record.enabled = 0xFF;  // a flag from outside
-  EXPECT_EQ(MakeLimitsDictionary(record)[QStringLiteral("Enabled")], QVariant(true));
+  EXPECT_EQ(MakeLimitsDictionary(record)[u"Enabled"_s], QVariant(true));
 }
 
 TEST(LimitsDictionary, ConvertsValues) {
@@ -87,7 +90,7 @@ TEST(LimitsDictionary, ConvertsValues) {
   } kRows[] = {
       {"a real credit loses its fraction", "Credit", 12.9, 12},
       {"a negative credit stays", "Credit", qlonglong(-1), -1},
-      {"a credit that is text counts as absent", "Credit", QStringLiteral("12"), 0},
+      {"a credit that is text counts as absent", "Credit", u"12"_s, 0},
       {"a huge real is cut", "Credit", 1e300, std::numeric_limits<std::int32_t>::max()},
       {"coefficient 59 becomes 1", "AutoUpdateCoeff", qlonglong(59), 1},
       {"coefficient 0 becomes 1", "AutoUpdateCoeff", qlonglong(0), 1},
@@ -112,25 +115,20 @@ LimitsRecord FetchFrom(const QString& address) {
   ServerLink link(discovery);
   link.second = std::chrono::milliseconds(100);
   link.pinnedServer = [&address] { return std::optional(address); };
-  return FetchLimits(link, QStringLiteral("anna"), QStringLiteral("org.game"));
+  return FetchLimits(link, u"anna"_s, u"org.game"_s);
 }
 
 TEST(FetchLimits, AnythingButADictionaryMeansNoLimits) {
-  const struct {
-    const char* behaviour;
-    test::ScriptedPeer::Script script;
-    LimitsRecord limits;
-  } kRows[] = {
+  const std::tuple<const char*, test::ScriptedPeer::Script, LimitsRecord> kRows[] = {
       {"limits", test::AnswerWith(WritePropertyListXml(MakeLimitsDictionary(Full())).value()),
        Full()},
       {"a list", test::AnswerWith(WritePropertyListXml(QVariantList{true}).value()), Defaults()},
       {"no property list", test::AnswerWith("hello"), Defaults()},
       {"silence", test::StaySilent, Defaults()},
   };
-  for (const auto& row : kRows) {
-    test::ScriptedPeer peer({row.script});
-    EXPECT_EQ(FetchFrom(QStringLiteral("127.0.0.1:%1").arg(peer.Port())), row.limits)
-        << row.behaviour;
+  for (const auto& [behaviour, script, limits] : kRows) {
+    test::ScriptedPeer peer({script});
+    EXPECT_EQ(FetchFrom(u"127.0.0.1:%1"_s.arg(peer.Port())), limits) << behaviour;
   }
   EXPECT_EQ(FetchFrom(QString()), Defaults()) << "no Server";
 }

@@ -34,10 +34,8 @@ TEST(UsageTotalsTest, CountsEachDayOfAWeekOnceButForClockChangesNearMidnight) {
   };
   constexpr Row kRows[] = {
       {"eight days of nine", "UTC", "2009-03-25T12:00:00", 11111111},
-      {"over the end of a month", "Europe/Berlin", "2009-07-02T23:59:59", 11111111},
       {"over the end of a year", "Europe/Berlin", "2010-01-03T00:00:00", 11111111},
       {"over 29 February", "America/New_York", "2008-03-03T08:00:00", 11111111},
-      {"no 29 February", "America/New_York", "2009-03-03T08:00:00", 11111111},
       {"the day is the zone's, not Greenwich's", "Pacific/Kiritimati", "2009-07-01T01:00:00",
        11111111},
       {"spring, by day", "Europe/Berlin", "2009-03-30T12:00:00", 11111111},

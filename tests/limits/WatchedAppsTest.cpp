@@ -4,55 +4,51 @@
 #include <sys/stat.h>
 
 #include <QTemporaryDir>
+#include <tuple>
 
 #include "Common Sources/FileSystem.h"
 #include "limits/ApplicationIdentifier.h"
 #include "link/VardellLoader.h"
 #include "platform/HotKeys.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/FakeProcesses.h"
 #include "tests/support/FakeServiceDiscovery.h"
-#include "tests/support/FakeSystem.h"
 #include "tests/support/RecordingServer.h"
 
 namespace vardell {
 namespace {
 
-ApplicationInfo Bundle(const QString& identifier, const QString& name = QStringLiteral("Game")) {
-  return {QStringLiteral("/usr/share/applications/x.desktop"), true, identifier, 0, {}, name};
+using namespace Qt::StringLiterals;
+
+ApplicationInfo Bundle(const QString& identifier, const QString& name = u"Game"_s) {
+  return {u"/usr/share/applications/x.desktop"_s, true, identifier, 0, {}, name};
 }
 
 ApplicationInfo Executable(std::optional<std::uint32_t> creator) {
-  return {QStringLiteral("/opt/a b"), false, {}, 0, creator, QStringLiteral("a b")};
+  return {u"/opt/a b"_s, false, {}, 0, creator, u"a b"_s};
 }
 
 TEST(ApplicationIdentifier, IsMadeOfWhatThereIs) {
-  ApplicationInfo nameless{QStringLiteral("/x"), true, {}, FourCharCode("APPL"),
-                           FourCharCode("abcd"), {}};
+  ApplicationInfo nameless{u"/x"_s, true, {}, FourCharCode("APPL"), FourCharCode("abcd"), {}};
   ApplicationInfo creatorless = nameless;
   creatorless.creatorCode.reset();
   ApplicationInfo unprintable = nameless;
   unprintable.typeCode = 0x00FF80E9;
-  const struct {
-    const char* behaviour;
-    ApplicationInfo application;
-    std::optional<QString> identifier;
-  } kRows[] = {
-      {"a bundle's own", Bundle(QStringLiteral("org.game")), QStringLiteral("org.game")},
-      {"type and creator, each reversed", nameless,
-       QStringLiteral("com.brenwick.unknownapp.LPPAdcba")},
-      {"an unknown creator", creatorless, QStringLiteral("com.brenwick.unknownapp.LPPA????")},
+  const std::tuple<const char*, ApplicationInfo, std::optional<QString>> kRows[] = {
+      {"a bundle's own", Bundle(u"org.game"_s), u"org.game"_s},
+      {"type and creator, each reversed", nameless, u"com.brenwick.unknownapp.LPPAdcba"_s},
+      {"an unknown creator", creatorless, u"com.brenwick.unknownapp.LPPA????"_s},
       {"eight characters, printable or not", unprintable,
-       QStringLiteral("com.brenwick.unknownapp.\u00E9\u0080\u00FF") + QChar(0) +
-           QStringLiteral("dcba")},
+       u"com.brenwick.unknownapp.\u00E9\u0080\u00FF"_s + QChar(0) + u"dcba"_s},
       {"an executable's creator in order", Executable(FourCharCode("game")),
-       QStringLiteral("com.brenwick.fakeID.game")},
-      {"with blanks", Executable(FourCharCode("vi  ")), QStringLiteral("com.brenwick.fakeID.vi  ")},
+       u"com.brenwick.fakeID.game"_s},
+      {"with blanks", Executable(FourCharCode("vi  ")), u"com.brenwick.fakeID.vi  "_s},
       {"beyond ASCII", Executable(0xE9000001),
-       QStringLiteral("com.brenwick.fakeID.\u00E9") + QChar(0) + QChar(0) + QChar(1)},
+       u"com.brenwick.fakeID.\u00E9"_s + QChar(0) + QChar(0) + QChar(1)},
       {"nothing", Executable({}), std::nullopt},
   };
-  for (const auto& row : kRows) {
-    EXPECT_EQ(MakeApplicationIdentifier(row.application), row.identifier) << row.behaviour;
+  for (const auto& [behaviour, application, identifier] : kRows) {
+    EXPECT_EQ(MakeApplicationIdentifier(application), identifier) << behaviour;
   }
 }
 
@@ -83,7 +79,7 @@ class WatchedApps : public ::testing::Test {
   QStringList Frames() {
     QStringList told;
     for (const auto& frame : server.TakeFrames()) {
-      told << QStringLiteral("%1 %2").arg(frame.kind).arg(frame.identifier);
+      told << u"%1 %2"_s.arg(frame.kind).arg(frame.identifier);
     }
     return told;
   }
@@ -94,10 +90,10 @@ class WatchedApps : public ::testing::Test {
   ServerLink link{discovery};
   FakeProcesses processes;
   FakeSystem system;
-  QString user = QStringLiteral("anna");
+  QString user = u"anna"_s;
   std::int32_t loginPid = 0;
   WatchedAppTable table;
-  const QString game = QStringLiteral("org.game");
+  const QString game = u"org.game"_s;
   const QString unknown = QString::fromLatin1(kUnknownApplicationIdentifier);
   const QString session = QString::fromLatin1(kLoginWindowIdentifier);
 };
@@ -105,9 +101,9 @@ class WatchedApps : public ::testing::Test {
 TEST_F(WatchedApps, AnApplicationIsAnnouncedThenFetchedThenAdded) {
   server.AnswerCredit(game, 7);
   EXPECT_TRUE(Add(Bundle(game), 40));
-  EXPECT_EQ(Table(), QStringList{QStringLiteral("org.game 40 7")});
-  EXPECT_EQ(Frames(), (QStringList{QStringLiteral("3 org.game"), QStringLiteral("1 org.game")}));
-  EXPECT_EQ(table[0]->displayName, QStringLiteral("Game"));
+  EXPECT_EQ(Table(), QStringList{u"org.game 40 7"_s});
+  EXPECT_EQ(Frames(), (QStringList{u"3 org.game"_s, u"1 org.game"_s}));
+  EXPECT_EQ(table[0]->displayName, u"Game"_s);
 }
 
 TEST_F(WatchedApps, SpentCreditEntersAsALastMinuteOrAsItsEnd) {
@@ -115,8 +111,7 @@ TEST_F(WatchedApps, SpentCreditEntersAsALastMinuteOrAsItsEnd) {
     server.AnswerCredit(game, credit);
     EXPECT_TRUE(Add(Bundle(game), 40, true));
     EXPECT_TRUE(Add(Bundle(game), 41, false));
-    EXPECT_EQ(Table(),
-              (QStringList{QStringLiteral("org.game 40 1"), QStringLiteral("org.game 41 12345")}));
+    EXPECT_EQ(Table(), (QStringList{u"org.game 40 1"_s, u"org.game 41 12345"_s}));
     table.clear();
   }
 }
@@ -132,8 +127,8 @@ TEST_F(WatchedApps, WhatIsThereAlreadyIsNotAskedAbout) {
   EXPECT_EQ(Frames(), QStringList());
 
   EXPECT_TRUE(Add(Bundle(game), 42)) << "a second process of the application";
-  server.AnswerCredit(QStringLiteral("org.other"), 1);
-  EXPECT_TRUE(Add(Bundle(QStringLiteral("org.other")), 40)) << "a process that became another";
+  server.AnswerCredit(u"org.other"_s, 1);
+  EXPECT_TRUE(Add(Bundle(u"org.other"_s), 40)) << "a process that became another";
   EXPECT_EQ(table.size(), 4u);
 }
 
@@ -143,36 +138,32 @@ TEST_F(WatchedApps, AnApplicationWithoutANameIsWatchedButCannotBeKilled) {
   EXPECT_TRUE(Add(Executable({}), 50));
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Unable to watch application at file:///opt/a%20b\n");
-  EXPECT_EQ(Table(), QStringList{QStringLiteral("com.tovmark.unknownapp 0 3")});
+  EXPECT_EQ(Table(), QStringList{u"com.tovmark.unknownapp 0 3"_s});
 }
 
 TEST_F(WatchedApps, TheLoginWindowStandsForTheComputerWithThePidOfTheSystemsVersion) {
   QTemporaryDir folder;
-  const QByteArray ps = folder.filePath(QStringLiteral("ps")).toUtf8();
+  const QByteArray ps = folder.filePath(u"ps"_s).toUtf8();
   ASSERT_EQ(StoreFile(ps, "#!/bin/sh\necho 'root 99 WindowServer'\n"), 0);
   ASSERT_EQ(::chmod(ps.constData(), 0700), 0);
   const QByteArray path = qgetenv("PATH");
   qputenv("PATH", folder.path().toUtf8() + ":" + path);
-  const struct {
-    SystemVersion version;
-    std::int32_t pid;
-    const char* printed;
-  } kRows[] = {
+  const std::tuple<SystemVersion, std::int32_t, const char*> kRows[] = {
       {{10, 10}, 77, ""},
       {{10, 11}, 99, "Login pid is 99\n"},
       {{11, 0}, 77, ""},
   };
   server.AnswerCredit(session, 30);
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(testing::Message() << row.version.major << "." << row.version.minor);
-    system.version = row.version;
+  for (const auto& [version, pid, printed] : kRows) {
+    SCOPED_TRACE(testing::Message() << version.major << "." << version.minor);
+    system.version = version;
     table.clear();
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(Add(Bundle(session, QStringLiteral("Login")), 77));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed);
-    EXPECT_EQ(loginPid, row.pid);
-    EXPECT_EQ(Table(), QStringList{QStringLiteral("com.apple.loginwindow %1 30").arg(row.pid)});
-    EXPECT_EQ(table[0]->displayName, QStringLiteral("computer"));
+    EXPECT_TRUE(Add(Bundle(session, u"Login"_s), 77));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
+    EXPECT_EQ(loginPid, pid);
+    EXPECT_EQ(Table(), QStringList{u"com.apple.loginwindow %1 30"_s.arg(pid)});
+    EXPECT_EQ(table[0]->displayName, u"computer"_s);
   }
   qputenv("PATH", path);
 }
@@ -180,18 +171,16 @@ TEST_F(WatchedApps, TheLoginWindowStandsForTheComputerWithThePidOfTheSystemsVers
 TEST_F(WatchedApps, FillingOffersEverythingThatRunsAndTheGlobalSettings) {
   server.AnswerCredit(game, 7);
   server.AnswerCredit(session, 30);
-  server.Answer(QString::fromLatin1(kGlobalSettingsIdentifier),
-                {{QStringLiteral("DQ Enabled"), true},
-                 {QStringLiteral("DQ Value"), 500},
-                 {QStringLiteral("Credit"), 9},
-                 {QStringLiteral("WD Curfew Enabled"), true}});
+  server.Answer(QString::fromLatin1(kGlobalSettingsIdentifier), {{u"DQ Enabled"_s, true},
+                                                                 {u"DQ Value"_s, 500},
+                                                                 {u"Credit"_s, 9},
+                                                                 {u"WD Curfew Enabled"_s, true}});
   processes.Run(Bundle(session), 77);
   processes.Run(Bundle(game), 40);
-  processes.Run(Bundle(QStringLiteral("org.unlimited")), 41);
+  processes.Run(Bundle(u"org.unlimited"_s), 41);
   FillWatchedApps(Context(), table);
-  EXPECT_EQ(Table(), (QStringList{QStringLiteral("com.apple.loginwindow 77 30"),
-                                  QStringLiteral("org.game 40 7"),
-                                  QStringLiteral("com.brenwick.globalSettings 0 0")}));
+  EXPECT_EQ(Table(), (QStringList{u"com.apple.loginwindow 77 30"_s, u"org.game 40 7"_s,
+                                  u"com.brenwick.globalSettings 0 0"_s}));
   const WatchedApp& settings = *table.back();
   EXPECT_EQ(settings.limits.diskQuotaEnabled, 1);
   EXPECT_EQ(settings.limits.diskQuotaValue, 500);
@@ -200,36 +189,30 @@ TEST_F(WatchedApps, FillingOffersEverythingThatRunsAndTheGlobalSettings) {
 }
 
 TEST_F(WatchedApps, ARefreshTakesTheServersLimits) {
-  const struct {
-    const char* behaviour;
-    int fetched;
-    bool lastMinuteAllowed;
-    bool lastMinuteCredit;
-    int credit;
-  } kRows[] = {
+  const std::tuple<const char*, int, bool, bool, int> kRows[] = {
       {"credit that is left", 3, true, true, 3},
       {"a last minute", 0, true, true, 1},
       {"no last minute wanted", 0, true, false, kSpentCredit},
       {"the last minute was used", 0, false, true, 0},
       {"below nothing, last minute used", -2, false, false, -2},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.behaviour);
-    server.AnswerCredit(game, row.fetched);
+  for (const auto& [behaviour, fetched, lastMinuteAllowed, lastMinuteCredit, credit] : kRows) {
+    SCOPED_TRACE(behaviour);
+    server.AnswerCredit(game, fetched);
     WatchedApp entry;
     entry.identifier = game;
     entry.pid = 40;
     entry.ticks = 60;
     entry.lastMinuteUsed = true;
-    entry.displayName = QStringLiteral("Game");
+    entry.displayName = u"Game"_s;
     entry.limits.weekDayCurfewEnabled = 1;
-    EXPECT_FALSE(RefreshWatchedApp(Context(row.lastMinuteCredit), entry, row.lastMinuteAllowed));
-    EXPECT_EQ(entry.limits.credit, row.credit);
+    EXPECT_FALSE(RefreshWatchedApp(Context(lastMinuteCredit), entry, lastMinuteAllowed));
+    EXPECT_EQ(entry.limits.credit, credit);
     EXPECT_EQ(entry.limits.weekDayCurfewEnabled, 0);
     EXPECT_EQ(entry.ticks, 0u);
     EXPECT_EQ(entry.pid, 40);
     EXPECT_TRUE(entry.lastMinuteUsed);
-    EXPECT_EQ(entry.displayName, QStringLiteral("Game"));
+    EXPECT_EQ(entry.displayName, u"Game"_s);
   }
 }
 
@@ -241,12 +224,12 @@ TEST_F(WatchedApps, RemovesByPidAndLetsTheSecondNeighbourLive) {
   }
   const WatchedAppPtr shown = table[0];
   RemoveWatchedAppsWithPid(1, table);
-  EXPECT_EQ(Table(), (QStringList{QStringLiteral("b 1 0"), QStringLiteral("c 2 0")}));
-  EXPECT_EQ(shown->identifier, QStringLiteral("a")) << "an alert's entry stays valid";
+  EXPECT_EQ(Table(), (QStringList{u"b 1 0"_s, u"c 2 0"_s}));
+  EXPECT_EQ(shown->identifier, u"a"_s) << "an alert's entry stays valid";
   RemoveWatchedAppForProcess({2, 5}, table);
-  EXPECT_EQ(Table(), QStringList{QStringLiteral("b 1 0")});
-  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("b")), table[0]);
-  EXPECT_EQ(FindWatchedApp(table, QStringLiteral("B")), nullptr);
+  EXPECT_EQ(Table(), QStringList{u"b 1 0"_s});
+  EXPECT_EQ(FindWatchedApp(table, u"b"_s), table[0]);
+  EXPECT_EQ(FindWatchedApp(table, u"B"_s), nullptr);
   table[0]->pid = 0;
   RemoveWatchedAppForProcess({0, 0}, table);
   EXPECT_EQ(table.size(), 1u) << "the login window without a leader";
@@ -255,7 +238,7 @@ TEST_F(WatchedApps, RemovesByPidAndLetsTheSecondNeighbourLive) {
 // ---- What adds nothing ----
 
 TEST_F(WatchedApps, NothingIsAddedAndARefreshTellsThatAnEntryMustGo) {
-  server.Answer(game, {{QStringLiteral("Credit"), 5}});
+  server.Answer(game, {{u"Credit"_s, 5}});
   EXPECT_FALSE(Add(Bundle(game), 40)) << "not enabled";
   WatchedApp entry;
   entry.identifier = game;

@@ -2,10 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstring>
 #include <limits>
-#include <string>
+#include <tuple>
 
 #include "Common Sources/Caps.h"
 #include "tests/link/LinkFixture.h"
@@ -14,9 +13,10 @@ namespace vardell {
 namespace {
 
 using test::Hex;
+using namespace Qt::StringLiterals;
 
 constexpr qsizetype kFarthest = std::numeric_limits<qsizetype>::max();
-const QString kLoneSurrogate = QStringLiteral("ab") + QChar(0xD800) + QStringLiteral("cd");
+const QString kLoneSurrogate = u"ab"_s + QChar(0xD800) + u"cd"_s;
 
 // Each field has bytes of its own.
 LimitsRecord SampleRecord() {
@@ -48,28 +48,24 @@ bool SameBytes(const LimitsRecord& a, const LimitsRecord& b) {
 }
 
 TEST(DataForm, StringsAppendAsLengthAndUtf8) {
-  const struct {
-    const char* behaviour;
-    QString string;
-    QByteArray appended;
-  } rows[] = {
+  const std::tuple<const char*, QString, QByteArray> rows[] = {
       {"an empty string is its length alone", QString(), Hex("00000000")},
-      {"no terminating zero, little-endian length", QStringLiteral("ann"), Hex("03000000616e6e")},
-      {"no byte-order mark", QStringLiteral("é"), Hex("02000000c3a9")},
-      {"a pair of surrogates is one character", QStringLiteral("😀"), Hex("04000000f09f9880")},
+      {"no terminating zero, little-endian length", u"ann"_s, Hex("03000000616e6e")},
+      {"no byte-order mark", u"é"_s, Hex("02000000c3a9")},
+      {"a pair of surrogates is one character", u"😀"_s, Hex("04000000f09f9880")},
       {"a zero character is kept", QString(QChar(0)), Hex("0100000000")},
       {"a lone surrogate appends nothing, not even a length", kLoneSurrogate, QByteArray()},
   };
-  for (const auto& row : rows) {
+  for (const auto& [behaviour, string, appended] : rows) {
     QByteArray data = Hex("aabb");
     qsizetype start = -1;
-    AppendStringToData(data, row.string, &start);
-    EXPECT_EQ(data, Hex("aabb") + row.appended) << row.behaviour;
-    EXPECT_EQ(start, 2) << row.behaviour;
-    if (row.appended.isEmpty()) continue;
+    AppendStringToData(data, string, &start);
+    EXPECT_EQ(data, Hex("aabb") + appended) << behaviour;
+    EXPECT_EQ(start, 2) << behaviour;
+    if (appended.isEmpty()) continue;
     qsizetype next = -1;
-    EXPECT_EQ(CopyStringFromData(data, 2, &next), row.string) << row.behaviour;
-    EXPECT_EQ(next, data.size()) << row.behaviour;
+    EXPECT_EQ(CopyStringFromData(data, 2, &next), string) << behaviour;
+    EXPECT_EQ(next, data.size()) << behaviour;
   }
 }
 
@@ -98,8 +94,7 @@ TEST(DataForm, BadStringsAreAbsentAndNothingOutsideIsRead) {
 }
 
 TEST(DataForm, TheRecordIsPackedInTheWiresOrder) {
-  const QByteArray data =
-      AppendLimitsRecordToData(QStringLiteral("bob"), QStringLiteral("x"), SampleRecord());
+  const QByteArray data = AppendLimitsRecordToData(u"bob"_s, u"x"_s, SampleRecord());
   EXPECT_EQ(data, kBobAndX + kSamplePacked);
   EXPECT_EQ(kSamplePacked.size(), kPackedRecordBytes);
   EXPECT_TRUE(SameBytes(ReadLimitsRecordFromData(data, kBobAndX.size()), SampleRecord()));
@@ -130,26 +125,20 @@ TEST(DataForm, TopUpTimesTravelAs32UnsignedBits) {
 }
 
 TEST(BufferForm, WritingStopsAtWhatCannotBeWritten) {
-  const struct {
-    const char* behaviour;
-    std::size_t room;
-    QString string;
-    QByteArray written;
-  } rows[] = {
-      {"all of it", 7, QStringLiteral("né"), Hex("030000006ec3a9")},
+  const std::tuple<const char*, std::size_t, QString, QByteArray> rows[] = {
+      {"all of it", 7, u"né"_s, Hex("030000006ec3a9")},
       {"what stands before a lone surrogate", 16, kLoneSurrogate, Hex("020000006162")},
-      {"a character is not cut in two", 7, QStringLiteral("aéé"), Hex("0300000061c3a9")},
-      {"no room for the character", 5, QStringLiteral("é"), Hex("00000000")},
-      {"no room for the length", 3, QStringLiteral("a"), QByteArray()},
+      {"a character is not cut in two", 7, u"aéé"_s, Hex("0300000061c3a9")},
+      {"no room for the character", 5, u"é"_s, Hex("00000000")},
+      {"no room for the length", 3, u"a"_s, QByteArray()},
   };
-  for (const auto& row : rows) {
-    QByteArray buffer(qsizetype(row.room) + 1, '\x7e');
+  for (const auto& [behaviour, room, string, written] : rows) {
+    QByteArray buffer(qsizetype(room) + 1, '\x7e');
     qsizetype position = 1;
-    EXPECT_EQ(WriteStringToBuffer({buffer.data(), row.room + 1}, row.string, position),
-              row.written.size() + 1)
-        << row.behaviour;
-    EXPECT_EQ(position, row.written.size() + 1) << row.behaviour;
-    EXPECT_EQ(buffer, ("\x7e" + row.written).leftJustified(buffer.size(), '\x7e')) << row.behaviour;
+    EXPECT_EQ(WriteStringToBuffer({buffer.data(), room + 1}, string, position), written.size() + 1)
+        << behaviour;
+    EXPECT_EQ(position, written.size() + 1) << behaviour;
+    EXPECT_EQ(buffer, ("\x7e" + written).leftJustified(buffer.size(), '\x7e')) << behaviour;
   }
 }
 
@@ -187,9 +176,9 @@ TEST(BufferForm, TheImageIsTheRecordAsItStands) {
     EXPECT_EQ(ReadLimitsImageFromBuffer(bytes, &user, &identifier, &record), 0);
     return user.value_or(QString()) + identifier.value_or(QString());
   };
-  EXPECT_EQ(read(buffer.chopped(1)), QStringLiteral("bobx"));
+  EXPECT_EQ(read(buffer.chopped(1)), u"bobx"_s);
   EXPECT_TRUE(SameBytes(record, LimitsRecord()));
-  EXPECT_EQ(read(buffer), QStringLiteral("bobx"));
+  EXPECT_EQ(read(buffer), u"bobx"_s);
   EXPECT_TRUE(SameBytes(record, sample));
   EXPECT_EQ(read(Hex("01040000")), QString());
 }
@@ -198,11 +187,7 @@ TEST(BufferForm, TheImageIsTheRecordAsItStands) {
 
 TEST(Payloads, HostileBytesGiveAnErrorAndTouchNothing) {
   const QByteArray good = kBobAndX + kSamplePacked;
-  const struct {
-    const char* behaviour;
-    QByteArray payload;
-    PayloadError error;
-  } rows[] = {
+  const std::tuple<const char*, QByteArray, PayloadError> rows[] = {
       {"no byte at all", QByteArray(), PayloadError::Truncated},
       {"one byte more", good + 'x', PayloadError::Surplus},
       {"a name of 4 GiB less one", Hex("ffffffff") + good, PayloadError::TooLong},
@@ -212,22 +197,21 @@ TEST(Payloads, HostileBytesGiveAnErrorAndTouchNothing) {
       {"a name that is no UTF-8", Hex("01000000ff") + good.mid(7), PayloadError::NotUtf8},
       {"a field that the sender could not encode", good.mid(7), PayloadError::TooLong},
   };
-  QString user = QStringLiteral("kept");
+  QString user = u"kept"_s;
   QString identifier = user;
   LimitsRecord record;
-  for (const auto& row : rows) {
-    EXPECT_EQ(ParseReportPayload(row.payload, &user, &identifier, &record), row.error)
-        << row.behaviour;
+  for (const auto& [behaviour, payload, error] : rows) {
+    EXPECT_EQ(ParseReportPayload(payload, &user, &identifier, &record), error) << behaviour;
   }
   for (qsizetype length = 0; length < good.size(); ++length) {
     EXPECT_NE(ParseReportPayload(good.first(length), &user, &identifier, &record),
               PayloadError::None);
   }
-  EXPECT_EQ(user + identifier, QStringLiteral("keptkept"));
+  EXPECT_EQ(user + identifier, u"keptkept"_s);
   EXPECT_TRUE(SameBytes(record, LimitsRecord()));
 
   EXPECT_EQ(ParseReportPayload(good, &user, &identifier, &record), PayloadError::None);
-  EXPECT_EQ(user + identifier, QStringLiteral("bobx"));
+  EXPECT_EQ(user + identifier, u"bobx"_s);
   EXPECT_TRUE(SameBytes(record, SampleRecord()));
   EXPECT_EQ(ParseNamesPayload(kBobAndX, &user, &identifier), PayloadError::None);
 }

@@ -15,9 +15,10 @@ namespace {
 
 using namespace test;
 using Milliseconds = std::chrono::milliseconds;
+using namespace Qt::StringLiterals;
 
-const QString kLocalDomain = QStringLiteral("local");
-const QString kType = QStringLiteral("_vardell5._tcp");
+const QString kLocalDomain = u"local"_s;
+const QString kType = u"_vardell5._tcp"_s;
 const std::string kAddress = "Address 0 is: 1.0.0.127\n";
 
 NetService Service(const char* name, bool isLocal = false) {
@@ -68,46 +69,37 @@ TEST_F(LoaderTest, ANetworkWithoutAServerIsSearchedForThreeSeconds) {
 }
 
 TEST_F(LoaderTest, WhichOfSeveralServicesIsChosen) {
-  struct Find {
-    const char* name;
-    Milliseconds at;
-  };
   const struct {
     const char* behaviour;
-    std::vector<Find> finds;        // "mine" is of this machine
-    bool waits;                     // for 0.2 s more
-    std::vector<const char*> said;  // the last one is chosen
+    std::vector<std::pair<const char*, Milliseconds>> finds;  // "mine" is of this machine
+    bool waits;                                               // for 0.2 s more
+    std::vector<const char*> said;                            // the last one is chosen
   } rows[] = {
       {"the first one wins", {{"a", 100ms}, {"b", 150ms}}, true, {"a"}},
       {"one of this machine that follows within 0.2 s is preferred",
        {{"a", 100ms}, {"b", 150ms}, {"mine", 290ms}},
        true,
        {"a", "mine"}},
-      {"one of this machine that follows later is too late",
-       {{"a", 100ms}, {"mine", 310ms}},
-       true,
-       {"a"}},
-      {"one of this machine that comes first is not waited behind",
-       {{"mine", 0ms}, {"a", 0ms}},
-       false,
-       {"mine"}},
+      {"one that follows later is too late", {{"a", 100ms}, {"mine", 310ms}}, true, {"a"}},
+      {"one that comes first is chosen at once", {{"mine", 0ms}, {"a", 0ms}}, false, {"mine"}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.behaviour);
     FakeServiceDiscovery network;
     ServerLink here(network);
     network.AddDomain(kLocalDomain);
-    for (const Find& find : row.finds) {
-      network.AddService(Service(find.name, find.name == std::string("mine")), find.at);
-      network.answers[QString::fromUtf8(find.name)] = {
+    for (const auto& [name, at] : row.finds) {
+      network.AddService(Service(name, name == std::string("mine")), at);
+      network.answers[QString::fromUtf8(name)] = {
           0, {}, {SocketAddressV4("127.0.0.1", peer.Port())}};
     }
     std::string said;
     for (const char* name : row.said)
       said += std::string("Found service at host: ") + name + ".local\n";
     EXPECT_EQ(Observe([&] { return ConnectToServer(here); }), 0);
-    EXPECT_EQ(network.runs,
-              row.waits ? (std::vector<Milliseconds>{3s, 200ms}) : std::vector<Milliseconds>{3s});
+    std::vector<Milliseconds> runs{3s};
+    if (row.waits) runs.push_back(200ms);
+    EXPECT_EQ(network.runs, runs);
     ASSERT_EQ(network.resolved.size(), 1u);
     EXPECT_EQ(network.resolved[0].first.name, QString::fromUtf8(row.said.back()));
     EXPECT_EQ(network.resolved[0].second, 5s);
@@ -120,14 +112,14 @@ TEST_F(LoaderTest, ServicesAreSearchedForInEachDomainUntilItGoes) {
   constexpr std::uint32_t kGone = kNetServiceFlagIsDomain | kNetServiceFlagRemove;
   const auto there = [](const char* name) {
     NetService service = Service(name);
-    service.domain = QStringLiteral("example.org");
+    service.domain = u"example.org"_s;
     return service;
   };
-  discovery.ServeAt(peer.Port(), QStringLiteral("there"));
+  discovery.ServeAt(peer.Port(), u"there"_s);
   discovery.Withdraw();
   discovery.AddDomain(kLocalDomain);
-  discovery.AddDomain(QStringLiteral("example.org"), 10ms);
-  discovery.AddDomain(QStringLiteral("unknown.example"), 15ms, kGone);
+  discovery.AddDomain(u"example.org"_s, 10ms);
+  discovery.AddDomain(u"unknown.example"_s, 15ms, kGone);
   discovery.AddDomain(kLocalDomain, 20ms, kGone);
   discovery.AddService(Service("gone with its domain"), 30ms);
   discovery.AddService(there("removed"), 40ms, kNetServiceFlagRemove);
@@ -136,12 +128,12 @@ TEST_F(LoaderTest, ServicesAreSearchedForInEachDomainUntilItGoes) {
   ASSERT_EQ(discovery.searches.size(), 3u);
   EXPECT_EQ(discovery.searches[1].domain, kLocalDomain);
   EXPECT_EQ(discovery.searches[1].type, kType);
-  EXPECT_EQ(discovery.searches[2].domain, QStringLiteral("example.org"));
+  EXPECT_EQ(discovery.searches[2].domain, u"example.org"_s);
   EXPECT_EQ(observed.out, "Found service at host: there.example.org\n" + kAddress);
 }
 
 TEST_F(LoaderTest, ARememberedServiceIsResolvedAgainWhenABrowseFindsNothing) {
-  discovery.ServeAt(peer.Port(), QStringLiteral("old"));
+  discovery.ServeAt(peer.Port(), u"old"_s);
   ASSERT_EQ(ConnectAgain(), 0);
   discovery.Withdraw();
   EXPECT_EQ(ConnectAgain(), 0);
@@ -158,8 +150,8 @@ TEST_F(LoaderTest, ARememberedServiceIsResolvedAgainWhenABrowseFindsNothing) {
 }
 
 TEST_F(LoaderTest, NamesThatCannotBePrintedAreSaidToBeSuch) {
-  const QString names[] = {QString(QChar(0xD800)), QString(4096, QLatin1Char('x')),
-                           QStringLiteral("two\nlines"), QStringLiteral("\x1b[2J")};
+  const QString names[] = {QString(QChar(0xD800)), QString(4096, QLatin1Char('x')), u"two\nlines"_s,
+                           u"\x1b[2J"_s};
   for (const QString& name : names) {
     discovery.ServeAt(peer.Port(), name);
     EXPECT_EQ(ConnectAgain(), 0);
@@ -243,27 +235,27 @@ TEST(PinnedServer, IsAHostAndAPort) {
 
 TEST(PinnedServer, AddressesAreNotLookedUpAnywhere) {
   std::vector<QByteArray> addresses;
-  EXPECT_EQ(LookUpHost({QStringLiteral("LocalHost"), 80}, &addresses), 0);
+  EXPECT_EQ(LookUpHost({u"LocalHost"_s, 80}, &addresses), 0);
   EXPECT_EQ(addresses, std::vector<QByteArray>{SocketAddressV4("127.0.0.1", 80)});
-  EXPECT_EQ(LookUpHost({QStringLiteral("::1"), 80}, &addresses), 0);
+  EXPECT_EQ(LookUpHost({u"::1"_s, 80}, &addresses), 0);
   EXPECT_EQ(addresses, std::vector<QByteArray>{SocketAddressV6("::1", 80)});
-  EXPECT_NE(LookUpHost({QStringLiteral("no..name"), 80}, &addresses), 0);
+  EXPECT_NE(LookUpHost({u"no..name"_s, 80}, &addresses), 0);
   EXPECT_EQ(addresses.size(), 1u);
 }
 
 TEST_F(LoaderTest, APinnedServerIsNotSearchedFor) {
-  link.pinnedServer = [&] { return QStringLiteral("127.0.0.1:%1").arg(peer.Port()); };
+  link.pinnedServer = [&] { return u"127.0.0.1:%1"_s.arg(peer.Port()); };
   EXPECT_EQ(ConnectAgain(), 0);
   EXPECT_TRUE(discovery.searches.empty());
   EXPECT_EQ(observed.out, kAddress);
 
-  link.pinnedServer = [] { return QStringLiteral("no..name:80"); };
+  link.pinnedServer = [] { return u"no..name:80"_s; };
   EXPECT_EQ(ConnectAgain(), -1);
   EXPECT_EQ(observed.out.substr(0, 32), "CFNetServiceResolve failed (err ");
 
   // What is no pin counts as absent.
   discovery.ServeAt(peer.Port());
-  link.pinnedServer = [] { return QStringLiteral("somewhere"); };
+  link.pinnedServer = [] { return u"somewhere"_s; };
   EXPECT_EQ(ConnectAgain(), 0);
   EXPECT_EQ(observed.err,
             "VARDELL ERROR: The preference \"Server\" must be host:port, not \"somewhere\"; "

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <QString>
-#include <algorithm>
 #include <atomic>
 #include <list>
 #include <memory>

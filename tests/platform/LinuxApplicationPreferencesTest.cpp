@@ -16,7 +16,9 @@
 namespace vardell {
 namespace {
 
-const QString kKey = QStringLiteral("Applications");
+using namespace Qt::StringLiterals;
+
+const QString kKey = u"Applications"_s;
 
 class ApplicationPreferencesTest : public testing::Test {
  protected:
@@ -37,24 +39,24 @@ class ApplicationPreferencesTest : public testing::Test {
   }
 
   QTemporaryDir folder_;
-  QString path_ = folder_.filePath(QStringLiteral("config.plist"));
+  QString path_ = folder_.filePath(u"config.plist"_s);
 };
 
 TEST_F(ApplicationPreferencesTest, AreStoredWhenSynchronisedAndKeepWhatOthersSet) {
-  LinuxApplicationPreferences one(folder_.filePath(QStringLiteral("new/er/config.plist")));
-  LinuxApplicationPreferences other(folder_.filePath(QStringLiteral("new/er/config.plist")));
-  one.SetValue(kKey, QStringLiteral("first"));
-  EXPECT_EQ(one.Value(kKey), QVariant(QStringLiteral("first")));
+  LinuxApplicationPreferences one(folder_.filePath(u"new/er/config.plist"_s));
+  LinuxApplicationPreferences other(folder_.filePath(u"new/er/config.plist"_s));
+  one.SetValue(kKey, u"first"_s);
+  EXPECT_EQ(one.Value(kKey), QVariant(u"first"_s));
   EXPECT_EQ(Files(), QStringList());
   ASSERT_TRUE(one.Synchronize());
-  other.SetValue(QStringLiteral("Other"), 17);
+  other.SetValue(u"Other"_s, 17);
   EXPECT_EQ(other.Value(kKey), std::nullopt);
   ASSERT_TRUE(other.Synchronize());
-  EXPECT_EQ(other.Value(kKey), QVariant(QStringLiteral("first")));
+  EXPECT_EQ(other.Value(kKey), QVariant(u"first"_s));
   ASSERT_TRUE(one.Synchronize());
-  EXPECT_EQ(one.Value(QStringLiteral("Other")), QVariant(17));
+  EXPECT_EQ(one.Value(u"Other"_s), QVariant(17));
   struct stat status {};
-  ASSERT_EQ(stat(folder_.filePath(QStringLiteral("new")).toUtf8(), &status), 0);
+  ASSERT_EQ(stat(folder_.filePath(u"new"_s).toUtf8(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0700u);
 }
 
@@ -65,7 +67,7 @@ TEST_F(ApplicationPreferencesTest, ChangesOfSeveralProgramsAtOnceAreAllKept) {
     if (fork() != 0) continue;
     for (int change = 0; change < kChanges; ++change) {
       LinuxApplicationPreferences own(path_);
-      own.SetValue(QStringLiteral("%1 %2").arg(program).arg(change), true);
+      own.SetValue(u"%1 %2"_s.arg(program).arg(change), true);
       LinuxApplicationPreferences shared(path_);
       if (!own.Synchronize() || !shared.Lock() || !shared.Synchronize()) _exit(1);
       shared.SetValue(kKey, shared.Value(kKey).value_or(0).toInt() + 1);
@@ -93,14 +95,14 @@ TEST_F(ApplicationPreferencesTest, WhatCannotBeUnderstoodIsKeptAside) {
     preferences.SetValue(kKey, number);
     ASSERT_TRUE(preferences.Synchronize());
     EXPECT_EQ(Stored(kKey), QVariant(number));
-    EXPECT_EQ(preferences.KeptAside(), path_ + QStringLiteral(".broken%1").arg(number));
+    EXPECT_EQ(preferences.KeptAside(), path_ + u".broken%1"_s.arg(number));
     EXPECT_EQ(Contents(preferences.KeptAside()), broken);
   }
   EXPECT_EQ(Files().size(), 3) << "nothing else";
 }
 
 TEST_F(ApplicationPreferencesTest, WhatALinkLeadsToIsKeptAside) {
-  const QString real = folder_.filePath(QStringLiteral("real"));
+  const QString real = folder_.filePath(u"real"_s);
   Write("no preferences");
   ASSERT_TRUE(QFile::rename(path_, real) && QFile::link(real, path_));
   LinuxApplicationPreferences preferences(path_);
@@ -114,11 +116,11 @@ TEST_F(ApplicationPreferencesTest, WhatALinkLeadsToIsKeptAside) {
 // The home folder of whoever became root may be in the environment still.
 TEST_F(ApplicationPreferencesTest, RootStoresNothingInFoldersOfOthers) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
-  const QString victim = folder_.filePath(QStringLiteral("victim"));
+  const QString victim = folder_.filePath(u"victim"_s);
   Write("root's");
   ASSERT_TRUE(QFile::rename(path_, victim));
-  const QString home = folder_.filePath(QStringLiteral("home"));
-  ASSERT_TRUE(QDir().mkdir(home) && QFile::link(victim, home + QStringLiteral("/config.plist")));
+  const QString home = folder_.filePath(u"home"_s);
+  ASSERT_TRUE(QDir().mkdir(home) && QFile::link(victim, home + u"/config.plist"_s));
   ASSERT_EQ(chown(home.toUtf8(), test::kAnna, test::kAnna), 0);
   for (const char* name : {"/config.plist", "/new/config.plist"}) {
     LinuxApplicationPreferences preferences(home + QLatin1String(name));
@@ -147,7 +149,7 @@ TEST_F(ApplicationPreferencesTest, WhatCannotBeReadIsLeftAlone) {
 
 TEST_F(ApplicationPreferencesTest, WriteThatFailsLeavesTheOldFile) {
   LinuxApplicationPreferences preferences(path_);
-  preferences.SetValue(kKey, QStringLiteral("old"));
+  preferences.SetValue(kKey, u"old"_s);
   ASSERT_TRUE(preferences.Synchronize());
   const QByteArray old = Contents(path_);
   const auto fails = [&](const QVariant& value) {
@@ -161,16 +163,16 @@ TEST_F(ApplicationPreferencesTest, WriteThatFailsLeavesTheOldFile) {
   const rlimit limited{100, RLIM_INFINITY};
   const rlimit unlimited{RLIM_INFINITY, RLIM_INFINITY};
   setrlimit(RLIMIT_FSIZE, &limited);
-  const bool failsWhenFull = fails(QStringLiteral("new"));
+  const bool failsWhenFull = fails(u"new"_s);
   setrlimit(RLIMIT_FSIZE, &unlimited);
   EXPECT_TRUE(failsWhenFull);
   // A folder in which this user may make no file.
   ASSERT_EQ(chmod(folder_.path().toUtf8(), 0555), 0);
   const uid_t user = getuid() == 0 ? test::kAnna : getuid();
-  test::AsUser(user, [&] { EXPECT_TRUE(fails(QStringLiteral("new"))); });
+  test::AsUser(user, [&] { EXPECT_TRUE(fails(u"new"_s)); });
   ASSERT_EQ(chmod(folder_.path().toUtf8(), 0755), 0);
   EXPECT_TRUE(preferences.Synchronize());
-  EXPECT_EQ(Stored(kKey), QVariant(QStringLiteral("new")));
+  EXPECT_EQ(Stored(kKey), QVariant(u"new"_s));
 }
 
 }  // namespace

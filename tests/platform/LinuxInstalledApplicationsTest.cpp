@@ -4,21 +4,21 @@
 #include <sys/xattr.h>
 
 #include <QCoreApplication>
-#include <algorithm>
+#include <tuple>
 
 #include "Common Sources/Caps.h"
 #include "limits/ApplicationIdentifier.h"
 #include "limits/ApplicationsCatalogue.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakeApplicationPreferences.h"
-#include "tests/support/FakeSession.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/Program.h"
 
 namespace vardell {
 namespace {
 
 using test::Installation;
+using namespace Qt::StringLiterals;
 
 // The languages of the person, for as long as this lives.
 class Languages {
@@ -34,8 +34,7 @@ QStringList Catalogue(const QStringList& desktops = {}) {
   QStringList rows;
   for (const QVariant& row : CopyApplicationsCatalogue(installed, preferences).mid(1)) {
     const QVariantMap map = row.toMap();
-    rows.push_back(map[QStringLiteral("Identifier")].toString() + u'=' +
-                   map[QStringLiteral("Name")].toString());
+    rows.push_back(map[u"Identifier"_s].toString() + u'=' + map[u"Name"_s].toString());
   }
   rows.sort();
   return rows;
@@ -67,7 +66,7 @@ QStringList CatalogueOfGLib(const QString& root, const std::string& languages) {
   return rows;
 }
 
-const QStringList kToys = {QStringLiteral("TOYS"), QStringLiteral("OTHER")};
+const QStringList kToys = {u"TOYS"_s, u"OTHER"_s};
 
 class InstalledTest : public testing::Test {
  protected:
@@ -77,7 +76,7 @@ class InstalledTest : public testing::Test {
     installed_.Write(folder + u'/' + file,
                      QByteArray(text).replace('@', installed_.Path("").chopped(1).toUtf8()));
   }
-  void Add(const char* file, const QByteArray& text) const {
+  void Add(const QByteArray& file, const QByteArray& text) const {
     Add(installed_.SystemFolder(), QString::fromUtf8(file), text);
   }
 
@@ -92,11 +91,7 @@ QByteArray Entry(const char* more) {
 
 TEST_F(InstalledTest, OffersWhatTheDesktopOffers) {
   installed_.Write(installed_.Path("bin/plain"), "not executable");
-  const struct {
-    const char* file;
-    QByteArray text;
-    bool isOffered;
-  } rows[] = {
+  const std::tuple<const char*, QByteArray, bool> rows[] = {
       {"plain", kEntry, true},
       {"terminal", Entry("Terminal=true\n"), true},
       {"by-name", "[Desktop Entry]\nExec=true %U\nName=N\nType=Application\n", true},
@@ -125,9 +120,9 @@ TEST_F(InstalledTest, OffersWhatTheDesktopOffers) {
       {"zeros", QByteArray(1000, '\0'), false},
   };
   QStringList expected;
-  for (const auto& row : rows) {
-    Add((QByteArray(row.file) + ".desktop").constData(), row.text);
-    if (row.isOffered) expected.push_back(QString::fromUtf8(row.file) + QStringLiteral("=N"));
+  for (const auto& [file, text, isOffered] : rows) {
+    Add((QByteArray(file) + ".desktop").constData(), text);
+    if (isOffered) expected.push_back(QString::fromUtf8(file) + u"=N"_s);
   }
   expected.sort();
   EXPECT_EQ(Catalogue(kToys), expected);
@@ -136,7 +131,7 @@ TEST_F(InstalledTest, OffersWhatTheDesktopOffers) {
   Add("no-exec.desktop", "[Desktop Entry]\nType=Application\nName=N\n");
   EXPECT_EQ(Catalogue(kToys), expected);
   // Nobody's desktop: an administrator's terminal.
-  EXPECT_TRUE(Catalogue().contains(QStringLiteral("elsewhere=N")));
+  EXPECT_TRUE(Catalogue().contains(u"elsewhere=N"_s));
 }
 
 TEST_F(InstalledTest, WhatIsNoFileOfModestSizeNeitherBlocksNorCounts) {
@@ -152,28 +147,26 @@ TEST_F(InstalledTest, WhatIsNoFileOfModestSizeNeitherBlocksNorCounts) {
   ASSERT_EQ(symlink("nowhere", (system + "/dangling.desktop").constData()), 0);
   ASSERT_EQ(symlink(".", (system + "/loop").constData()), 0);
   ASSERT_EQ(symlink("name.txt", (system + "/linked.desktop").constData()), 0);
-  EXPECT_EQ(Catalogue(),
-            (QStringList{QStringLiteral("folder.desktop-inner=N"), QStringLiteral("linked=N")}));
+  EXPECT_EQ(Catalogue(), (QStringList{u"folder.desktop-inner=N"_s, u"linked=N"_s}));
 }
 
 TEST_F(InstalledTest, AFolderOfHigherPrecedenceHidesIdsOfALowerOne) {
   for (const char* id : {"same", "deleted", "broken", "kde-app", "below"})
-    Add((QByteArray(id) + ".desktop").constData(), kEntry);
+    Add(QByteArray(id) + ".desktop", kEntry);
   Add("deep/er/three.desktop", kEntry);
   Add("kde/lower.desktop", kEntry);
-  Add(LocalFolder(), QStringLiteral("same.desktop"), QByteArray(kEntry).replace("=N", "=Local"));
-  Add(LocalFolder(), QStringLiteral("deleted.desktop"), Entry("Hidden=true\n"));
-  Add(LocalFolder(), QStringLiteral("broken.desktop"), "nonsense");
-  Add(LocalFolder(), QStringLiteral("kde/app.desktop"), Entry("NoDisplay=true\n"));
-  const QStringList expected = {QStringLiteral("below=N"), QStringLiteral("kde-lower=N"),
-                                QStringLiteral("same=Local")};
+  Add(LocalFolder(), u"same.desktop"_s, QByteArray(kEntry).replace("=N", "=Local"));
+  Add(LocalFolder(), u"deleted.desktop"_s, Entry("Hidden=true\n"));
+  Add(LocalFolder(), u"broken.desktop"_s, "nonsense");
+  Add(LocalFolder(), u"kde/app.desktop"_s, Entry("NoDisplay=true\n"));
+  const QStringList expected = {u"below=N"_s, u"kde-lower=N"_s, u"same=Local"_s};
   EXPECT_EQ(Catalogue(kToys), expected);
   EXPECT_EQ(CatalogueOfGLib(installed_.Path("").chopped(1), "C"), expected);
 }
 
 TEST_F(InstalledTest, NamesAreInTheLanguagesOfThePerson) {
   installed_.Write(
-      installed_.SystemFolder() + QStringLiteral("/chess.desktop"),
+      installed_.SystemFolder() + u"/chess.desktop"_s,
       "[Desktop Entry]\nType=Application\nExec=/bin/true\nName=Chess\nName[de]=Schach\n"
       "Name[de_AT]=Sch\\\\ach\\s(A)\nName[fr]=Échecs\nName[sr]=Шах\nName[sr@latin]=Šah\n"
       "Name[zh_CN]=国际象棋\nName[zh_TW]=西洋棋\nName[pt_BR]=Xadrez\n");
@@ -188,7 +181,7 @@ TEST_F(InstalledTest, NamesAreInTheLanguagesOfThePerson) {
     all += Catalogue();
   }
   EXPECT_EQ(QSet<QString>(all.begin(), all.end()).size(), 9) << all.join(u'\n').toStdString();
-  EXPECT_EQ(all[2], QStringLiteral("chess=Sch\\ach (A)"));
+  EXPECT_EQ(all[2], u"chess=Sch\\ach (A)"_s);
 }
 
 TEST(InstalledOnThisMachine, IsWhatGLibOffers) {
@@ -214,46 +207,43 @@ TEST_F(InstalledTest, SaysWhyAPathIsNoApplication) {
   installed_.Write(installed_.Path("home/out.desktop"), kEntry);
   installed_.Write(installed_.Path("home/text"), "text");
   ASSERT_EQ(mkfifo(installed_.Native("home/pipe").constData(), 0777), 0);
-  ASSERT_EQ(mkfifo((installed_.SystemFolder() + QStringLiteral("/pipe.desktop")).toUtf8(), 0777),
-            0);
-  ASSERT_EQ(symlink((installed_.SystemFolder() + QStringLiteral("/shown.desktop")).toUtf8(),
+  ASSERT_EQ(mkfifo((installed_.SystemFolder() + u"/pipe.desktop"_s).toUtf8(), 0777), 0);
+  ASSERT_EQ(symlink((installed_.SystemFolder() + u"/shown.desktop"_s).toUtf8(),
                     installed_.Native("home/linked.desktop")),
             0);
-  const QString system = QStringLiteral("usr/share/applications/");
-  const struct {
-    QString path;
-    std::variant<const char*, NotApplication> result;
-  } rows[] = {
-      {system + QStringLiteral("shown.desktop"), "shown"},
-      {system + QStringLiteral("../applications//sub/./unlisted.desktop"), "sub-unlisted"},
-      {installed_.UserFolder().mid(installed_.Path("").size()) + QStringLiteral("/mine.desktop"),
-       "mine"},
-      {QStringLiteral("home/linked.desktop"), "shown"},
-      {QStringLiteral("home/none"), NotApplication::Missing},
-      {QStringLiteral("home/text/none"), NotApplication::Missing},
-      {QStringLiteral("home/a\0b"), NotApplication::Missing},
-      {QStringLiteral("home"), NotApplication::Folder},
-      {QStringLiteral("home/text"), NotApplication::NotExecutable},
-      {QStringLiteral("home/pipe"), NotApplication::NotExecutable},
-      {system + QStringLiteral("pipe.desktop"), NotApplication::Unreadable},
-      {system + QStringLiteral("no-exec.desktop"), NotApplication::Incomplete},
-      {system + QStringLiteral("hidden.desktop"), NotApplication::Hidden},
-      {system + QStringLiteral("no-program.desktop"), NotApplication::NoProgram},
-      {QStringLiteral("home/out.desktop"), NotApplication::Elsewhere},
-      {system + QStringLiteral("panel.desktop"), NotApplication::SessionPart},
-      {QStringLiteral("bin/panel"), NotApplication::SessionPart},
-      {system + QStringLiteral("com.brenwick.x.desktop"), NotApplication::Reserved},
+  const QByteArray user = installed_.UserFolder().mid(installed_.Path("").size()).toUtf8();
+  // "@" stands for the system's folder.
+  const std::pair<QByteArray, std::variant<const char*, NotApplication>> rows[] = {
+      {"@shown.desktop", "shown"},
+      {"@../applications//sub/./unlisted.desktop", "sub-unlisted"},
+      {user + "/mine.desktop", "mine"},
+      {"home/linked.desktop", "shown"},
+      {"home/none", NotApplication::Missing},
+      {"home/text/none", NotApplication::Missing},
+      {QByteArray("home/a\0b", 8), NotApplication::Missing},
+      {"home", NotApplication::Folder},
+      {"home/text", NotApplication::NotExecutable},
+      {"home/pipe", NotApplication::NotExecutable},
+      {"@pipe.desktop", NotApplication::Unreadable},
+      {"@no-exec.desktop", NotApplication::Incomplete},
+      {"@hidden.desktop", NotApplication::Hidden},
+      {"@no-program.desktop", NotApplication::NoProgram},
+      {"home/out.desktop", NotApplication::Elsewhere},
+      {"@panel.desktop", NotApplication::SessionPart},
+      {"bin/panel", NotApplication::SessionPart},
+      {"@com.brenwick.x.desktop", NotApplication::Reserved},
   };
   LinuxInstalledApplications installed{QStringList()};
-  for (const auto& row : rows) {
-    const auto result = installed.Application(installed_.Path(row.path.toUtf8()));
-    if (const auto* why = std::get_if<NotApplication>(&row.result)) {
-      ASSERT_TRUE(std::holds_alternative<NotApplication>(result)) << qPrintable(row.path);
-      EXPECT_EQ(std::get<NotApplication>(result), *why) << qPrintable(row.path);
+  for (const auto& [path, expected] : rows) {
+    SCOPED_TRACE(path.constData());
+    const QString whole = QString::fromUtf8(path).replace(u'@', u"usr/share/applications/"_s);
+    const auto result = installed.Application(installed_.Path("") + whole);
+    ASSERT_EQ(result.index(), expected.index());
+    if (const auto* why = std::get_if<NotApplication>(&result)) {
+      EXPECT_EQ(*why, std::get<NotApplication>(expected));
     } else {
-      ASSERT_TRUE(std::holds_alternative<ApplicationInfo>(result)) << qPrintable(row.path);
       EXPECT_EQ(std::get<ApplicationInfo>(result).identifier,
-                QString::fromUtf8(std::get<const char*>(row.result)));
+                QLatin1String(std::get<const char*>(expected)));
     }
   }
 }
@@ -273,10 +263,7 @@ TEST_F(InstalledTest, IsIdentifiedAsWhenItRuns) {
       setxattr(installed_.Native("home/coded").constData(), "user.creator", "GAME", 4, 0) == 0;
   installed_.AddSystemEntry("org.listed", "@/bin/listed %U");
   installed_.AddSystemEntry("org.player", "python3 @/bin/player.py");
-  const struct {
-    const char* program;
-    const char* identifier;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"bin/listed", "org.listed"},
       {"bin/player.py", "org.player"},
       {"home/bare", "com.brenwick.fakeID.bare"},
@@ -287,23 +274,21 @@ TEST_F(InstalledTest, IsIdentifiedAsWhenItRuns) {
   FakeSession session;
   std::vector<pid_t> owners;
   LinuxProcesses processes(session, {[&owners] { return owners; }, {}});
-  for (const auto& row : rows) {
-    const test::Program program({installed_.Native(row.program).toStdString(), "1000"}, {});
+  for (const auto& [file, identifier] : rows) {
+    SCOPED_TRACE(file);
+    const test::Program program({installed_.Native(file).toStdString(), "1000"}, {});
     owners = {program.pid()};
     std::optional<ApplicationInfo> running;
-    ASSERT_TRUE(test::WaitUntil([&] {
+    EXPECT_TRUE(test::WaitUntil([&, wanted = QLatin1String(identifier)] {
       (void)processes.RunningApplications();
       const auto stat = ReadProcessStat(program.pid());
       running = processes.Application({program.pid(), stat ? stat->started : 0});
-      return running && MakeApplicationIdentifier(*running) == QString::fromUtf8(row.identifier);
-    })) << row.program
-        << " runs as "
-        << qPrintable(running ? MakeApplicationIdentifier(*running).value_or(QString())
-                              : QStringLiteral("nothing"));
-    const auto found = installed.Application(installed_.Path(row.program));
-    ASSERT_TRUE(std::holds_alternative<ApplicationInfo>(found)) << row.program;
+      return running && MakeApplicationIdentifier(*running) == wanted;
+    }));
+    const auto found = installed.Application(installed_.Path(file));
+    ASSERT_TRUE(running && std::holds_alternative<ApplicationInfo>(found));
     const auto& info = std::get<ApplicationInfo>(found);
-    EXPECT_EQ(MakeApplicationIdentifier(info), MakeApplicationIdentifier(*running)) << row.program;
+    EXPECT_EQ(MakeApplicationIdentifier(info), MakeApplicationIdentifier(*running));
     EXPECT_EQ(info.path, running->path);
     EXPECT_EQ(info.displayName, running->displayName);
   }
@@ -315,7 +300,7 @@ TEST_F(InstalledTest, MachineIsCalledAsItsOwnerCallsIt) {
   QDir().mkpath(installed_.Path("etc"));
   installed_.Write(installed_.Path("etc/machine-info"),
                    "ICON_NAME=computer\nPRETTY_HOSTNAME=\"Anna's \\\"toy\\\" é\"\n");
-  EXPECT_EQ(installed.MachineName(), QStringLiteral("Anna's \"toy\" é"));
+  EXPECT_EQ(installed.MachineName(), u"Anna's \"toy\" é"_s);
 }
 
 }  // namespace

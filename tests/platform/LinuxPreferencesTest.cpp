@@ -9,11 +9,13 @@
 namespace vardell {
 namespace {
 
+using namespace Qt::StringLiterals;
+
 TEST(LinuxPreferences, AreWhatTheLastFileHeldThatCouldBeRead) {
   const test::Installation installed;
   QDir().mkpath(installed.Path("Library/Preferences"));
   const QString file = installed.Path("Library/Preferences/com.brenwick.vardell5.plist");
-  const QString key = QStringLiteral("Configuration");
+  const QString key = u"Configuration"_s;
   LinuxPreferences preferences;
   EXPECT_TRUE(preferences.Synchronize()) << "no file is no fault";
   EXPECT_FALSE(preferences.Value(key));

@@ -8,7 +8,7 @@
 
 #include "platform/HotKeys.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakeSession.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/Program.h"
 
 namespace vardell {
@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using test::Installation;
 using test::Program;
 using test::WaitUntil;
+using namespace Qt::StringLiterals;
 
 // Real processes. "quiet" programs are copies of sleep; "shells" are copies of bash, so that one
 // file can fork, wait for the test's word and run another.
@@ -198,9 +199,9 @@ TEST_F(LinuxProcessesTest, WhatIsMountedOverAPartOfTheSessionIsStillItself) {
 TEST_F(LinuxProcessesTest, ProgramOutOfAMountedImageBelongsToTheImage) {
   installed_.AddProgram("home/Painter.AppImage");
   installed_.AddUserEntry("painter", "@/home/Painter.AppImage %F");
-  QTemporaryDir mounted(QStringLiteral("/tmp/.mount_PainteXXXXXX"));
-  const std::string inside = mounted.filePath(QStringLiteral("paint")).toStdString();
-  ASSERT_TRUE(QFile::copy(QStringLiteral("/bin/sleep"), QString::fromStdString(inside)));
+  QTemporaryDir mounted(u"/tmp/.mount_PainteXXXXXX"_s);
+  const std::string inside = mounted.filePath(u"paint"_s).toStdString();
+  ASSERT_TRUE(QFile::copy(u"/bin/sleep"_s, QString::fromStdString(inside)));
   const std::map<std::string, std::string> image{{"APPIMAGE", Path("home/Painter.AppImage")}};
   Program program({inside, "1000"}, {.environment = image});
   Program outside({Path("bin/quiet"), "1000"}, {.environment = image});
@@ -224,14 +225,14 @@ TEST_F(LinuxProcessesTest, WhatAWrapperBecomesOrLeavesBehindIsStillTheApplicatio
   ASSERT_TRUE(WaitTold("launched", becoming.pid(), "becomes.desktop"));
   SayWord();
   ASSERT_TRUE(WaitExecutable("/home/real", becoming.pid()));
-  EXPECT_EQ(Running(becoming.pid()), QStringLiteral("becomes"));
+  EXPECT_EQ(Running(becoming.pid()), u"becomes"_s);
   becoming.Signal(SIGKILL);
   ASSERT_TRUE(WaitTold("terminated", becoming.pid()));
   EXPECT_EQ(events_.size(), 2u);
 
   Program forking = Start({Path("bin/forks")});
   ASSERT_TRUE(WaitTold("launched", forking.pid(), "forks.desktop"));
-  QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(forking.pid()));
+  QFile children(u"/proc/%1/task/%1/children"_s.arg(forking.pid()));
   ASSERT_TRUE(children.open(QIODevice::ReadOnly));
   ASSERT_TRUE(WaitUntil([&] {
     children.seek(0);
@@ -259,7 +260,7 @@ TEST_F(LinuxProcessesTest, MainThreadThatEndsIsNotTheEndOfItsProcess) {
     return stat && stat->state == 'Z';
   }));
   EXPECT_TRUE(processes_.IsAlive(program.pid()));
-  EXPECT_EQ(Running(program.pid()), QStringLiteral("hollow"));
+  EXPECT_EQ(Running(program.pid()), u"hollow"_s);
   program.Signal(SIGKILL);
   EXPECT_TRUE(WaitTold("terminated", program.pid()));
 }

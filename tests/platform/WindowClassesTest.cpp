@@ -9,7 +9,7 @@
 #include "platform/linux/XcbDesktop.h"
 #include "platform/linux/XcbWindowOwners.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakeSession.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/Program.h"
 #include "tests/support/SecondClient.h"
 
@@ -18,6 +18,7 @@ namespace {
 
 using test::Program;
 using test::WaitUntil;
+using namespace Qt::StringLiterals;
 
 TEST(WindowClassesTest, NameTheEntryOfABareProgram) {
   test::Installation installed;
@@ -30,7 +31,7 @@ TEST(WindowClassesTest, NameTheEntryOfABareProgram) {
   EXPECT_TRUE(WaitUntil([&] {
     const auto running = processes.RunningApplications();
     return running.size() == 2 && running[1].pid == toy.pid() &&
-           processes.Application(running[1])->identifier == QStringLiteral("org.toys.Clock");
+           processes.Application(running[1])->identifier == u"org.toys.Clock"_s;
   }));
   EXPECT_TRUE(WindowClasses(getpid()).isEmpty());
 }

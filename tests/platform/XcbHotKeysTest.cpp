@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <QApplication>
+#include <QGuiApplication>
 #include <QWidget>
 
 #include "platform/linux/XcbScreens.h"
@@ -14,6 +14,7 @@ namespace {
 using test::Tool;
 using test::WaitUntil;
 using namespace std::chrono_literals;
+using namespace Qt::StringLiterals;
 
 constexpr HotKeyId kC{FourCharCode("QFil"), FourCharCode("Ckey")};
 constexpr HotKeyId kH{FourCharCode("QFil"), FourCharCode("Hkey")};
@@ -23,7 +24,7 @@ constexpr std::uint16_t kControlAlt = XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1;
 class XcbHotKeysTest : public testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(QGuiApplication::platformName(), QStringLiteral("xcb"));
+    ASSERT_EQ(QGuiApplication::platformName(), u"xcb"_s);
     keys.SetHandler([this](HotKeyId id) { pressed.push_back(id); });
   }
   void RegisterBoth() {

@@ -29,9 +29,6 @@ class RecordingServer {
   void AnswerCredit(const QString& identifier, int credit) {
     Answer(identifier, {{QStringLiteral("Enabled"), true}, {QStringLiteral("Credit"), credit}});
   }
-  // With `following`, each fetch after a report shows the credit that was reported.
-  void FollowReports(bool following) { following_ = following; }
-
   std::vector<Frame> TakeFrames() {
     const std::lock_guard lock(mutex_);
     return std::exchange(frames_, {});
@@ -43,7 +40,8 @@ class RecordingServer {
       const std::lock_guard lock(mutex_);
       frames_.push_back(Read(bytes));
       const Frame& frame = frames_.back();
-      if (following_ && frame.kind == 6) answers_[frame.identifier][kCredit] = frame.credit;
+      // The next fetch shows what was reported.
+      if (frame.kind == 6) answers_[frame.identifier][kCredit] = frame.credit;
       if (frame.kind == 1)
         peer.Send(BuildReply(WritePropertyListXml(answers_[frame.identifier]).value()));
     }
@@ -64,7 +62,6 @@ class RecordingServer {
   std::mutex mutex_;
   std::map<QString, QVariantMap> answers_;
   std::vector<Frame> frames_;
-  std::atomic<bool> following_ = true;
   ScriptedPeer peer_{{[this](PeerConnection& peer) { Serve(peer); }}};
 };
 

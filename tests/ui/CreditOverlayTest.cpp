@@ -8,7 +8,6 @@
 #include <QMouseEvent>
 #include <QScreen>
 #include <QTranslator>
-#include <QWindow>
 
 #include "platform/Processes.h"
 #include "platform/linux/XcbScreens.h"

@@ -6,8 +6,6 @@
 #include <QElapsedTimer>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QScreen>
-#include <QWindow>
 #include <algorithm>
 #include <chrono>
 

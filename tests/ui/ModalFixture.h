@@ -10,7 +10,7 @@
 #include <deque>
 #include <functional>
 
-#include "tests/support/FakeScreens.h"
+#include "tests/support/FakePlatform.h"
 #include "tests/support/QtEnvironment.h"
 #include "tests/support/SecondClient.h"
 

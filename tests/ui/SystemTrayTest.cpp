@@ -1,7 +1,6 @@
 // The status item in an X system tray, clicked by another program.
 #include <gtest/gtest.h>
 
-#include <QAction>
 #include <QApplication>
 #include <QTemporaryDir>
 #include <QWidget>
