@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 
 #include "Common Sources/CompressedArchive.h"
 #include "Common Sources/PropertyListFiles.h"

@@ -88,6 +88,9 @@ TEST_F(HouseholdTest, AFloodOfEmptyReportsDoesNotFillTheLedger) {
   (void)Fetch();
   for (int i = 0; i < 500; ++i) Report(9);
   EXPECT_EQ(Ledger().size(), 2u);
+  household_->ConnectionClosed(connection_.id);
+  Report(1, 9);
+  EXPECT_EQ(Credit(), 8) << "what a closed connection was handed no longer counts";
 }
 
 TEST_F(HouseholdTest, HostsAreBounded) {
