@@ -4,6 +4,7 @@
 //   VARDELL_TEST_SEED=7           other lengths and moments
 //   VARDELL_TEST_LIFETIMES=200    of random length, instead of 24
 //   VARDELL_TEST_CREDITS=0,1,5,8  to be spent to their end, instead of 0,1,2
+//   VARDELL_TEST_SECOND_MS=1000   a true second, for lifetimes and ends
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -29,6 +30,10 @@ std::string Setting(const char* name, const char* otherwise) {
   return given ? given : otherwise;
 }
 
+int LengthOfASecond() {
+  return std::stoi(Setting("VARDELL_TEST_SECOND_MS", std::to_string(kSecondMs).c_str()));
+}
+
 bool AlertIsUp() {
   return Run({"xdotool", "search", "--onlyvisible", "--name", "^Vardell$"}, {}).status == 0;
 }
@@ -39,7 +44,8 @@ void Click() {
 
 class RightToTheMinuteTest : public testing::Test {
  protected:
-  explicit RightToTheMinuteTest(int secondMs = kSecondMs) : secondMs_(secondMs), world(secondMs) {
+  explicit RightToTheMinuteTest(int secondMs = LengthOfASecond())
+      : secondMs_(secondMs), world(secondMs) {
     const std::string seed = Setting("VARDELL_TEST_SEED", "20260");
     printf("VARDELL_TEST_SEED=%s, a second of %d ms\n", seed.c_str(), secondMs);
     random.seed(static_cast<unsigned>(std::stoul(seed)));
