@@ -241,7 +241,7 @@ class Life : Dice {
   void FillDisk() {
     home_.WithoutDisk([this] {
       Minutes(1 + Below(6));
-      if (Once(12)) home_.AddCredit(AnyName(), 5, QStringLiteral("refused"));
+      if (Once(12)) home_.Adjust(AnyName(), true, 5, QStringLiteral("refused"));
       Launch();
     });
   }
@@ -291,7 +291,8 @@ class Life : Dice {
     const std::int64_t deltas[] = {1, -1, 5, -5, 1 + Below(60), kSpent, -kMost, kMost};
     const LimitName name = AnyNameOrHosts();
     const QString id = QStringLiteral("id%1").arg(Once(3) ? Below(8) : 1000 + step_);
-    Once(2) ? home_.SetCredit(name, AnyCredit(), id) : home_.AddCredit(name, Any(deltas), id);
+    const bool isAddition = Once(2);
+    home_.Adjust(name, isAddition, isAddition ? Any(deltas) : AnyCredit(), id);
   }
   void Restore() {
     const bool isFinished = !Once(4);

@@ -92,8 +92,7 @@ class Simulation {
               std::optional<std::int64_t> credit);
   void ChangeWithOldRevision(const LimitName& name);
   void Remove(const LimitName& name);
-  void SetCredit(const LimitName& name, std::int64_t minutes, const QString& id);
-  void AddCredit(const LimitName& name, std::int64_t minutes, const QString& id);
+  void Adjust(const LimitName& name, bool isAddition, std::int64_t minutes, const QString& id);
   void KeepBackup();
   // `between` steps; where it is not to be finished, the Server ends after the first ones.
   void Restore(const std::function<void()>& between, bool isFinished);
@@ -129,7 +128,6 @@ class Simulation {
   LimitName NameOf(const Peer& peer, const QString& identifier) const {
     return {peer.user, identifier};
   }
-  void Adjust(const LimitName& name, bool isAddition, std::int64_t minutes, const QString& id);
   void CompareAt(const Peer& peer, const QString& identifier);
   void ReadLedger();
   void Note(const QString& event);

@@ -108,14 +108,6 @@ void Simulation::Remove(const LimitName& name) {
   Compare(name);
 }
 
-void Simulation::SetCredit(const LimitName& name, std::int64_t minutes, const QString& id) {
-  Adjust(name, false, minutes, id);
-}
-
-void Simulation::AddCredit(const LimitName& name, std::int64_t minutes, const QString& id) {
-  Adjust(name, true, minutes, id);
-}
-
 void Simulation::Adjust(const LimitName& name, bool isAddition, std::int64_t minutes,
                         const QString& id) {
   Note(QStringLiteral("%1 %2 %3, id %4")
