@@ -72,10 +72,9 @@ void ExpectRefused(Values values) {
 
 QVariant Nested(int depth) {
   QVariant value = QVariantMap{};
-  for (int i = 1; i < depth; ++i) {
+  for (int i = 1; i < depth; ++i)
     value = i % 2 == 0 ? QVariant(QVariantMap{{u"k"_s, value}})
                        : QVariant(QVariantList{value, qlonglong(i)});
-  }
   return value;
 }
 
@@ -95,9 +94,8 @@ QVariant Everything() {
 
 QVariantMap Large() {
   QVariantMap map;
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < 20000; ++i)
     map.insert(u"key %1"_s.arg(i), QVariantList{qlonglong(i), QString::number(i % 100), i / 3.0});
-  }
   map.insert(u"text"_s, QString(300000, QChar(0x5D0)));
   map.insert(u"data"_s, QByteArray(2000000, 'x'));
   return map;
@@ -141,13 +139,11 @@ TEST(CompressedArchive, RefusesValuesThatItCannotHold) {
 TEST(CompressedArchive, KnowsThreeModes) {
   for (const std::uint32_t made : kModes) {
     const QByteArray blob = CreateCompressedArchive(kSmall, made);
-    for (const std::uint32_t mode : {0u, 1u, 2u, 3u, 4u, 0xFFFFFFFFu}) {
+    for (const std::uint32_t mode : {0u, 1u, 2u, 3u, 4u, 0xFFFFFFFFu})
       EXPECT_EQ(CopyObjectFromCompressedArchive(blob, mode).isValid(), mode == made) << mode;
-    }
   }
-  for (const std::uint32_t mode : {0u, 4u, 0xFFFFFFFFu}) {
+  for (const std::uint32_t mode : {0u, 4u, 0xFFFFFFFFu})
     EXPECT_TRUE(CreateCompressedArchive(kSmall, mode).isNull());
-  }
 }
 
 TEST(CompressedArchive, LogsSizesAndTheRawDigest) {
@@ -196,12 +192,10 @@ TEST(CompressedArchive, RefusesLengthsThatLieBeforeItAllocates) {
       EXPECT_FALSE(CopyObjectFromCompressedArchive(blob, mode).isValid()) << lie;
       return largestArray;
     };
-    for (const std::uint32_t lie : {0u, 1u, length - 1, length + 1, most}) {
+    for (const std::uint32_t lie : {0u, 1u, length - 1, length + 1, most})
       EXPECT_LE(largestAskedFor(lie), std::max<std::size_t>(lie, 4096));
-    }
-    for (const std::uint32_t lie : {most + 1, std::uint32_t{kMaxArchiveBytes}, 0xFFFFFFFFu}) {
+    for (const std::uint32_t lie : {most + 1, std::uint32_t{kMaxArchiveBytes}, 0xFFFFFFFFu})
       EXPECT_EQ(largestAskedFor(lie), 0u);
-    }
   }
 }
 

@@ -5,6 +5,8 @@
 #include <limits>
 #include <tuple>
 
+#include "Common Sources/TimeZones.h"
+
 namespace vardell {
 namespace {
 
@@ -27,11 +29,18 @@ TEST(DurationStringTest, SaysWhatTheTableSays) {
       {60, 2, "0 second"},
       {75, 2, "15 seconds"},
       {-1, 2, "-1 second"}};
-  for (const auto& [value, mode, words] : kRows) {
+  for (const auto& [value, mode, words] : kRows)
     EXPECT_EQ(CopyDurationString(value, mode).toStdString(), words) << value << " " << mode;
-  }
   EXPECT_TRUE(CopyDurationString(5, 0).isNull());
   EXPECT_TRUE(CopyDurationString(5, 3).isNull());
+}
+
+TEST(TimeZonesTest, NowFollowsAZoneThatChangesWhileTheProgramRuns) {
+  for (const int hours : {5, -3, 0}) {
+    qputenv("TZ", QByteArray("<AAA>") + QByteArray::number(-hours));
+    EXPECT_EQ(LocalNow().offsetFromUtc(), hours * 3600);
+  }
+  qunsetenv("TZ");
 }
 
 }  // namespace

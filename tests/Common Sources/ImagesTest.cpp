@@ -168,9 +168,8 @@ TEST_F(ImagesTest, ResourcesAreKnownByTheirNames) {
     EXPECT_EQ(Shown(image), row.shown) << row.name;
   }
   EXPECT_EQ(Shown(CopyBundlePNGImage(u"red"_s)), kRed);
-  for (const char* name : {"red.png", "words", "eye", "", "folder/red", "../elsewhere/red"}) {
+  for (const char* name : {"red.png", "words", "eye", "", "folder/red", "../elsewhere/red"})
     EXPECT_TRUE(CopyBundlePNGImage(QLatin1String(name)).isNull()) << name;
-  }
 }
 
 using Flavours = QVector<QPair<QString, QByteArray>>;

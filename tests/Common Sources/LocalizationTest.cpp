@@ -69,9 +69,8 @@ TEST(LocalizationTest, EveryKeyThatTheAgentUsesHasAText) {
     used += Matches(call, R"re("([^"]*)")re");
   ASSERT_FALSE(used.isEmpty());
   for (const QString& key : used) EXPECT_TRUE(keys.contains(key)) << key.toStdString();
-  for (const QString& key : keys) {
+  for (const QString& key : keys)
     EXPECT_TRUE(sources.contains(u'"' + key + u'"')) << key.toStdString() << " is used nowhere";
-  }
 }
 
 TEST(LocalizationTest, EveryLanguageHasEveryTextWithTheSamePlacesAndItsOwnMarks) {

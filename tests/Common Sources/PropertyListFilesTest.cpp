@@ -114,17 +114,14 @@ TEST_F(PropertyListFiles, ReadsNothingFromWhatIsNoFile) {
   MakePipe("pipe");
   const QString list = Path("list");
   ASSERT_EQ(WritePropertyListToPath(kOld, list, true), 0);
-  for (const char* name : {"text", "empty", "huge", "pipe", "missing", ".", "text/x"}) {
+  for (const char* name : {"text", "empty", "huge", "pipe", "missing", ".", "text/x"})
     EXPECT_FALSE(ReadPropertyListFromPath(Path(name)).has_value()) << name;
-  }
-  for (const QString& path : {QString(), u"/dev/zero"_s, list + QChar(0), list + QChar(0xD800)}) {
+  for (const QString& path : {QString(), u"/dev/zero"_s, list + QChar(0), list + QChar(0xD800)})
     EXPECT_FALSE(ReadPropertyListFromPath(path).has_value()) << path.toStdString();
-  }
   QUrl elsewhere = QUrl::fromLocalFile(list);
   elsewhere.setHost(u"elsewhere.example"_s);
-  for (const QUrl& url : {QUrl(), QUrl(u"http://localhost/x"_s), elsewhere}) {
+  for (const QUrl& url : {QUrl(), QUrl(u"http://localhost/x"_s), elsewhere})
     EXPECT_FALSE(ReadPropertyListFromURL(url).has_value()) << url.toString().toStdString();
-  }
 }
 
 TEST_F(PropertyListFiles, TellsWhyNothingWasWritten) {
@@ -142,9 +139,8 @@ TEST_F(PropertyListFiles, TellsWhyNothingWasWritten) {
       {"a folder", kNew, FileUrl(folder.path()), true, kUrlUnknownError},
       {"a folder, temporary", kNew, FileUrl(folder.path()), false, kFileNameExists},
   };
-  for (const auto& [behaviour, value, target, inPlace, status] : kRows) {
+  for (const auto& [behaviour, value, target, inPlace, status] : kRows)
     EXPECT_EQ(WritePropertyListToURL(value, target, inPlace), status) << behaviour;
-  }
   ExpectFile(kept.toLocalFile(), kOld);
   ASSERT_EQ(::unlink((folder.path() + u".tmp"_s).toUtf8().constData()), 0);
 

@@ -208,9 +208,8 @@ TEST(PropertyList, ReadsNumbersOutOfText) {
       {"2147483648", 2147483647},
       {"-99999999999999999999999999", -2147483647 - 1},
   };
-  for (const auto& [text, expected] : kRows) {
+  for (const auto& [text, expected] : kRows)
     EXPECT_EQ(StringIntValue(QLatin1String(text)), expected) << text;
-  }
 }
 
 }  // namespace

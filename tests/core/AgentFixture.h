@@ -75,10 +75,9 @@ class AgentFixture : public testing::Test {
   // "kind:credit" for a report, "kind" for anything else: "3 1 6:29 1".
   QString Frames() {
     QStringList told;
-    for (const RecordingServer::Frame& frame : server.TakeFrames()) {
+    for (const RecordingServer::Frame& frame : server.TakeFrames())
       told << (frame.kind == 6 ? QStringLiteral("6:%1").arg(frame.credit)
                                : QString::number(frame.kind));
-    }
     return told.join(u' ');
   }
   // As a modal alert: what happens beneath it happens in here, and it is dismissed with the return.
@@ -87,10 +86,7 @@ class AgentFixture : public testing::Test {
     if (whileItStands) std::exchange(whileItStands, {})();
   }
 
-  int argc = 1;
-  char name[5] = "test";
-  char* argv[2] = {name, nullptr};
-  QCoreApplication application{argc, argv};
+  CoreApplication application;
   FakeProcesses processes;
   FakeSession session;
   FakeSystem system;

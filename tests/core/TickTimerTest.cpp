@@ -27,10 +27,7 @@ class TickTimerTest : public testing::Test {
     return std::exchange(ticks, 0);
   }
 
-  int argc = 1;
-  char name[5] = "test";
-  char* argv[2] = {name, nullptr};
-  QCoreApplication application{argc, argv};
+  test::CoreApplication application;
   milliseconds now{1000};
   int ticks = 0;
   std::function<void()> onTick;

@@ -179,9 +179,8 @@ TEST_F(CatalogueTest, RowsWithoutANameStandLastWhateverTheOrder) {
   ASSERT_EQ(sorted.size(), 303);
   const auto nameAt = [&](int i) { return sorted[i].toMap().value(u"Name"_s); };
   EXPECT_EQ(nameAt(0), u"family"_s);
-  for (int i = 2; i < 102; ++i) {
+  for (int i = 2; i < 102; ++i)
     EXPECT_LE(CompareCatalogueNames(sorted[i - 1].toMap(), sorted[i].toMap()), 0) << i;
-  }
   EXPECT_EQ(nameAt(101), u"m"_s);
   for (int i = 102; i < 303; ++i) EXPECT_NE(nameAt(i).typeId(), QMetaType::QString) << i;
 }

@@ -40,6 +40,8 @@ TEST(Curfew, DecidesByDayHourOnTheWallAndWarning) {
   using enum CurfewDecision::Kill;
   const LimitsRecord day = Hours(480, 1200);
   const LimitsRecord never = Hours(0, 0);
+  const LimitsRecord night = Hours(0, 150);
+  const QString early = Alert(true, 480), late = Alert(false, 1200), nightLate = Alert(false, 150);
   const LimitsRecord backwards = Hours(1200, 480);
   LimitsRecord weekEndOnly = day;
   weekEndOnly.weekDayCurfewEnabled = 0;
@@ -56,33 +58,28 @@ TEST(Curfew, DecidesByDayHourOnTheWallAndWarning) {
   } kRows[] = {
       {"allowed from the start", day, false, At(Tuesday, 8, 0), none, None},
       {"allowed in the last minute", day, false, At(Tuesday, 19, 59), none, None},
-      {"too early warns", day, false, At(Tuesday, 7, 58), Alert(true, 480), None},
+      {"too early warns", day, false, At(Tuesday, 7, 58), early, None},
       {"too early again ends the application", day, true, At(Tuesday, 7, 59), none, Entry},
-      {"too late warns", day, false, At(Friday, 20, 0), Alert(false, 1200), None},
+      {"too late warns", day, false, At(Friday, 20, 0), late, None},
       {"too late again ends the session", day, true, At(Friday, 20, 1), none, Session},
-      {"midnight is early", day, false, At(Monday, 0, 0), Alert(true, 480), None},
-      {"the last minute of the day is late", day, false, At(Monday, 23, 59), Alert(false, 1200),
-       None},
-      {"week-end, too early warns", day, false, At(Saturday, 7, 0), Alert(true, 480), None},
+      {"midnight is early", day, false, At(Monday, 0, 0), early, None},
+      {"23:59 is late", day, false, At(Monday, 23, 59), late, None},
+      {"week-end, too early warns", day, false, At(Saturday, 7, 0), early, None},
       {"week-end, too early again ends the session", day, true, At(Saturday, 7, 1), none, Session},
       {"no curfew on week-days", weekEndOnly, true, At(Friday, 3, 0), none, None},
-      {"but on Saturday", weekEndOnly, false, At(Saturday, 3, 0), Alert(true, 480), None},
+      {"but on Saturday", weekEndOnly, false, At(Saturday, 3, 0), early, None},
       {"no curfew on week-ends", weekDayOnly, true, At(Sunday, 3, 0), none, None},
       {"0 to 0 allows nothing", never, false, At(Monday, 0, 0), Alert(false, 0), None},
       {"a stop of 1440 is never reached", Hours(0, 1440), false, At(Monday, 23, 59), none, None},
-      {"both bounds: one alert and the session's end", backwards, false, At(Monday, 12, 0),
-       Alert(true, 1200), Session},
-      {"both bounds, warned, week-day: both ends", backwards, true, At(Monday, 12, 0), none,
-       EntryThenSession},
-      {"both bounds, warned, week-end: one end", backwards, true, At(Sunday, 12, 0), none, Session},
-      {"spring, before two is allowed", Hours(0, 150), false, Berlin(3, 31, 0, 59), none, None},
-      {"spring, then it is past half past two", Hours(0, 150), false, Berlin(3, 31, 1, 0),
-       Alert(false, 150), None},
-      {"autumn, half past two is too late", Hours(0, 150), false, Berlin(10, 27, 0, 30),
-       Alert(false, 150), None},
-      {"autumn, then it is two again", Hours(0, 150), false, Berlin(10, 27, 1, 0), none, None},
-      {"autumn, and half past two again", Hours(0, 150), false, Berlin(10, 27, 1, 30),
-       Alert(false, 150), None},
+      {"both bounds end the session", backwards, false, At(Monday, 12, 0), Alert(true, 1200),
+       Session},
+      {"both again, week-day", backwards, true, At(Monday, 12, 0), none, EntryThenSession},
+      {"both again, week-end", backwards, true, At(Sunday, 12, 0), none, Session},
+      {"spring, before two is allowed", night, false, Berlin(3, 31, 0, 59), none, None},
+      {"spring, three is too late", night, false, Berlin(3, 31, 1, 0), nightLate, None},
+      {"autumn, half past two", night, false, Berlin(10, 27, 0, 30), nightLate, None},
+      {"autumn, two again", night, false, Berlin(10, 27, 1, 0), none, None},
+      {"autumn, half past two again", night, false, Berlin(10, 27, 1, 30), nightLate, None},
       {"bounds beyond all sense", Hours(2147483647, -2147483647 - 1), false, At(Monday, 12, 0),
        Alert(true, 2147483647), Session},
   };

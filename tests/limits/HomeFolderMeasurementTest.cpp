@@ -29,10 +29,7 @@ class HomeFolderMeasurementTest : public testing::Test {
     };
   }
 
-  int argc_ = 1;
-  char name_[5] = "test";
-  char* argv_[2] = {name_, nullptr};
-  QCoreApplication application_{argc_, argv_};
+  CoreApplication application_;
   std::promise<void> mayGo_;
   std::thread::id mainThread_ = std::this_thread::get_id();
   std::optional<std::uint64_t> delivered_;

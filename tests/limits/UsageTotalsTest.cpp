@@ -19,9 +19,8 @@ QDateTime At(const char* zone, const char* isoTime) {
 // today, yesterday and so on were counted.
 QVariantMap NineDaysUntil(const QDate& today) {
   QVariantMap usage;
-  for (int age = 0, minutes = 1; age < 9; ++age, minutes *= 10) {
+  for (int age = 0, minutes = 1; age < 9; ++age, minutes *= 10)
     usage.insert(UsageDayKey(today.addDays(-age)), minutes);
-  }
   return usage;
 }
 
@@ -36,18 +35,15 @@ TEST(UsageTotalsTest, CountsEachDayOfAWeekOnceButForClockChangesNearMidnight) {
       {"eight days of nine", "UTC", "2009-03-25T12:00:00", 11111111},
       {"over the end of a year", "Europe/Berlin", "2010-01-03T00:00:00", 11111111},
       {"over 29 February", "America/New_York", "2008-03-03T08:00:00", 11111111},
-      {"the day is the zone's, not Greenwich's", "Pacific/Kiritimati", "2009-07-01T01:00:00",
-       11111111},
+      {"the zone's day", "Pacific/Kiritimati", "2009-07-01T01:00:00", 11111111},
       {"spring, by day", "Europe/Berlin", "2009-03-30T12:00:00", 11111111},
-      {"spring, 00:59: yesterday is left out", "Europe/Berlin", "2009-03-30T00:59:00", 111111101},
+      {"spring, yesterday is left out", "Europe/Berlin", "2009-03-30T00:59:00", 111111101},
       {"spring, 01:00", "Europe/Berlin", "2009-03-30T01:00:00", 11111111},
-      {"spring, two days on: the day before yesterday", "Europe/Berlin", "2009-03-31T00:30:00",
-       111111011},
+      {"spring, two days on", "Europe/Berlin", "2009-03-31T00:30:00", 111111011},
       {"autumn, by day", "Europe/Berlin", "2009-10-25T12:00:00", 11111111},
       {"autumn, 22:59", "Europe/Berlin", "2009-10-25T22:59:00", 11111111},
-      {"autumn, 23:00: today counts twice", "Europe/Berlin", "2009-10-25T23:00:00", 1111112},
-      {"autumn, two days on: the change's day twice", "Europe/Berlin", "2009-10-26T23:30:00",
-       1111121},
+      {"autumn, today counts twice", "Europe/Berlin", "2009-10-25T23:00:00", 1111112},
+      {"autumn, two days on", "Europe/Berlin", "2009-10-26T23:30:00", 1111121},
       {"half an hour in spring, 00:29", "Australia/Lord_Howe", "2009-10-05T00:29:00", 111111101},
       {"half an hour in spring, 00:30", "Australia/Lord_Howe", "2009-10-05T00:30:00", 11111111},
       {"half an hour in autumn, 23:29", "Australia/Lord_Howe", "2009-04-05T23:29:00", 11111111},
@@ -96,12 +92,10 @@ TEST(UsageTotalsTest, APeriodCountsTheNumbersOfItsDays) {
       {"an empty history", {}, 3, 0},
   };
   const QDateTime now = At("Europe/Berlin", "2009-03-05T12:00:00");
-  for (const Row& row : kRows) {
+  for (const Row& row : kRows)
     EXPECT_EQ(SumUsageForPeriod(&row.usage, row.period, now), row.total) << row.name;
-  }
-  for (std::int32_t period = 0; period <= 4; ++period) {
+  for (std::int32_t period = 0; period <= 4; ++period)
     EXPECT_EQ(SumUsageForPeriod(nullptr, period, now), 0) << period;
-  }
 }
 
 TEST(UsageTotalsTest, TheClockIsReadInTheDefaultZone) {

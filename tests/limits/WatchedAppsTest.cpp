@@ -47,9 +47,8 @@ TEST(ApplicationIdentifier, IsMadeOfWhatThereIs) {
        u"com.brenwick.fakeID.\u00E9"_s + QChar(0) + QChar(0) + QChar(1)},
       {"nothing", Executable({}), std::nullopt},
   };
-  for (const auto& [behaviour, application, identifier] : kRows) {
+  for (const auto& [behaviour, application, identifier] : kRows)
     EXPECT_EQ(MakeApplicationIdentifier(application), identifier) << behaviour;
-  }
 }
 
 class WatchedApps : public ::testing::Test {
@@ -78,9 +77,8 @@ class WatchedApps : public ::testing::Test {
   }
   QStringList Frames() {
     QStringList told;
-    for (const auto& frame : server.TakeFrames()) {
+    for (const auto& frame : server.TakeFrames())
       told << u"%1 %2"_s.arg(frame.kind).arg(frame.identifier);
-    }
     return told;
   }
 

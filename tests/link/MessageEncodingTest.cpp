@@ -200,13 +200,11 @@ TEST(Payloads, HostileBytesGiveAnErrorAndTouchNothing) {
   QString user = u"kept"_s;
   QString identifier = user;
   LimitsRecord record;
-  for (const auto& [behaviour, payload, error] : rows) {
+  for (const auto& [behaviour, payload, error] : rows)
     EXPECT_EQ(ParseReportPayload(payload, &user, &identifier, &record), error) << behaviour;
-  }
-  for (qsizetype length = 0; length < good.size(); ++length) {
+  for (qsizetype length = 0; length < good.size(); ++length)
     EXPECT_NE(ParseReportPayload(good.first(length), &user, &identifier, &record),
               PayloadError::None);
-  }
   EXPECT_EQ(user + identifier, u"keptkept"_s);
   EXPECT_TRUE(SameBytes(record, LimitsRecord()));
 

@@ -19,9 +19,8 @@ class Installation {
  public:
   Installation() {
     setenv("VARDELL_TEST_ROOT", folder_.path().toUtf8().constData(), 1);
-    for (const QString& path : {SystemFolder(), UserFolder(), Path("bin"), Path("home")}) {
+    for (const QString& path : {SystemFolder(), UserFolder(), Path("bin"), Path("home")})
       QDir().mkpath(path);
-    }
   }
   ~Installation() { unsetenv("VARDELL_TEST_ROOT"); }
 

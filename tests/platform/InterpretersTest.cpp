@@ -12,9 +12,8 @@ TEST(IsInterpreter, KnowsVersionsAndPaths) {
                            "busybox", "lua5.4", "php8.2"}) {
     EXPECT_TRUE(IsInterpreter(name)) << name;
   }
-  for (const char* name : {"pythonic", "shotwell", "javaws-game", "perlbox", "bashful", ""}) {
+  for (const char* name : {"pythonic", "shotwell", "javaws-game", "perlbox", "bashful", ""})
     EXPECT_FALSE(IsInterpreter(name)) << name;
-  }
 }
 
 TEST(ScriptArgument, ComesAfterTheInterpretersOwnOptions) {
@@ -56,9 +55,8 @@ TEST(ParseExecLine, SplitsQuotesAndDropsFieldCodes) {
     ASSERT_TRUE(line) << exec;
     EXPECT_EQ((QList<QByteArray>{line->program} + line->arguments).join('|'), words);
   }
-  for (const char* exec : {"", "   ", "\"\"", "env", "env A=1", "env -u"}) {
+  for (const char* exec : {"", "   ", "\"\"", "env", "env A=1", "env -u"})
     EXPECT_FALSE(ParseExecLine(QString::fromUtf8(exec))) << exec;
-  }
 }
 
 }  // namespace

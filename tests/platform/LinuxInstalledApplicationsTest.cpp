@@ -249,10 +249,7 @@ TEST_F(InstalledTest, SaysWhyAPathIsNoApplication) {
 }
 
 TEST_F(InstalledTest, IsIdentifiedAsWhenItRuns) {
-  int argc = 1;
-  char name[] = "test";
-  char* argv[] = {name, nullptr};
-  QCoreApplication application(argc, argv);
+  const test::CoreApplication application;
   installed_.CopyProgram("bin/listed", "/bin/sleep");
   installed_.CopyProgram("home/bare", "/bin/sleep");
   installed_.CopyProgram("home/coded", "/bin/sleep");

@@ -14,10 +14,7 @@
 namespace vardell {
 namespace {
 
-using namespace std::chrono_literals;
-using test::Installation;
-using test::Program;
-using test::WaitUntil;
+using namespace test;
 using namespace Qt::StringLiterals;
 
 // Real processes. "quiet" programs are copies of sleep; "shells" are copies of bash, so that one
@@ -84,10 +81,7 @@ class LinuxProcessesTest : public testing::Test {
     return WaitUntil([&] { return Running(pid) == QString::fromUtf8(id); }, 5s);
   }
 
-  int argc_ = 1;
-  char name_[5] = "test";
-  char* argv_[2] = {name_, nullptr};
-  QCoreApplication application_{argc_, argv_};
+  test::CoreApplication application_;
   Installation installed_;
   int word_ = -1;
   FakeSession session_;

@@ -85,10 +85,7 @@ class LinuxSessionTest : public testing::Test {
   }
   static std::int32_t LeaderWithoutLogin1() { return getsid(0) == getpid() ? 0 : getsid(0); }
 
-  int argc_ = 1;
-  char name_[5] = "test";
-  char* argv_[2] = {name_, nullptr};
-  QCoreApplication application_{argc_, argv_};
+  CoreApplication application_;
   Login1 login1;
   std::vector<bool> changes_;
 };

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QBuffer>
 #include <QDropEvent>
 #include <QTemporaryDir>
@@ -13,9 +12,6 @@
 
 namespace vardell {
 namespace {
-
-[[maybe_unused]] const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 class View : public QWidget {
  public:

@@ -16,8 +16,7 @@
 namespace vardell {
 namespace {
 
-using test::Program;
-using test::WaitUntil;
+using namespace test;
 using namespace Qt::StringLiterals;
 
 TEST(WindowClassesTest, NameTheEntryOfABareProgram) {

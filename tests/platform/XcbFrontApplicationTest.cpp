@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QScreen>
 #include <QWidget>
 #include <algorithm>
@@ -13,13 +12,7 @@
 namespace vardell {
 namespace {
 
-using test::Program;
-using test::Tool;
-using test::WaitUntil;
-
-// For all files of this program.
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
+using namespace test;
 
 Program Terminal(const std::string& title) {
   return Program({"xterm", "-fa", "DejaVu Sans Mono", "-T", title, "-e", "sleep 1000"}, {});

@@ -11,9 +11,7 @@
 namespace vardell {
 namespace {
 
-using test::Tool;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 using namespace Qt::StringLiterals;
 
 constexpr HotKeyId kC{FourCharCode("QFil"), FourCharCode("Ckey")};
@@ -65,9 +63,8 @@ TEST_F(XcbHotKeysTest, TellsWhichKeyWasPressedWhateverTheLocksAreAndNoOther) {
     ExpectPressed({kC});
     for (const std::string& lock : locks) Type(lock);
   }
-  for (const char* other : {"c", "ctrl+c", "alt+c", "ctrl+alt+shift+c", "ctrl+alt+super+c"}) {
+  for (const char* other : {"c", "ctrl+c", "alt+c", "ctrl+alt+shift+c", "ctrl+alt+super+c"})
     Type(other);
-  }
   ExpectPressed({});
 }
 

@@ -12,9 +12,7 @@
 namespace vardell {
 namespace {
 
-using test::Tool;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 
 // Monitors side by side on the 1280x800 screen; the primary is the first one, and then the last
 // whose name was given with a star.

@@ -36,9 +36,8 @@ class PostgresCluster {
     if (!password.open(QIODevice::WriteOnly)) throw std::runtime_error("no folder");
     password.write(kPassword);
     password.close();
-    for (const QString& path : {folder_.path(), password.fileName()}) {
+    for (const QString& path : {folder_.path(), password.fileName()})
       (void)!chown(path.toUtf8().constData(), uid_, static_cast<gid_t>(-1));
-    }
     const Finished made = Run({PostgresProgram("initdb"), "-N", "-E", "UTF8", "--locale=C", "-U",
                                "vardell", "--auth-local=trust", "--auth-host=scram-sha-256",
                                "--pwfile=" + password.fileName().toStdString(), "-D", Data()},

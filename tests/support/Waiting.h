@@ -17,6 +17,13 @@ using namespace std::chrono_literals;
 
 inline constexpr std::chrono::milliseconds kPatience = 20s;
 
+struct CoreApplication {
+  int argc = 1;
+  char name[5] = "test";
+  char* argv[2] = {name, nullptr};
+  QCoreApplication application{argc, argv};
+};
+
 // True as soon as `condition` holds; false at the deadline. Looks again every 10 ms and lets Qt's
 // event loop run meanwhile where there is one.
 inline bool WaitUntil(const std::function<bool()>& condition,

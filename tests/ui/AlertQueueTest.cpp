@@ -2,16 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <QGuiApplication>
 #include <map>
 
 #include "tests/support/QtEnvironment.h"
 
 namespace vardell {
 namespace {
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QGuiApplication>);
 
 // Alerts "a", "b" … and locks "L", "M" …: "a+" is a coming up, "a-" its going, "a!" the telling.
 class AlertQueueTest : public testing::Test {

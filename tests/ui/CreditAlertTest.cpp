@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QLocale>
 #include <tuple>
 
@@ -13,9 +12,6 @@ namespace vardell {
 namespace {
 
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 WatchedApp Entry(const char* identifier, const char* displayName) {
   WatchedApp entry;

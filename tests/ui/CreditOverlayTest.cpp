@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <QAccessible>
-#include <QApplication>
 #include <QMouseEvent>
 #include <QScreen>
 #include <QTranslator>
@@ -18,14 +17,8 @@
 namespace vardell {
 namespace {
 
-using test::Program;
-using test::Tool;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 constexpr std::int32_t kFront = 7;
 
@@ -80,10 +73,9 @@ TEST(CreditOverlayLineTest, TellsOfTheEntryInFrontAndOfTheQuota) {
       {"beyond", {settings}, -4, "disk -1 minute"},
       {"within the quota", {game}, 5, "Game: 1 hour 5 minutes left"},
   };
-  for (const auto& row : kRows) {
+  for (const auto& row : kRows)
     EXPECT_EQ(CreditOverlayLine(row.table, row.front, row.quota), QLatin1String(row.line))
         << row.behaviour;
-  }
 }
 
 // A white window over the whole screen that counts its clicks.

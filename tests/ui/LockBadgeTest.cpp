@@ -14,9 +14,7 @@
 namespace vardell {
 namespace {
 
-using test::Tool;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 using namespace Qt::StringLiterals;
 
 class LockBadgeTest : public test::ModalFixture {

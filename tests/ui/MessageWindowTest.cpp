@@ -18,16 +18,9 @@
 namespace vardell {
 namespace {
 
-using test::kSecond;
-using test::Program;
-using test::Tool;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 using Calls = std::vector<std::string>;
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 class MessageWindowTest : public test::ModalFixture {
  protected:

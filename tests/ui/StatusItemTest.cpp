@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <QAction>
-#include <QApplication>
 
 #include "Common Sources/Localization.h"
 #include "tests/support/FakePlatform.h"
@@ -15,9 +14,6 @@ namespace vardell {
 namespace {
 
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 using Texts = std::vector<std::string>;
 

@@ -2,7 +2,6 @@
 // decides where all of them go: what a system tray shows is in a program of its own.
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -16,13 +15,8 @@
 namespace vardell {
 namespace {
 
-using test::Program;
-using test::WaitUntil;
-using namespace std::chrono_literals;
+using namespace test;
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 const std::string kWatcher = "org.kde.StatusNotifierWatcher";
 

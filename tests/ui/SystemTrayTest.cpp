@@ -1,7 +1,6 @@
 // The status item in an X system tray, clicked by another program.
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QTemporaryDir>
 #include <QWidget>
 
@@ -14,12 +13,8 @@
 namespace vardell {
 namespace {
 
-using test::Program;
-using test::WaitUntil;
+using namespace test;
 using namespace Qt::StringLiterals;
-
-const auto* const kEnvironment =
-    testing::AddGlobalTestEnvironment(new test::QtEnvironment<QApplication>);
 
 // Qt's widget in the tray, where there is one.
 QWidget* Icon() {
