@@ -123,15 +123,13 @@ TEST_F(BackupTest, OptionsComeBackWithTheirLimit) {
 }
 
 TEST_F(BackupTest, ASchedulesProblemIsNamedAndAGoodOneComesBack) {
-  const auto with = [&](const std::string& stop) {
-    std::string days = R"("monday":[{"start":"20:00","stop":")" + stop + R"("}])";
-    for (const char* day : {"saturday", "sunday", "thursday", "tuesday", "wednesday"}) {
-      days += ",\"" + std::string(day) + "\":[]";
-    }
+  const auto with = [&](const char* stop) {
+    const QByteArray monday = R"([{"start":"20:00","stop":")" + QByteArray(stop) + R"("}])";
     std::string backup = kBackup;
     backup.insert(backup.find(R"("user":"anna"},)", backup.find("org.example.game")),
-                  R"("options":{"parallel":"union","schedule":{"days":{"friday":[],)" + days +
-                      R"(},"holidays":[]},"scope":"user@host","unlimited":true},)");
+                  R"("options":{"parallel":"union","schedule":{"days":)" +
+                      WeekOf("monday", monday).toStdString() +
+                      R"(,"holidays":[]},"scope":"user@host","unlimited":true},)");
     return backup;
   };
   const std::string refused = Restored(with("1:00"));

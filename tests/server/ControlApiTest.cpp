@@ -11,17 +11,13 @@ namespace {
 
 // Monday's windows, and forty holidays of the name.
 QByteArray ScheduleWith(const QByteArray& monday, const QByteArray& holiday = {}) {
-  QByteArray days;
-  for (const char* day : {"friday", "saturday", "sunday", "thursday", "tuesday", "wednesday"}) {
-    days += ",\"" + QByteArray(day) + "\":[]";
-  }
   QByteArray holidays;
   for (int number = 0; number < 40 && !holiday.isEmpty(); ++number) {
     holidays += QByteArray(holidays.isEmpty() ? "" : ",") +
                 R"({"first":"2027-07-01","last":"2027-08-31","name":")" + holiday +
                 R"(","windows":[]})";
   }
-  return R"({"days":{"monday":)" + monday + days + R"(},"holidays":[)" + holidays + "]}";
+  return R"({"days":)" + WeekOf("monday", monday) + R"(,"holidays":[)" + holidays + "]}";
 }
 
 // --- What the resources show.

@@ -60,9 +60,11 @@ class FrameListenerTest : public testing::Test {
       return value;
     };
     EXPECT_TRUE(option(SOL_SOCKET, SO_KEEPALIVE) && option(IPPROTO_TCP, TCP_NODELAY));
-    silence_ = option(IPPROTO_TCP, TCP_KEEPIDLE) +
-               option(IPPROTO_TCP, TCP_KEEPINTVL) * option(IPPROTO_TCP, TCP_KEEPCNT);
-    unread_ = option(IPPROTO_TCP, TCP_USER_TIMEOUT) / 1000;
+    // A machine that is gone is not waited for forever.
+    EXPECT_LE(option(IPPROTO_TCP, TCP_KEEPIDLE) +
+                  option(IPPROTO_TCP, TCP_KEEPINTVL) * option(IPPROTO_TCP, TCP_KEEPCNT),
+              600);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 600'000);
     return 7;
   }
 
@@ -99,8 +101,6 @@ class FrameListenerTest : public testing::Test {
   std::uint16_t port_ = 0;
   std::vector<std::uint64_t> handled_;  // whose frames, in order
   std::vector<QString> lines_;
-  int silence_ = 0;  // seconds, as the last connection has them
-  int unread_ = 0;
 };
 
 TEST_F(FrameListenerTest, KeepsRepliesBackInOrderUntilTheirChangesAreStored) {
@@ -209,15 +209,6 @@ TEST_F(FrameListenerTest, FramesOfAllSizesComeWholeHoweverTheyAreCut) {
   sender.join();
   EXPECT_EQ(read.size(), expected.size());
   EXPECT_TRUE(read == expected);
-}
-
-TEST_F(FrameListenerTest, AMachineThatIsGoneIsNotWaitedForForever) {
-  const Client agent(port_);
-  EXPECT_TRUE(WaitUntil([this] { return Connections() == 1; }));
-  network_.Run([this] {
-    EXPECT_EQ(silence_, 600);
-    EXPECT_EQ(unread_, 600);
-  });
 }
 
 }  // namespace

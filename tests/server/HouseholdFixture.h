@@ -12,6 +12,17 @@
 
 namespace vardell::server {
 
+// The days of a schedule that has hours on one of them alone, sorted.
+inline QByteArray WeekOf(const QByteArray& day, const QByteArray& windows) {
+  QByteArray week;
+  for (const char* one :
+       {"friday", "monday", "saturday", "sunday", "thursday", "tuesday", "wednesday"}) {
+    week +=
+        (week.isEmpty() ? "{\"" : ",\"") + QByteArray(one) + "\":" + (day == one ? windows : "[]");
+  }
+  return week + '}';
+}
+
 class HouseholdFixture : public testing::Test {
  protected:
   void SetUp() override {

@@ -1,5 +1,7 @@
 // What the Household makes of a limit's options; what credit pays without hours is in
 // HouseholdModelTest.
+#include <QJsonDocument>
+
 #include "Common Sources/Caps.h"
 #include "limits/WatchedApps.h"
 #include "link/LimitsRecord.h"
@@ -25,15 +27,10 @@ class HouseholdOptions : public HouseholdFixture {
   void Choose(const char* option, const QVariant& value) {
     Choose({{QLatin1String(option), value}});
   }
-  static QVariant Thursdays(const char* start, const char* stop) {
-    QVariantMap days;
-    for (const char* day : {"monday", "tuesday", "wednesday", "friday", "saturday", "sunday"}) {
-      days.insert(QLatin1String(day), QVariantList());
-    }
-    days.insert(QStringLiteral("thursday"),
-                QVariantList{QVariantMap{{QStringLiteral("start"), QLatin1String(start)},
-                                         {QStringLiteral("stop"), QLatin1String(stop)}}});
-    return QVariantMap{{QStringLiteral("days"), days}};
+  static QVariant Thursdays(const QByteArray& start, const QByteArray& stop) {
+    const QByteArray window = R"([{"start":")" + start + R"(","stop":")" + stop + R"("}])";
+    const QByteArray schedule = R"({"days":)" + WeekOf("thursday", window) + "}";
+    return QJsonDocument::fromJson(schedule).toVariant();
   }
 
   // Seconds since the beginning, by both clocks.

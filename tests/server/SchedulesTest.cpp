@@ -200,37 +200,6 @@ TEST(SchedulesTest, KeysSayTheWindowThatCounts) {
   }
 }
 
-TEST(SchedulesTest, TheEndOfAWindow) {
-  const struct {
-    const char* behaviour;
-    const char* zone;
-    const char* days;
-    const char* now;
-    std::int64_t minutes;
-  } rows[] = {
-      // clang-format off
-      {"over midnight", "UTC", "22:00-02:00//////", "2024-06-03 22:30", 210},
-      {"into the next day's own window", "UTC", "22:00-02:00/01:00-04:00 04:00-05:00/////", "2024-06-03 22:30", 390},
-      {"outside", "UTC", "22:00-02:00//////", "2024-06-03 21:59", 0},
-      {"an hour less in spring", "Europe/Berlin", "//////00:00-08:00", "2024-03-31 00:00", 420},
-      {"an hour more in autumn", "Europe/Berlin", "//////00:00-08:00", "2024-10-27 00:00", 540},
-      {"an end that is left out is where the clocks pass it", "Europe/Berlin", "//////00:00-02:30", "2024-03-31 01:00", 60},
-      {"an end that exists twice ends both times", "Europe/Berlin", "//////00:00-02:30", "2024-10-27 01:00", 90},
-      {"an hour that is repeated goes on where it is allowed again at once", "Europe/Berlin", "//////02:00-03:00", "2024-10-27 01:59", 0},
-      {"... for both of its passes", "Europe/Berlin", "//////01:00-03:00", "2024-10-27 01:00", 180},
-      {"midnight that comes twice", "America/Havana", "/////20:00-00:30/", "2024-11-02 23:00", 90},
-      {"... ends a day's window once only", "America/Havana", "/////20:00-24:00/", "2024-11-02 23:00", 60},
-      {"always", "UTC", kAlways, "2024-06-03 22:30", kNoEndInSight},
-      {"always but for one day", "UTC", "00:00-24:00/00:00-24:00/00:00-24:00/00:00-24:00/00:00-24:00/00:00-24:00/", "2024-06-03 00:00", 8640},
-      // clang-format on
-  };
-  for (const auto& row : rows) {
-    const Schedule schedule = Parsed(ScheduleOf(QLatin1String(row.days)));
-    const std::int64_t now = At(row.now, Zone(row.zone));
-    EXPECT_EQ(MinutesToWindowsEnd(schedule, Zone(row.zone), now), row.minutes) << row.behaviour;
-  }
-}
-
 TEST(SchedulesTest, CreditStaysWithinItsBounds) {
   const Schedule always = Parsed(ScheduleOf(QLatin1String(kAlways)));
   const std::pair<std::int64_t, int> rows[] = {
