@@ -120,32 +120,15 @@ TEST_F(ControlApi, PatchChangesTheNamedKeysUnderTheRevisionOnly) {
   EXPECT_EQ(Ask("PATCH", "/v1/users/ben/limits/x", body, {}, "*").status, 412) << "not new";
 }
 
-TEST_F(ControlApi, OptionsChangeBesideTheKeysAndUnderTheSameRevision) {
-  const auto options = [this] { return household_->Limits(anna_, game_)->options; };
-  const ControlAnswer both =
-      Ask("PATCH", kGame,
-          R"({"limits":{"WD stop":1200},"options":{"rollOver":true,"rollOverCap":180}})", "\"1\"");
-  EXPECT_EQ(both.etag, "\"2\"") << Text(both);
-  EXPECT_EQ(options(), (TopUpOptions{true, 180}));
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOverCap":null}})", "\"1\"").status, 412);
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOver":true}})", "\"2\"").etag, "\"2\"");
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"rollOverCap":null}})", "\"2\"").etag, "\"3\"");
-  Open();
-  EXPECT_EQ(options(), (TopUpOptions{true, std::nullopt}));
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"limits":{"WD stop":60}})", "\"3\"").status, 200);
-  EXPECT_EQ(options(), (TopUpOptions{true, std::nullopt})) << "are not the keys'";
-
-  EXPECT_EQ(Ask("DELETE", kGame, {}, "\"4\"").status, 200);
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"limits":{}})", {}, "*").status, 201);
-  EXPECT_EQ(options(), TopUpOptions()) << "are forgotten with the limit";
-}
-
-TEST_F(ControlApi, EveryOptionIsShownAuditedAndThereAfterARestart) {
+TEST_F(ControlApi, EveryOptionIsChangedBesideTheKeysShownAndThereAfterARestart) {
   const QByteArray schedule = ScheduleWith(R"([{"start":"22:00","stop":"01:00"}])", "Summer");
-  const QByteArray options = R"({"parallel":"union","rollOver":false,"rollOverCap":null,)"
+  const QByteArray options = R"({"parallel":"union","rollOver":true,"rollOverCap":180,)"
                              R"("schedule":)" +
                              schedule + R"(,"scope":"user@host","unlimited":true})";
-  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":)" + options + "}", "\"1\"").status, 200);
+  const QByteArray body = R"({"limits":{"WD stop":1200},"options":)" + options + "}";
+  EXPECT_EQ(Ask("PATCH", kGame, body, "\"1\"").etag, "\"2\"");
+  EXPECT_EQ(household_->Limits(anna_, game_)->limits.weekDayStop, 1200);
+  EXPECT_EQ(Ask("PATCH", kGame, R"({"options":{"unlimited":false}})", "\"1\"").status, 412);
   for (const char* when : {"at once", "after a restart"}) {
     const QJsonValue shown = Json(Ask("GET", kGame)).value(QLatin1String("options"));
     EXPECT_EQ(shown, QJsonDocument::fromJson(options).object()) << when;
