@@ -12,7 +12,7 @@ namespace {
 using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
-constexpr milliseconds kConnecting = 700ms;  // of Recover's second
+constexpr milliseconds kConnecting = 200ms;  // of Recover's half second
 constexpr milliseconds kChecking = 200ms;    // likewise
 constexpr milliseconds kReadingLedger = 500ms;
 constexpr milliseconds kPreparing = 10s;
