@@ -170,19 +170,15 @@ TEST_F(Settings, AnAccountThatTheMachineDoesNotHaveIsTakenWithAWarning) {
 }
 
 TEST_F(Settings, TwoAtOnceLoseNoChange) {
-  const char* const pairs[] = {"Last Minute Credit=off",
-                               "Auto Hide Alerts=on",
-                               "Play Alerts Sound=on",
-                               "Don't fade screen=on",
-                               "Show Lock Badge=on",
-                               "Configuration=1",
-                               "Server=a:1",
-                               "Non-watched account=root"};
+  const QString pairs =
+      u"Last Minute Credit=off|Auto Hide Alerts=on|Play Alerts Sound=on|"
+      "Don't fade screen=on|Show Lock Badge=on|Configuration=1|Server=a:1|"
+      "Non-watched account=root"_s;
   for (int round = 0; round < 3; ++round) {
     QFile::remove(path());
     std::vector<Program> all;
-    for (const char* pair : pairs) {
-      all.emplace_back(Words({"set", pair}), Program::Options{.output = "/dev/null"});
+    for (const QString& pair : pairs.split(u'|')) {
+      all.emplace_back(Words({"set", pair.toStdString()}), Program::Options{.output = "/dev/null"});
     }
     for (Program& one : all) EXPECT_EQ(one.Wait(), 0);
     EXPECT_EQ(Stored().size(), 8);
