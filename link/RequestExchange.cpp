@@ -138,6 +138,8 @@ std::int32_t SendRequest(ServerLink& link, RequestKind kind, const QByteArray& p
                     .reply = {}};
   const Progress progress =
       DiscardAvailable(*pair) ? RunExchange(*pair, &exchange, deadline) : Progress::Lost;
+  if (pair == link.shared && progress == Progress::Waiting) NoteSilence(link);
+  if (pair == link.shared && progress == Progress::Finished && expectReply) NoteAnswer(link);
   if (progress == Progress::Lost)
     LoseConnection(link);
   else if (!IsInStep(*pair, exchange) && pair == link.shared)

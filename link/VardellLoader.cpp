@@ -2,11 +2,13 @@
 
 #include <sys/select.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
-#include <vector>
 
+#include "Common Sources/Caps.h"
 #include "link/PinnedServer.h"
 
 namespace vardell {
@@ -42,6 +44,19 @@ std::optional<QByteArray> PrintableName(const QString& name) {
   return bytes;
 }
 
+bool IsSame(const NetService& one, const NetService& other) {
+  return one.name == other.name && one.domain == other.domain &&
+         one.interfaceIndex == other.interfaceIndex;
+}
+
+// 0: there is none better.
+std::ptrdiff_t Rank(const ServerLink& link, const NetService& service) {
+  const auto failed = std::find_if(link.unanswering.begin(), link.unanswering.end(),
+                                   [&](const NetService& one) { return IsSame(one, service); });
+  if (failed != link.unanswering.end()) return 2 + (failed - link.unanswering.begin());
+  return service.isLocal ? 0 : 1;
+}
+
 void PrintFound(const NetService& service) {
   const std::optional<QByteArray> domain = PrintableName(service.domain);
   const std::optional<QByteArray> name = PrintableName(service.name);
@@ -53,14 +68,13 @@ void PrintFound(const NetService& service) {
 }
 
 void Browse(ServerLink& link) {
-  link.foundInThisBrowse = false;
   link.domainBrowser =
       link.discovery.SearchForDomains([&link](std::uint32_t flags, const QString& domain) {
         DomainBrowserCallBack(link, flags, domain);
       });
   if (link.domainBrowser) {
     link.discovery.Run(kBrowseSeconds * link.second);
-    if (link.foundInThisBrowse && !link.rememberedService->isLocal)
+    if (link.foundInThisBrowse && Rank(link, *link.rememberedService) > 0)
       link.discovery.Run(link.second / kLocalServiceDivisor);
   }
   link.domainBrowser.reset();
@@ -83,6 +97,7 @@ std::optional<HostAndPort> PinnedHost(const ServerLink& link) {
 std::optional<std::vector<QByteArray>> FindServer(ServerLink& link) {
   std::vector<QByteArray> addresses;
   int error = 0;
+  link.foundInThisBrowse = false;
   if (const std::optional<HostAndPort> pinned = PinnedHost(link)) {
     error = LookUpHost(*pinned, &addresses);
   } else {
@@ -142,8 +157,8 @@ std::int32_t OpenSharedPair(ServerLink& link, const std::vector<QByteArray>& add
 std::int32_t ConnectToServer(ServerLink& link) {
   if (link.shared) return 0;
   const std::optional<std::vector<QByteArray>> addresses = FindServer(link);
-  if (!addresses) return kNoService;
-  const std::int32_t result = OpenSharedPair(link, *addresses);
+  const std::int32_t result = addresses ? OpenSharedPair(link, *addresses) : kNoService;
+  if (result != 0) NoteSilence(link);
   if (result == 0 && link.replyMissed) {
     link.replyMissed = false;
     link.offerAgain = true;
@@ -158,6 +173,20 @@ void DropServerConnection(ServerLink& link) {
 void ReconnectAfterDrop(ServerLink& link) {
   std::fprintf(stderr, "VARDELL ERROR: Re-connecting to server (connection dropped)\n");
   DropServerConnection(link);
+}
+
+void NoteAnswer(ServerLink& link) {
+  if (!link.rememberedService) return;
+  std::erase_if(link.unanswering,
+                [&](const NetService& one) { return IsSame(one, *link.rememberedService); });
+}
+
+void NoteSilence(ServerLink& link) {
+  if (!link.foundInThisBrowse) return;
+  NoteAnswer(link);
+  if (link.unanswering.size() >= kMaxFoundServices)
+    link.unanswering.erase(link.unanswering.begin());
+  link.unanswering.push_back(*link.rememberedService);
 }
 
 std::int32_t OpenLocalServerStreams(ServerLink& link, std::shared_ptr<StreamPair>* out) {
@@ -205,14 +234,15 @@ void ServiceBrowserCallBack(ServerLink& link, const QString& browsedDomain, std:
   if ((flags & kNetServiceFlagIsDomain) != 0)
     FailAssertion("!(flags & kCFNetServiceFlagIsDomain)", "ServiceBrowserCallBack", 550);
   if ((flags & kNetServiceFlagRemove) != 0) return;
-  if (link.foundInThisBrowse && (link.rememberedService->isLocal || !service.isLocal)) return;
+  const std::ptrdiff_t rank = Rank(link, service);
+  const bool isFirst = !link.foundInThisBrowse;
+  if (!isFirst && rank >= Rank(link, *link.rememberedService)) return;
   PrintFound(service);
   link.rememberedService = service;
   link.foundInThisBrowse = true;
-  // The search of a domain whose first service is another machine's goes on: this machine's own may
-  // still come.
-  if (service.isLocal) link.serviceBrowsers.erase(QString(browsedDomain));
-  link.discovery.Stop();
+  // Otherwise the search goes on: a better one may still come.
+  if (rank == 0) link.serviceBrowsers.erase(QString(browsedDomain));
+  if (isFirst || rank == 0) link.discovery.Stop();
 }
 
 }  // namespace vardell

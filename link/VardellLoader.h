@@ -5,7 +5,8 @@
 //
 // Which Server: the one that the preference "Server" names; otherwise a service that this machine
 // itself publishes (waited for 0.2 s after the first find); otherwise the first that is found; and
-// where none is, the one that was found last.
+// where none is, the one that was found last. A service that did not answer when it was last asked
+// comes after all others: a machine that lost its power goes on being found for an hour.
 #pragma once
 
 #include <QString>
@@ -15,6 +16,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "link/StreamPair.h"
 #include "platform/ServiceDiscovery.h"
@@ -43,8 +45,9 @@ struct ServerLink {
   std::optional<NetService> rememberedService;
   std::unique_ptr<NetServiceBrowser> domainBrowser;                       // during one connect
   std::map<QString, std::unique_ptr<NetServiceBrowser>> serviceBrowsers;  // by domain, likewise
-  bool foundInThisBrowse = false;
-  std::uint32_t reservedWord = 0;  // byte-swapped in place at each frame; stays zero
+  bool foundInThisBrowse = false;       // the remembered service, by the latest connect
+  std::vector<NetService> unanswering;  // when last asked; the latest one last
+  std::uint32_t reservedWord = 0;       // byte-swapped in place at each frame; stays zero
 
   // Set when a fetch got no reply; the next new connection then sets offerAgain, which whoever
   // offers all running applications once more clears.
@@ -61,6 +64,10 @@ void DropServerConnection(ServerLink& link);
 
 // DropServerConnection, announced on standard error.
 void ReconnectAfterDrop(ServerLink& link);
+
+// What became of asking the service that the latest connect found; of any other nothing is noted.
+void NoteAnswer(ServerLink& link);
+void NoteSilence(ServerLink& link);
 
 // A pair to "localhost", port 49308. 0, with the pair in `out`, or -1. A healthy pair is replaced
 // by a new connection, a broken one is handed out as it is.

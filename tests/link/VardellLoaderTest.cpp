@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "link/PinnedServer.h"
+#include "link/Requests.h"
 #include "tests/link/LinkFixture.h"
 
 namespace vardell {
@@ -106,6 +107,36 @@ TEST_F(LoaderTest, WhichOfSeveralServicesIsChosen) {
     EXPECT_EQ(observed.out, said + kAddress);
     EXPECT_EQ(network.liveBrowsers, 0);
   }
+}
+
+TEST_F(LoaderTest, WhoDidNotAnswerWhenLastAskedComesAfterAllOthers) {
+  const ScriptedPeer silent({StaySilent});
+  const ScriptedPeer answering({AnswerWith("<plist><dict/></plist>")});
+  const auto ends = [&](const char* name, std::uint16_t port) {
+    discovery.answers[QString::fromUtf8(name)] = {0, {}, {SocketAddressV4("127.0.0.1", port)}};
+  };
+  ends("mine", silent.Port());
+  ends("refuses", ClosedPort());
+  discovery.AddDomain(kLocalDomain);
+  for (const char* name : {"mine", "refuses", "without an address", "answers"})
+    discovery.AddService(Service(name, name == std::string("mine")));
+  link.second = 300ms;
+  const auto ask = [&] {
+    DropServerConnection(link);
+    discovery.resolved.clear();
+    (void)Observe([&] { return CopyLimitsDictionary(link, u"bob"_s, kType); });
+    QStringList asked;
+    for (const auto& [service, limit] : discovery.resolved) asked << service.name;
+    return asked.join(u", "_s);
+  };
+  EXPECT_EQ(ask(), u"mine"_s);
+  ends("answers", answering.Port());
+  EXPECT_EQ(ask(), u"refuses, without an address"_s);
+  EXPECT_EQ(ask(), u"answers"_s);
+  discovery.answers.erase(u"answers"_s);
+  ends("mine", answering.Port());
+  EXPECT_EQ(ask(), u"answers, mine"_s) << "of those that failed, the longest ago";
+  EXPECT_EQ(ask(), u"mine"_s) << "as before it failed";
 }
 
 TEST_F(LoaderTest, ServicesAreSearchedForInEachDomainUntilItGoes) {
