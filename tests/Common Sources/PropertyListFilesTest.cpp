@@ -85,11 +85,7 @@ TEST_F(PropertyListFiles, KnowsItsPlaces) {
 
 TEST_F(PropertyListFiles, TakesTheNameOfAUrl) {
   const QString longest(254, QChar(u'a'));
-  const struct {
-    QUrl url;
-    std::int32_t status;
-    QString name;
-  } kRows[] = {
+  const std::tuple<QUrl, std::int32_t, QString> kRows[] = {
       {QUrl(u"file:///a/b%20c.plist"_s), 0, u"b c.plist"_s},
       {QUrl(u"file:///a/b/"_s), 0, u"b"_s},
       {FileUrl(u'/' + longest), 0, longest},
@@ -97,10 +93,10 @@ TEST_F(PropertyListFiles, TakesTheNameOfAUrl) {
       {QUrl(), -1, {}},
       {QUrl(u"file:///"_s), -1, {}},
   };
-  for (const auto& row : kRows) {
+  for (const auto& [url, status, expected] : kRows) {
     QString name = u"before"_s;
-    EXPECT_EQ(GetFileNameFromURL(row.url, &name), row.status) << row.url.toString().toStdString();
-    EXPECT_EQ(name, row.name);
+    EXPECT_EQ(GetFileNameFromURL(url, &name), status) << url.toString().toStdString();
+    EXPECT_EQ(name, expected);
   }
 }
 

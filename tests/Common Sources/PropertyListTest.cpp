@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "Common Sources/Caps.h"
 
@@ -170,12 +171,8 @@ TEST(PropertyList, RefusesToWriteWhatTheFormatCannotHold) {
 // ---- Numbers ----
 
 TEST(PropertyList, ConvertsNumbersByTruncating) {
-  const struct {
-    QVariant value;
-    std::optional<double> asDouble;
-    std::optional<std::int32_t> asInt32;
-    std::optional<int> asInt8;
-  } kRows[] = {
+  using Int = std::optional<std::int32_t>;
+  const std::tuple<QVariant, std::optional<double>, Int, Int> kRows[] = {
       {12.9, 12.9, 12, 12},
       {-12.9, -12.9, -12, -12},
       {(qlonglong(1) << 32) + 5, 4294967301.0, 5, 5},
@@ -187,11 +184,11 @@ TEST(PropertyList, ConvertsNumbersByTruncating) {
       {true, {}, {}, {}},
       {QVariant(), {}, {}, {}},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(Shown(row.value));
-    EXPECT_EQ(NumberAsDouble(row.value), row.asDouble);
-    EXPECT_EQ(NumberAsInt32(row.value), row.asInt32);
-    EXPECT_EQ(NumberAsInt8(row.value), row.asInt8);
+  for (const auto& [value, asDouble, asInt32, asInt8] : kRows) {
+    SCOPED_TRACE(Shown(value));
+    EXPECT_EQ(NumberAsDouble(value), asDouble);
+    EXPECT_EQ(NumberAsInt32(value), asInt32);
+    EXPECT_EQ(NumberAsInt8(value), asInt8);
   }
   EXPECT_EQ(NumberAsInt32(std::nan("")), 0);
 }

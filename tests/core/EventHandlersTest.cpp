@@ -84,6 +84,10 @@ TEST_F(EventHandlersTest, HotKeysShowTheOverlayAndToggleTheItemAndAFrontSwitchRe
   EXPECT_EQ(QStringList{u"lock"_s}, ShownAlerts());
   front.SwitchTo(4711);
   EXPECT_EQ(1, overlaysRedrawn);
+  EXPECT_EQ(kEventNotHandled, HandleSessionEvent(agent, {kEventClassSystem, 9, {}, {}}));
+  EXPECT_EQ(kEventNotHandled, HandleApplicationEvent(agent, {kEventClassApplication, 7, {}, {}}));
+  EXPECT_EQ(kEventNotHandled, HandleFrontSwitchEvent(agent, {kEventClassApplication, 5, {}, {}}));
+  EXPECT_EQ(kEventNotHandled, HandleHotKeyEvent(agent, {kEventClassKeyboard, 6, {}, {}}));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 
 #include "platform/HotKeys.h"
 #include "tests/support/FakeInstalledApplications.h"
@@ -186,11 +187,7 @@ TEST_F(CatalogueTest, RowsWithoutANameStandLastWhateverTheOrder) {
 }
 
 TEST(CompareCatalogueNamesTest, FoldsCaseAndTakesAMissingNameAsEqual) {
-  const struct {
-    const char* what;
-    QVariant one, other;
-    int sign;
-  } rows[] = {
+  const std::tuple<const char*, QVariant, QVariant, int> rows[] = {
       {"letter case", u"CHESS"_s, u"chess"_s, 0},
       {"beyond ASCII", u"ΣΊΣΥΦΟΣ"_s, u"σίσυφος"_s, 0},
       {"less", u"a"_s, u"B"_s, -1},
@@ -199,9 +196,9 @@ TEST(CompareCatalogueNamesTest, FoldsCaseAndTakesAMissingNameAsEqual) {
       {"one has none", QVariant(), u"a"_s, 0},
       {"no text", u"a"_s, 17, 0},
   };
-  for (const auto& row : rows) {
-    const int found = CompareCatalogueNames(Row("one", row.one), Row("other", row.other));
-    EXPECT_EQ((found > 0) - (found < 0), row.sign) << row.what;
+  for (const auto& [what, one, other, sign] : rows) {
+    const int found = CompareCatalogueNames(Row("one", one), Row("other", other));
+    EXPECT_EQ((found > 0) - (found < 0), sign) << what;
   }
 }
 

@@ -70,26 +70,22 @@ TEST(DataForm, StringsAppendAsLengthAndUtf8) {
 }
 
 TEST(DataForm, BadStringsAreAbsentAndNothingOutsideIsRead) {
-  const struct {
-    const char* behaviour;
-    QByteArray data;
-    qsizetype offset;
-    qsizetype next;  // -1: untouched
-  } rows[] = {
-      {"data shorter than the offset", Hex("0000"), 3, -1},
-      {"an offset below zero", Hex("00000000"), -1, -1},
-      {"an offset at the greatest value", Hex("00000000"), kFarthest, -1},
-      {"a length that is cut off", Hex("010000"), 0, -1},
+  constexpr qsizetype kUntouched = -1;
+  const std::tuple<const char*, QByteArray, qsizetype, qsizetype> rows[] = {
+      {"data shorter than the offset", Hex("0000"), 3, kUntouched},
+      {"an offset below zero", Hex("00000000"), -1, kUntouched},
+      {"an offset at the greatest value", Hex("00000000"), kFarthest, kUntouched},
+      {"a length that is cut off", Hex("010000"), 0, kUntouched},
       {"a text that is cut off", Hex("05000000616263"), 0, 9},
       {"a length of 4 GiB less one", Hex("ffffffff61"), 0, 4 + 0xffffffffLL},
       {"bytes that are no UTF-8", Hex("02000000c328"), 0, 6},
       {"UTF-8 that ends within a character", Hex("01000000c3"), 0, 5},
       {"a surrogate in UTF-8", Hex("03000000eda080"), 0, 7},
   };
-  for (const auto& row : rows) {
-    qsizetype next = -1;
-    EXPECT_EQ(CopyStringFromData(row.data, row.offset, &next), std::nullopt) << row.behaviour;
-    EXPECT_EQ(next, row.next) << row.behaviour;
+  for (const auto& [behaviour, data, offset, expected] : rows) {
+    qsizetype next = kUntouched;
+    EXPECT_EQ(CopyStringFromData(data, offset, &next), std::nullopt) << behaviour;
+    EXPECT_EQ(next, expected) << behaviour;
   }
 }
 
@@ -143,12 +139,7 @@ TEST(BufferForm, WritingStopsAtWhatCannotBeWritten) {
 }
 
 TEST(BufferForm, LengthsAreBounded) {
-  const struct {
-    const char* behaviour;
-    QByteArray buffer;
-    std::optional<QString> text;
-    qsizetype position;
-  } rows[] = {
+  const std::tuple<const char*, QByteArray, std::optional<QString>, qsizetype> rows[] = {
       {"1024 bytes are read", Hex("00040000") + QByteArray(1024, 'a'), QString(1024, u'a'), 1028},
       {"1025 bytes are refused", Hex("01040000") + QByteArray(1025, 'a'), {}, 4},
       {"a length below zero is refused", Hex("ffffffff61"), {}, 4},
@@ -156,10 +147,10 @@ TEST(BufferForm, LengthsAreBounded) {
       {"bytes that are no UTF-8 are passed over", Hex("01000000ff"), {}, 5},
       {"a length that is cut off stays", Hex("000000"), {}, 0},
   };
-  for (const auto& row : rows) {
+  for (const auto& [behaviour, buffer, text, end] : rows) {
     qsizetype position = 0;
-    EXPECT_EQ(ReadStringFromBuffer(row.buffer, position), row.text) << row.behaviour;
-    EXPECT_EQ(position, row.position) << row.behaviour;
+    EXPECT_EQ(ReadStringFromBuffer(buffer, position), text) << behaviour;
+    EXPECT_EQ(position, end) << behaviour;
   }
   qsizetype outside = 9;
   EXPECT_EQ(ReadStringFromBuffer(Hex("00000000"), outside), std::nullopt);

@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "Common Sources/PropertyList.h"
 #include "link/MessageEncoding.h"
 #include "link/RequestExchange.h"
@@ -46,27 +48,22 @@ TEST_F(RequestsTest, GoOverOneConnection) {
 }
 
 TEST_F(RequestsTest, WhatAFetchMakesOfAReply) {
-  const struct {
-    const char* behaviour;
-    QByteArray body;
-    QVariant limits;
-    bool missed;
-  } rows[] = {
+  const std::tuple<const char*, QByteArray, QVariant, bool> rows[] = {
       {"a dictionary", Xml(kLimits), kLimits, false},
       {"an empty dictionary is an answer", Xml(QVariantMap()), QVariantMap(), false},
-      {"a string is handed on and answers nothing", Xml(u"no"_s), u"no"_s, true},
+      {"a string is handed on, no answer", Xml(u"no"_s), u"no"_s, true},
       {"no property list", "garbage", QVariant(), true},
       {"half a property list", Xml(kLimits).chopped(9), QVariant(), true},
       {"a length of 0", "", QVariantMap(), true},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.behaviour);
-    const ScriptedPeer& peer = Serve({AnswerWith(row.body)});
+  for (const auto& [behaviour, body, expected, missed] : rows) {
+    SCOPED_TRACE(behaviour);
+    const ScriptedPeer& peer = Serve({AnswerWith(body)});
     link.replyMissed = link.offerAgain = false;
     const QVariant limits = Fetch();
-    EXPECT_EQ(limits, row.limits);
-    EXPECT_EQ(limits.isValid(), row.limits.isValid());
-    EXPECT_EQ(link.replyMissed, row.missed);
+    EXPECT_EQ(limits, expected);
+    EXPECT_EQ(limits.isValid(), expected.isValid());
+    EXPECT_EQ(link.replyMissed, missed);
     EXPECT_EQ(observed.err, "");
     EXPECT_EQ(peer.Frames().size(), 1u);
   }

@@ -50,6 +50,17 @@ TEST(StreamPair, ItsEndIsKnownOnlyAfterAReadOfNothing) {
   EXPECT_FALSE(pair->OpenRead());
 }
 
+TEST(StreamPair, WritingToAPeerThatHasGoneIsAnErrorAndNoSignal) {
+  ScriptedPeer peer({[](PeerConnection&) {}});
+  const std::unique_ptr<StreamPair> pair = OpenTo(peer.Port());
+  ASSERT_EQ(WaitForReadable(pair->Descriptor(), {.tv_sec = 10, .tv_usec = 0}), 1);
+  const auto deadline = Soon();
+  while (pair->Write("x", 1) >= 0 && StreamPair::Clock::now() < deadline) {
+  }
+  EXPECT_EQ(pair->WriteStatus(), StreamStatus::Error);
+  EXPECT_EQ(pair->ReadStatus(), StreamStatus::Error);
+}
+
 // Without a listener the kernel sooner or later picks the wanted port as the connection's own. It
 // gives ports of one parity to bind(2) and of the other to connect(2).
 TEST(StreamPair, IsNeverConnectedToItself) {

@@ -167,8 +167,8 @@ TEST_F(InstalledTest, AFolderOfHigherPrecedenceHidesIdsOfALowerOne) {
 TEST_F(InstalledTest, NamesAreInTheLanguagesOfThePerson) {
   installed_.Write(
       installed_.SystemFolder() + u"/chess.desktop"_s,
-      "[Desktop Entry]\nType=Application\nExec=/bin/true\nName=Chess\nName[de]=Schach\n"
-      "Name[de_AT]=Sch\\\\ach\\s(A)\nName[fr]=Échecs\nName[sr]=Шах\nName[sr@latin]=Šah\n"
+      "[Desktop Entry]\nType=Application\nExec=/bin/true\nName=Chess\nName[fr]=Échecs\n"
+      "Name[de]=Schach\nName[de_AT]=Sch\\\\ach\\s(A)\nName[sr]=Шах\nName[sr@latin]=Šah\n"
       "Name[zh_CN]=国际象棋\nName[zh_TW]=西洋棋\nName[pt_BR]=Xadrez\n");
   const char* const languages[] = {"C",           "de_DE.UTF-8",    "de_AT",       "fr_FR:de",
                                    "sr_RS@latin", "sr_RS",          "zh_CN.UTF-8", "zh_TW",
