@@ -41,12 +41,31 @@ void ForgetEntry(Agent& agent, const WatchedApp& entry) {
   agent.alerts.DropAlertsOf(entry);
 }
 
-// True when the Server no longer watches the identifier.
-bool ReportAndRefresh(Agent& agent, WatchedApp& entry) {
-  const QByteArray payload =
-      AppendLimitsRecordToData(agent.currentUserName, entry.identifier, entry.limits);
+void Report(Agent& agent, const QString& identifier, const LimitsRecord& limits) {
+  const QByteArray payload = AppendLimitsRecordToData(agent.currentUserName, identifier, limits);
   (void)SendRequest(agent.link, RequestKind::CreditReport, payload, kReportTimeout, false, nullptr);
-  return RefreshWatchedApp(MakeWatchContext(agent), entry, !entry.lastMinuteUsed);
+}
+
+// Never -1, which would say that the application had its end.
+void ClaimMinutes(Agent& agent, const WatchedApp& entry, std::int64_t minutes) {
+  if (entry.limits.credit == kSpentCredit) return;
+  LimitsRecord record = entry.limits;
+  record.credit = static_cast<std::int32_t>(std::max<std::int64_t>(0, record.credit - minutes));
+  Report(agent, entry.identifier, record);
+}
+
+// True when the Server no longer watches the identifier. A report may get lost with its connection,
+// and who answers on the next one may be another Server, which owes nothing to the first: the
+// minute is claimed there. No Server takes more than have passed.
+bool ReportAndRefresh(Agent& agent, WatchedApp& entry) {
+  const bool isMinute = entry.limits.credit >= 0;
+  Report(agent, entry.identifier, entry.limits);
+  const std::shared_ptr<StreamPair> reportedOn = agent.link.shared;
+  const WatchContext context = MakeWatchContext(agent);
+  const bool unwatched = RefreshWatchedApp(context, entry, !entry.lastMinuteUsed);
+  if (unwatched || !isMinute || agent.link.shared == reportedOn) return unwatched;
+  ClaimMinutes(agent, entry, 1);
+  return RefreshWatchedApp(context, entry, !entry.lastMinuteUsed);
 }
 
 void SpendLastMinute(Agent& agent, WatchedApp& entry) {
@@ -175,16 +194,6 @@ void CountLostSeconds(Agent& agent) {
   }
 }
 
-// Never -1, which would say that the application had its end.
-void ClaimMinutes(Agent& agent, const LostApp& lost) {
-  LimitsRecord record = lost.entry->limits;
-  const std::int64_t begun = lost.seconds / 60 + 1;
-  record.credit = static_cast<std::int32_t>(std::max<std::int64_t>(0, record.credit - begun));
-  const QByteArray payload =
-      AppendLimitsRecordToData(agent.currentUserName, lost.entry->identifier, record);
-  (void)SendRequest(agent.link, RequestKind::CreditReport, payload, kReportTimeout, false, nullptr);
-}
-
 // The minutes that were used while nobody answered; the Server takes no more than have passed. To
 // be done before the applications are offered: a start that is announced when the paid time is long
 // over begins anew. False where the Server still does not answer; what is left is tried again.
@@ -194,7 +203,7 @@ bool ClaimLostMinutes(Agent& agent) {
     agent.link.replyMissed = false;
     const bool unwatched = RefreshWatchedApp(MakeWatchContext(agent), *lost.entry, false);
     if (agent.link.replyMissed) return false;
-    if (!unwatched && lost.entry->limits.credit != kSpentCredit) ClaimMinutes(agent, lost);
+    if (!unwatched) ClaimMinutes(agent, *lost.entry, lost.seconds / 60 + 1);
     agent.lostApps.pop_back();
   }
   return true;

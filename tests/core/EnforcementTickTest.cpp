@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -293,6 +294,15 @@ TEST_F(EnforcementTickTest, EverythingIsOfferedAgainOnceALostServerIsBack) {
   EXPECT_TRUE(IsWatched(kToy));
   EXPECT_TRUE(IsWatched(QLatin1String(kGlobalSettingsIdentifier)));
   EXPECT_FALSE(agent.link.replyMissed);
+}
+
+TEST_F(EnforcementTickTest, AMinuteIsClaimedAgainWhenItsReportGetsLostWithTheConnection) {
+  Watch(kToy, 30, 42);
+  Tick();
+  (void)Frames();
+  shutdown(agent.link.shared->Descriptor(), SHUT_RDWR);
+  Minutes(1);
+  EXPECT_EQ(Frames(), u"1 6:28 1"_s);
 }
 
 struct Outage {
