@@ -8,9 +8,14 @@
 
 #include "core/Agent.h"
 #include "core/EnforcementTick.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeFrontApplication.h"
+#include "tests/support/FakeHotKeys.h"
+#include "tests/support/FakePreferences.h"
 #include "tests/support/FakeProcesses.h"
+#include "tests/support/FakeScreens.h"
 #include "tests/support/FakeServiceDiscovery.h"
+#include "tests/support/FakeSession.h"
+#include "tests/support/FakeSystem.h"
 #include "tests/support/RecordingServer.h"
 #include "tests/support/Waiting.h"
 

@@ -6,8 +6,8 @@
 #include <tuple>
 
 #include "platform/HotKeys.h"
+#include "tests/support/FakeApplicationPreferences.h"
 #include "tests/support/FakeInstalledApplications.h"
-#include "tests/support/FakePlatform.h"
 
 namespace vardell {
 namespace {

@@ -10,9 +10,9 @@
 #include "limits/ApplicationIdentifier.h"
 #include "link/VardellLoader.h"
 #include "platform/HotKeys.h"
-#include "tests/support/FakePlatform.h"
 #include "tests/support/FakeProcesses.h"
 #include "tests/support/FakeServiceDiscovery.h"
+#include "tests/support/FakeSystem.h"
 #include "tests/support/RecordingServer.h"
 
 namespace vardell {

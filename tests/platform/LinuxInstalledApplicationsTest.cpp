@@ -11,7 +11,8 @@
 #include "limits/ApplicationsCatalogue.h"
 #include "platform/linux/LinuxProcesses.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeApplicationPreferences.h"
+#include "tests/support/FakeSession.h"
 #include "tests/support/Program.h"
 
 namespace vardell {

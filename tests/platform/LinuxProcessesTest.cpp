@@ -8,7 +8,7 @@
 
 #include "platform/HotKeys.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeSession.h"
 #include "tests/support/Program.h"
 
 namespace vardell {

@@ -9,7 +9,7 @@
 #include "platform/linux/XcbDesktop.h"
 #include "platform/linux/XcbWindowOwners.h"
 #include "tests/platform/Installation.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeSession.h"
 #include "tests/support/Program.h"
 #include "tests/support/SecondClient.h"
 

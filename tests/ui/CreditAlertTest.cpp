@@ -5,7 +5,7 @@
 #include <QLocale>
 #include <tuple>
 
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeScreens.h"
 #include "tests/support/QtEnvironment.h"
 
 namespace vardell {

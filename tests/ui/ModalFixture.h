@@ -9,7 +9,7 @@
 #include <deque>
 #include <functional>
 
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeScreens.h"
 #include "tests/support/QtEnvironment.h"
 #include "tests/support/SecondClient.h"
 

@@ -6,7 +6,7 @@
 #include <QAction>
 
 #include "Common Sources/Localization.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeStatusBar.h"
 #include "tests/support/QtEnvironment.h"
 #include "ui/Images.h"
 

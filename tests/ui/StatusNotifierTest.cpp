@@ -6,7 +6,7 @@
 #include <QTemporaryDir>
 
 #include "platform/linux/LinuxStatusBar.h"
-#include "tests/support/FakePlatform.h"
+#include "tests/support/FakeScreens.h"
 #include "tests/support/Program.h"
 #include "tests/support/QtEnvironment.h"
 #include "ui/MessagePanel.h"
