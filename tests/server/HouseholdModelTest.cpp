@@ -218,17 +218,16 @@ class Life : Dice {
     const std::int64_t reach[] = {10 * kMinute, 3 * kHour, 2 * kDay, 40 * kDay, 400 * kDay};
     const std::int64_t most = Any(reach);
     const std::int64_t jump = wrongBy_ != 0 && !Once(3) ? -wrongBy_ : Below(2 * most) - most;
-    const bool isNotable = std::abs(jump) > 3 * kMinute;
-    if (isNotable && home_.Wall() + jump > kDay) WrongBy(wrongBy_ + jump, true);
+    if (std::abs(jump) <= 3 * kMinute || home_.Wall() + jump <= kDay) return;
+    WrongBy(wrongBy_ + jump, true);
   }
   void WrongBy(std::int64_t wrongBy, bool isKnownToBeRight) {
     home_.SetWall(home_.Wall() + wrongBy - std::exchange(wrongBy_, wrongBy), isKnownToBeRight);
   }
   void GiveTurn() {
     const std::size_t other = 1 - home_.Turn();
-    const bool isDeath = Once(2);
     home_.TakeTurn(other);
-    if (!isDeath) return;
+    if (!Once(2)) return;
     // The agents of the one that died go over to the other one.
     for (std::size_t i = 0; i < agents_.size(); ++i) {
       Agent& agent = agents_[i];
@@ -249,9 +248,8 @@ class Life : Dice {
   // --- Administrators.
 
   std::int64_t AnyCredit() {
-    const std::int64_t few = Below(12);
     const std::int64_t any[] = {Below(12), Below(200), kSpent + 1 + Below(3), kMost - Below(3)};
-    const std::int64_t credits[] = {0, 1, 2, 5, few, kSpent, kSpent - 1, Any(any), Any(any)};
+    const std::int64_t credits[] = {0, 1, 2, 5, any[0], kSpent, kSpent - 1, Any(any), Any(any)};
     return Any(credits);
   }
   void ChangeSomeLimits() { ChangeLimits(AnyName()); }

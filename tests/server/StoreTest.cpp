@@ -101,6 +101,7 @@ TEST_F(StoreTest, AStoreOfEarlierVersionsKeepsEverything) {
     EXPECT_EQ(contents.lanes.size(), 1u);
     EXPECT_EQ(contents.removed.at(0).revision, 9u);
     EXPECT_EQ(contents.usage.at(0).minutes, 5);
+    EXPECT_EQ(store->Adjustment(QStringLiteral("a1"))->added, 0);
     EXPECT_EQ(store->Adjustment(QStringLiteral("a2"))->added, 12);
   }
   Open();
