@@ -165,8 +165,8 @@ class Store {
   // What others changed since the last News, Load or conflict. Throws StoreAway.
   virtual StoreNews News() = 0;
   // Whether a store that failed can be used again; tries to reach it. Not more than half a second:
-  // changes that come in meanwhile wait to be spooled. An attempt that takes longer goes on, and the
-  // next call asks for its result. `error`: a line for people.
+  // changes that come in meanwhile wait to be spooled. An attempt that takes longer goes on, and
+  // the next call asks for its result. `error`: a line for people.
   [[nodiscard]] virtual bool Recover(QString* error) = 0;
 
   // --- A restore that is too large for one transaction. Its rows of the ledger, whose source is
