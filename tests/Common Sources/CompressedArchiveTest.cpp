@@ -11,6 +11,7 @@
 #include <QtEndian>
 #include <cmath>
 #include <limits>
+#include <new>
 
 #include "Common Sources/Caps.h"
 #include "Common Sources/FileSystem.h"
@@ -26,6 +27,10 @@ std::size_t largestArray = 0;  // asked for since it was set to 0
 void* operator new[](std::size_t size) {
   largestArray = std::max(largestArray, size);
   return ::operator new(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  largestArray = std::max(largestArray, size);
+  return ::operator new(size, std::nothrow);
 }
 void operator delete[](void* array) noexcept {
   ::operator delete(array);
